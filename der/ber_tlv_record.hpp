@@ -1,0 +1,85 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "keyloft/bytes.hpp"
+
+namespace keyloft::der {
+
+// An immutable TLV record, encoded in DER. Children are shared, never copied or changed.
+class BerTlvRecord {
+public:
+    using Children = std::vector<BerTlvRecord>;
+
+    std::uint8_t tag() const { return node_->tag; }
+    bool isConstructed() const { return std::holds_alternative<Children>(node_->content); }
+    // Content of a primitive record (empty for a constructed one).
+    const Bytes& bytes() const;
+    // Children of a constructed record (empty for a primitive one).
+    const Children& children() const;
+
+    bool operator==(const BerTlvRecord& other) const;
+
+    friend BerTlvRecord primitiveRecord(std::uint8_t tag, ByteView content);
+    friend BerTlvRecord constructedRecord(std::uint8_t tag, Children children);
+
+private:
+    struct Node {
+        std::uint8_t tag;
+        std::variant<Bytes, Children> content;
+    };
+    explicit BerTlvRecord(std::shared_ptr<const Node> node) : node_(std::move(node)) {}
+    std::shared_ptr<const Node> node_;
+};
+
+namespace tag {
+inline constexpr std::uint8_t boolean = 0x01;
+inline constexpr std::uint8_t integer = 0x02;
+inline constexpr std::uint8_t bitString = 0x03;
+inline constexpr std::uint8_t octetString = 0x04;
+inline constexpr std::uint8_t null = 0x05;
+inline constexpr std::uint8_t objectIdentifier = 0x06;
+inline constexpr std::uint8_t utf8String = 0x0C;
+inline constexpr std::uint8_t printableString = 0x13;
+inline constexpr std::uint8_t ia5String = 0x16;
+inline constexpr std::uint8_t utcTime = 0x17;
+inline constexpr std::uint8_t generalizedTime = 0x18;
+inline constexpr std::uint8_t sequence = 0x30;
+inline constexpr std::uint8_t set = 0x31;
+inline constexpr std::uint8_t contextPrimitive0 = 0x80;
+inline constexpr std::uint8_t contextPrimitive1 = 0x81;
+inline constexpr std::uint8_t contextConstructed0 = 0xA0;
+inline constexpr std::uint8_t contextConstructed1 = 0xA1;
+inline constexpr std::uint8_t contextConstructed3 = 0xA3;
+}  // namespace tag
+
+BerTlvRecord primitiveRecord(std::uint8_t tag, ByteView content);
+BerTlvRecord constructedRecord(std::uint8_t tag, BerTlvRecord::Children children);
+inline BerTlvRecord sequenceRecord(BerTlvRecord::Children children) {
+    return constructedRecord(tag::sequence, std::move(children));
+}
+inline BerTlvRecord setRecord(BerTlvRecord::Children children) {
+    return constructedRecord(tag::set, std::move(children));
+}
+
+Bytes encode(const BerTlvRecord& record);
+
+BerTlvRecord integerRecord(std::int64_t value);
+BerTlvRecord unsignedIntegerRecord(ByteView magnitude);
+BerTlvRecord bitStringRecord(ByteView bytes);
+BerTlvRecord namedBitsRecord(std::uint8_t mask);
+BerTlvRecord octetStringRecord(ByteView bytes);
+BerTlvRecord asciiStringRecord(std::uint8_t tag, std::string_view text);
+BerTlvRecord wrapInOctetString(const BerTlvRecord& record);
+const BerTlvRecord& nullRecord();
+const BerTlvRecord& booleanTrueRecord();
+
+// One complete record filling the whole input, or nothing.
+std::optional<BerTlvRecord> parseRecord(ByteView bytes);
+
+}  // namespace keyloft::der

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace keyloft {
+
+using Bytes = std::vector<std::uint8_t>;
+using ByteView = std::span<const std::uint8_t>;
+
+inline Bytes bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+
+inline Bytes concat(std::initializer_list<ByteView> parts) {
+    Bytes out;
+    for (auto part : parts) out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+}  // namespace keyloft

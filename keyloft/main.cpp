@@ -1,0 +1,3 @@
+#include "keyloft/entry.hpp"
+
+int main(int argc, char** argv) { return keyloft::runEntry(argc, argv); }

@@ -1,0 +1,72 @@
+"""Shared fixtures: run the built keyloft in a private HOME and read its state independently."""
+import os
+import pathlib
+import plistlib
+import sqlite3
+import subprocess
+
+import pytest
+
+KEYLOFT = os.environ.get("KEYLOFT") or str(
+    pathlib.Path(__file__).resolve().parents[2] / "build" / "keyloft")
+PAM_CONFDIR = os.environ.get("KEYLOFT_TEST_PAM_CONFDIR", "")
+
+
+class Card:
+    """One user's card: a temporary HOME, the tool run in it, and readers for its state."""
+
+    def __init__(self, home: pathlib.Path):
+        self.home = home
+        self.data_home = home / "data"
+        self.folder = self.data_home / "keyloft"
+        self.db_path = self.folder / "tokens.db"
+
+    def env(self, **extra):
+        env = {k: v for k, v in os.environ.items() if not k.startswith("XDG_")}
+        env.update(HOME=str(self.home), XDG_DATA_HOME=str(self.data_home), LC_ALL="C.UTF-8",
+                   TZ="UTC")
+        env.update(extra)
+        return env
+
+    def run(self, *args, stdin=None, cwd=None, **env):
+        """Runs keyloft without a controlling terminal; returns the CompletedProcess."""
+        result = subprocess.run([KEYLOFT, *args], input=stdin, capture_output=True, text=True,
+                                cwd=cwd or self.home, env=self.env(**env), timeout=120,
+                                start_new_session=True)
+        assert result.returncode == 0, result
+        return result
+
+    def out(self, *args, **kwargs):
+        return self.run(*args, **kwargs).stdout
+
+    def db(self):
+        return sqlite3.connect(f"file:{self.db_path}?mode=ro", uri=True)
+
+    def items(self):
+        with self.db() as db:
+            return db.execute(
+                "SELECT kind, object_id, label, certificate, can_sign, can_decrypt,"
+                " can_key_exchange FROM items WHERE driver='org.keyloft.token' AND instance='user'"
+                " ORDER BY position").fetchall()
+
+    def config_data(self):
+        with self.db() as db:
+            row = db.execute("SELECT config_data FROM tokens WHERE driver='org.keyloft.token'"
+                             " AND instance='user'").fetchone()
+        return None if row is None else row[0]
+
+    def records(self):
+        """The stored-key records as {hash bytes: dict}, read with Python's plistlib."""
+        data = self.config_data()
+        if data is None:
+            return None
+        root = plistlib.loads(data)
+        pairs = root["keys"]
+        return {pairs[i]: pairs[i + 1] for i in range(0, len(pairs), 2)}
+
+
+@pytest.fixture
+def card(tmp_path):
+    home = tmp_path / "home"
+    home.mkdir()
+    return Card(home)
