@@ -1,0 +1,10 @@
+#pragma once
+
+#include <filesystem>
+
+namespace keyloft::platform {
+
+// $XDG_DATA_HOME/keyloft, or $HOME/.local/share/keyloft; created with mode 0700 when missing.
+std::filesystem::path dataFolder();
+
+}  // namespace keyloft::platform

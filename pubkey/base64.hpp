@@ -1,0 +1,17 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "keyloft/bytes.hpp"
+
+namespace keyloft::pubkey {
+
+// Standard base64 (RFC 4648 alphabet) with "=" padding, no line breaks.
+std::string base64Encode(ByteView bytes);
+
+// Strict decoding: only the alphabet and correct trailing padding; nothing is skipped.
+std::optional<Bytes> base64Decode(std::string_view text);
+
+}  // namespace keyloft::pubkey
