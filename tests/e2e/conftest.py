@@ -42,6 +42,12 @@ class Card:
     def db(self):
         return sqlite3.connect(f"file:{self.db_path}?mode=ro", uri=True)
 
+    def sql(self, *statements):
+        """Changes the store behind the tool's back, as another program could."""
+        with sqlite3.connect(self.db_path) as db:
+            for statement in statements:
+                db.execute(statement)
+
     def items(self):
         with self.db() as db:
             return db.execute(
