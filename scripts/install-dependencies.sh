@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages that building and testing keyloft needs.
+set -euo pipefail
+
+packages=(
+    g++ cmake ninja-build pkg-config
+    libssl-dev libsqlite3-dev libicu-dev libplist-dev libpam0g-dev libpam-modules
+    libgtest-dev libgmock-dev
+    openssl openssh-client python3 python3-pytest python3-cryptography
+)
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+missing=()
+for package in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
+        missing+=("$package")
+done
+if [ "${#missing[@]}" -gt 0 ]; then
+    $sudo apt-get update
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+fi

@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Fresh Debian 12 machine: install what keyloft needs, build it, install it on PATH, and show
+# the card.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-dependencies.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=Release -DKEYLOFT_TESTS=OFF
+cmake --build build -j"$(nproc)"
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+$sudo cmake --install build --prefix /usr/local
+
+keyloft list-identities

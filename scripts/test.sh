@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds keyloft with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test:
+# the unit tests and the end-to-end tests against independent tools.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-dependencies.sh
+build=build-test
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKEYLOFT_SANITIZE=ON \
+    -DKEYLOFT_PAM_CONFDIR="$PWD/$build/pam.d"
+cmake --build "$build" -j"$(nproc)"
+
+# A sanitizer finding ends the process with an error, which fails the test that ran it.
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
