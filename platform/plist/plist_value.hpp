@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "keyloft/bytes.hpp"
+
+namespace keyloft::platform {
+
+struct PlistValue;
+
+using PlistArray = std::vector<PlistValue>;
+
+// Entries in file order; a key occurs at most once.
+using PlistDictionary = std::vector<std::pair<std::string, PlistValue>>;
+
+// A value of a type this tool never stores (boolean, real, date, uid); kept so that readers can
+// report which type they met instead of a missing value.
+struct PlistUnsupported {
+    std::string typeName;
+
+    bool operator==(const PlistUnsupported&) const = default;
+};
+
+// One node of a property list.
+struct PlistValue {
+    std::variant<PlistDictionary, PlistArray, Bytes, std::string, std::int64_t, PlistUnsupported>
+        value;
+
+    bool operator==(const PlistValue&) const = default;
+};
+
+// The value stored under the key, or nothing.
+inline const PlistValue* findValue(const PlistDictionary& dictionary, std::string_view key) {
+    for (const auto& [entryKey, entryValue] : dictionary) {
+        if (entryKey == key) return &entryValue;
+    }
+    return nullptr;
+}
+
+}  // namespace keyloft::platform
