@@ -1,0 +1,110 @@
+#include "store/identity_lookup.hpp"
+
+#include <gtest/gtest.h>
+
+#include "keyloft/error.hpp"
+#include "keys/stored_key_codec.hpp"
+#include "platform/crypto/digest.hpp"
+#include "support/temporary_folder.hpp"
+#include "support/test_certificates.hpp"
+
+namespace keyloft::store {
+namespace {
+
+using platform::TesseraTokenItems;
+
+struct Identity {
+    Bytes certificate;
+    Bytes hash;
+    platform::TesseraTokenCertificateItem certificateItem;
+    platform::TesseraTokenKeyItem keyItem;
+};
+
+Identity makeIdentity(const char* curve) {
+    const auto key = testing::makeEcKey(curve);
+    Identity identity;
+    identity.certificate = testing::makeCertificate(key.get());
+    identity.hash = certificatePublicKeyHash(identity.certificate);
+    identity.certificateItem = *platform::makeCertificateItem(identity.certificate, identity.hash);
+    identity.keyItem = *platform::makeKeyItem(identity.certificate, identity.hash);
+    return identity;
+}
+
+class IdentityRemoval : public ::testing::Test {
+protected:
+    platform::TesseraTokenConfiguration token() const {
+        const auto drivers = platform::TesseraDriverRegistry::open(folder.path() / "tokens.db").driverConfigurations();
+        return drivers.at("org.keyloft.token").addTokenConfiguration("user");
+    }
+
+    testing::TemporaryFolder folder;
+    Identity a = makeIdentity("P-256");
+    Identity b = makeIdentity("P-384");
+};
+
+TEST(CertificatePublicKeyHash, IsTheSha1OfTheKeyBits) {
+    const auto identity = makeIdentity("P-521");
+    EXPECT_EQ(identity.hash, platform::sha1(*identity.keyItem.publicKeyData));
+    EXPECT_EQ(identity.hash.size(), 20U);
+}
+
+TEST(CertificatePublicKeyHash, RefusesBytesThatAreNoCertificate) {
+    try {
+        certificatePublicKeyHash(Bytes{0x30, 0x03, 0x02, 0x01, 0x00});
+        FAIL();
+    } catch (const KeyloftError& error) {
+        EXPECT_EQ(error.text(), "Failed to parse certificate from data");
+    }
+}
+
+TEST_F(IdentityRemoval, RemovesBothItemsAndDuplicatesKeepingTheRestInOrder) {
+    token().replaceItems({a.certificateItem, b.certificateItem, a.keyItem, b.keyItem, a.certificateItem});
+    removeIdentityItems(token(), a.hash);
+    EXPECT_EQ(token().items(), (TesseraTokenItems{b.certificateItem, b.keyItem}));
+}
+
+TEST_F(IdentityRemoval, HashesOfOtherLengthsAndKeysWithoutHashRemoveNothing) {
+    auto withoutHash = b.keyItem;
+    withoutHash.publicKeyHash.reset();
+    const TesseraTokenItems items{a.certificateItem, a.keyItem, withoutHash};
+    token().replaceItems(items);
+    for (const auto& hash : {Bytes(a.hash.begin(), a.hash.end() - 1), concat({a.hash, Bytes{0}})}) {
+        removeIdentityItems(token(), hash);
+        EXPECT_EQ(token().items().size(), 3U);
+    }
+    EXPECT_FALSE(itemMatchesHash(withoutHash, b.hash));
+}
+
+TEST_F(IdentityRemoval, ACorruptCertificateAnywhereFailsTheRemovalAndKeepsTheList) {
+    auto corrupt = a.certificateItem;
+    corrupt.certificate = {0x30, 0x00};
+    const TesseraTokenItems items{b.certificateItem, b.keyItem, corrupt};
+    token().replaceItems(items);
+    EXPECT_THROW(removeIdentityItems(token(), b.hash), KeyloftError);
+    EXPECT_EQ(token().items(), items);
+}
+
+TEST_F(IdentityRemoval, RemovingARecordReEncodesTheRest) {
+    keys::StoredKeyMap records;
+    records[a.hash].bastionKey = keys::BastionKey{a.hash, Bytes{1, 2}, keys::BiometryProtection::off};
+    records[b.hash].bastionKey = keys::BastionKey{b.hash, Bytes{3}, keys::BiometryProtection::on};
+    token().replaceConfigurationData(keys::encodeStoredKeys(records));
+
+    removeKeyRecord(token(), a.hash);
+    records.erase(a.hash);
+    EXPECT_EQ(keys::decodeStoredKeys(token().configurationData()), records);
+
+    removeKeyRecord(token(), Bytes(20, 0xEE));
+    EXPECT_EQ(keys::decodeStoredKeys(token().configurationData()), records);
+}
+
+TEST_F(IdentityRemoval, RemovingFromATokenWithoutDataWritesAnEmptyRecordSet) {
+    token();
+    removeKeyRecord(token(), a.hash);
+    const auto data = token().configurationData();
+    ASSERT_TRUE(data);
+    EXPECT_TRUE(keys::decodeStoredKeys(data).empty());
+}
+
+}  // namespace
+}  // namespace keyloft::store
