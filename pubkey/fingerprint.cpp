@@ -1,0 +1,34 @@
+#include "pubkey/fingerprint.hpp"
+
+#include "keyloft/error.hpp"
+#include "platform/crypto/digest.hpp"
+#include "pubkey/base64.hpp"
+#include "pubkey/hex.hpp"
+#include "pubkey/ssh_public_key.hpp"
+
+namespace keyloft::pubkey {
+
+Bytes keyHash(const platform::TesseraTokenKeyItem& item, HashType type) {
+    switch (type) {
+        case HashType::sha1:
+            if (!item.publicKeyHash) throw KeyloftError::generic("key has invalid public key hash");
+            return *item.publicKeyHash;
+        case HashType::sha256:
+            if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
+            return platform::sha256(*item.publicKeyData);
+        case HashType::ssh:
+            return platform::sha256(sshPublicKeyBlob(item));
+    }
+    throw KeyloftError::generic("invalid hash type");
+}
+
+std::string fingerprint(ByteView digest, HashType type, HashEncoding encoding) {
+    if (encoding == HashEncoding::hex) return toHexString(digest);
+    std::string text = base64Encode(digest);
+    if (type != HashType::ssh) return text;
+    text.insert(0, "SHA256:");
+    if (text.ends_with('=')) text.pop_back();
+    return text;
+}
+
+}  // namespace keyloft::pubkey

@@ -1,0 +1,43 @@
+#include "pubkey/ssh_public_key.hpp"
+
+#include "keyloft/error.hpp"
+#include "pubkey/ssh_wire.hpp"
+
+namespace keyloft::pubkey {
+
+Bytes sshPublicKeyBlob(const platform::TesseraTokenKeyItem& item) {
+    if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
+    const auto key = platform::PublicKey::fromData(item.keyType, *item.publicKeyData);
+    Bytes blob;
+    if (item.keyType == platform::keyTypeEC) {
+        const std::string curve = sshCurveName(key);
+        const Bytes point = key.externalRepresentation();
+        appendString(blob, fidoEcdsaKeyTypeName);
+        appendString(blob, curve);
+        appendData(blob, point);
+        appendString(blob, fidoApplication);
+    } else if (item.keyType == platform::keyTypeRSA) {
+        const auto numbers = key.rsaNumbers();
+        appendString(blob, "ssh-rsa");
+        appendMPInt(blob, numbers.exponent);
+        appendMPInt(blob, numbers.modulus);
+    } else {
+        throw KeyloftError::generic("unsupported key type: " + item.keyType);
+    }
+    return blob;
+}
+
+std::string sshCurveName(const platform::PublicKey& key) {
+    const auto attributes = key.attributes();
+    if (!attributes) throw KeyloftError::generic("failed to copy attributes from public key");
+    switch (attributes->sizeInBits) {
+        case 256:
+            return "nistp256";
+        case 384:
+            return "nistp384";
+        default:
+            return "nistp521";
+    }
+}
+
+}  // namespace keyloft::pubkey

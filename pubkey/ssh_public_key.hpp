@@ -1,0 +1,26 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "keyloft/bytes.hpp"
+#include "platform/keyservice/public_key.hpp"
+#include "platform/tessera/token_items.hpp"
+
+namespace keyloft::pubkey {
+
+// OpenSSH's key-type name for ECDSA keys held by a FIDO authenticator on P-256. Every EC key is
+// written under this name, whatever its curve, with the application below.
+inline constexpr std::string_view fidoEcdsaKeyTypeName = "sk-ecdsa-sha2-nistp256@openssh.com";
+inline constexpr std::string_view fidoApplication = "ssh:";
+
+// The SSH public-key blob of a token key: a FIDO ECDSA key for EC, "ssh-rsa" for RSA. Throws
+// KeyloftError for a key without data or of another type, PlatformError when the key service
+// cannot make a key of the data.
+Bytes sshPublicKeyBlob(const platform::TesseraTokenKeyItem& item);
+
+// "nistp256", "nistp384" or "nistp521" by the key's size. Throws KeyloftError when the key
+// service reports no attributes.
+std::string sshCurveName(const platform::PublicKey& key);
+
+}  // namespace keyloft::pubkey
