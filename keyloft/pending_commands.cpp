@@ -11,7 +11,6 @@ namespace {
 }  // namespace
 
 void KeyloftApp::createIdentity() { notAvailable(Command::createIdentity); }
-void KeyloftApp::deleteIdentity() { notAvailable(Command::deleteIdentity); }
 void KeyloftApp::listIdentities() { notAvailable(Command::listIdentities); }
 void KeyloftApp::importIdentities() { notAvailable(Command::importIdentities); }
 void KeyloftApp::exportIdentity() { notAvailable(Command::exportIdentity); }

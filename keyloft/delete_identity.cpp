@@ -1,0 +1,16 @@
+#include "keyloft/error.hpp"
+#include "keyloft/keyloft_app.hpp"
+#include "pubkey/hex.hpp"
+#include "store/identity_lookup.hpp"
+
+namespace keyloft {
+
+void KeyloftApp::deleteIdentity() {
+    if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
+    const auto hashBytes = pubkey::fromHexString(*hash);
+    if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
+    store::removeIdentityItems(tokenConfiguration, *hashBytes);
+    store::removeKeyRecord(tokenConfiguration, *hashBytes);
+}
+
+}  // namespace keyloft

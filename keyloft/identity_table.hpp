@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace keyloft {
+
+// Rows of text cells printed as aligned columns: each cell padded with blanks to the widest cell
+// of its column (in user-perceived characters), then one blank; each row ends with a newline.
+std::string renderTable(const std::vector<std::vector<std::string>>& rows);
+
+}  // namespace keyloft
