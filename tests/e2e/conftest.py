@@ -42,9 +42,12 @@ class Card:
     def db(self):
         return sqlite3.connect(f"file:{self.db_path}?mode=ro", uri=True)
 
+    def db_rw(self):
+        return sqlite3.connect(self.db_path)
+
     def sql(self, *statements):
         """Changes the store behind the tool's back, as another program could."""
-        with sqlite3.connect(self.db_path) as db:
+        with self.db_rw() as db:
             for statement in statements:
                 db.execute(statement)
 
