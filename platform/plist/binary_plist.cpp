@@ -6,9 +6,12 @@
 #include <cstdlib>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 
 #include "keyloft/error.hpp"
+#include "platform/plist/string_check.hpp"
+#include "platform/plist/utf8_text.hpp"
 
 namespace keyloft::platform {
 namespace {
@@ -29,6 +32,11 @@ struct BinaryDeleter {
 
 // The stored layout is four levels deep; anything far deeper is not ours and would only cost stack.
 constexpr int maxDepth = 64;
+
+// Text that libplist writes back unchanged.
+bool isWritableText(std::string_view text) {
+    return text.find('\0') == std::string_view::npos && isUtf8(text);
+}
 
 std::string unsupportedTypeName(plist_type type) {
     switch (type) {
@@ -60,6 +68,7 @@ PlistDictionary readDictionary(plist_t node, int depth) {
         const std::unique_ptr<char, FreeDeleter> key(rawKey);
         if (child == nullptr) break;
         if (!key) throw PlatformError("property-list dictionary entry without a key");
+        if (!isUtf8(key.get())) throw PlatformError("property-list key is not valid UTF-8");
         PlistValue value = readNode(child, depth + 1);
         // A key written twice keeps its later value, so that a key occurs once in the tree.
         const auto existing =
@@ -105,7 +114,9 @@ PlistValue readNode(plist_t node, int depth) {
             std::uint64_t length = 0;
             const char* text = plist_get_string_ptr(node, &length);
             if (text == nullptr) return {std::string{}};
-            return {std::string(text, length)};
+            std::string content(text, length);
+            if (!isUtf8(content)) throw PlatformError("property-list string is not valid UTF-8");
+            return {std::move(content)};
         }
         case PLIST_UINT: {
             // Binary property lists store signed 64-bit integers; libplist hands them out unsigned.
@@ -123,6 +134,11 @@ Node makeNode(const PlistValue& value);
 Node makeDictionary(const PlistDictionary& dictionary) {
     Node node(plist_new_dict());
     for (const auto& [key, child] : dictionary) {
+        if (!isWritableText(key)) {
+            throw PlatformError(
+                "cannot write a property-list key that is not UTF-8 text without NUL "
+                "characters");
+        }
         Node childNode = makeNode(child);
         // The dictionary takes ownership of the child.
         plist_dict_set_item(node.get(), key.c_str(), childNode.release());
@@ -151,8 +167,10 @@ Node makeNode(const PlistValue& value) {
                 return Node(
                     plist_new_data(reinterpret_cast<const char*>(content.data()), content.size()));
             } else if constexpr (std::is_same_v<T, std::string>) {
-                if (content.find('\0') != std::string::npos) {
-                    throw PlatformError("cannot write a property-list string with a NUL character");
+                if (!isWritableText(content)) {
+                    throw PlatformError(
+                        "cannot write a property-list string that is not UTF-8 text "
+                        "without NUL characters");
                 }
                 return Node(plist_new_string(content.c_str()));
             } else if constexpr (std::is_same_v<T, std::int64_t>) {
@@ -170,6 +188,7 @@ PlistValue fromBinary(ByteView bytes) {
     if (bytes.size() > std::numeric_limits<std::uint32_t>::max()) {
         throw PlatformError("property list is too large");
     }
+    checkBinaryPlistStrings(bytes);
     plist_t rawRoot = nullptr;
     plist_from_bin(reinterpret_cast<const char*>(bytes.data()),
                    static_cast<std::uint32_t>(bytes.size()), &rawRoot);

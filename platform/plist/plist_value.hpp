@@ -26,13 +26,33 @@ struct PlistUnsupported {
     bool operator==(const PlistUnsupported&) const = default;
 };
 
-// One node of a property list.
+// One node of a property list. Its special members are defined below the class, where the
+// dictionary's entries are complete types.
 struct PlistValue {
-    std::variant<PlistDictionary, PlistArray, Bytes, std::string, std::int64_t, PlistUnsupported>
-        value;
+    using Content = std::variant<PlistDictionary, PlistArray, Bytes, std::string, std::int64_t,
+                                 PlistUnsupported>;
 
-    bool operator==(const PlistValue&) const = default;
+    PlistValue(
+        Content content);  // NOLINT(google-explicit-constructor): values are written as {...}
+    PlistValue(const PlistValue& other);
+    PlistValue(PlistValue&& other) noexcept;
+    PlistValue& operator=(const PlistValue& other);
+    PlistValue& operator=(PlistValue&& other) noexcept;
+    ~PlistValue();
+
+    Content value;
 };
+
+inline PlistValue::PlistValue(Content content) : value(std::move(content)) {}
+inline PlistValue::PlistValue(const PlistValue& other) = default;
+inline PlistValue::PlistValue(PlistValue&& other) noexcept = default;
+inline PlistValue& PlistValue::operator=(const PlistValue& other) = default;
+inline PlistValue& PlistValue::operator=(PlistValue&& other) noexcept = default;
+inline PlistValue::~PlistValue() = default;
+
+inline bool operator==(const PlistValue& left, const PlistValue& right) {
+    return left.value == right.value;
+}
 
 // The value stored under the key, or nothing.
 inline const PlistValue* findValue(const PlistDictionary& dictionary, std::string_view key) {

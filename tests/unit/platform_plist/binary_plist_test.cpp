@@ -75,9 +75,63 @@ TEST(BinaryPlist, RejectsBytesThatAreNotABinaryPropertyList) {
     }
 }
 
+Bytes fromHex(std::string_view hex) {
+    Bytes bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(
+            static_cast<std::uint8_t>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
+    }
+    return bytes;
+}
+
+// Written by a standard binary writer: {"a\0b": 1}, {"k": "x\0y"} and {"k": "é\0"} (UTF-16).
+TEST(BinaryPlist, RejectsStringsWithANulCharacter) {
+    for (const char* hex :
+         {"62706c6973743030d10102536100621001080b0f000000000000010100000000000000030000000000000000"
+          "0000000000000011",
+          "62706c6973743030d10102516b53780079080b0d000000000000010100000000000000030000000000000000"
+          "0000000000000011",
+          "62706c6973743030d10102516b6200e90000080b0d0000000000000101000000000000000300000000000000"
+          "000000000000000012"}) {
+        try {
+            fromBinary(fromHex(hex));
+            ADD_FAILURE() << "accepted " << hex;
+        } catch (const PlatformError& error) {
+            EXPECT_STREQ(error.what(), "property-list string holds a NUL character");
+        }
+    }
+}
+
+TEST(BinaryPlist, RejectsAsciiStringsThatAreNotText) {
+    // {"k": "ab"} with the "a" replaced by the byte 0xA0.
+    EXPECT_THROW(
+        fromBinary(fromHex("62706c6973743030d10102516b52a062080b0d00000000000001010000000000"
+                           "00000300000000000000000000000000000010")),
+        PlatformError);
+}
+
+TEST(BinaryPlist, ReadsStringsWhoseLengthFollowsTheMarker) {
+    // {"a" * 40: b"", "k": "é" * 20 + "x"}, both lengths written as separate integers.
+    const Bytes encoded = fromHex(
+        "62706c6973743030d2010203045f10286161616161616161616161616161616161616161616161616161616161"
+        "61"
+        "61616161616161616161516b406f101500e900e900e900e900e900e900e900e900e900e900e900e900e900e900"
+        "e9"
+        "00e900e900e900e900e90078080d383a3b00000000000001010000000000000005000000000000000000000000"
+        "00000068");
+    std::string accented;
+    for (int i = 0; i < 20; ++i) accented += "é";
+    EXPECT_EQ(
+        fromBinary(encoded),
+        (PlistValue{PlistDictionary{{std::string(40, 'a'), {Bytes{}}}, {"k", {accented + "x"}}}}));
+}
+
 TEST(BinaryPlist, RefusesToWriteWhatItCannotRepresent) {
     EXPECT_THROW(toBinary({PlistUnsupported{"date"}}), PlatformError);
     EXPECT_THROW(toBinary({std::string("a\0b", 3)}), PlatformError);
+    EXPECT_THROW(toBinary({std::string("\xA0")}), PlatformError);
+    EXPECT_THROW(toBinary({PlistDictionary{{std::string("k\0", 2), {std::int64_t{1}}}}}),
+                 PlatformError);
 }
 
 }  // namespace

@@ -1,0 +1,13 @@
+#pragma once
+
+#include "keyloft/bytes.hpp"
+
+namespace keyloft::platform {
+
+// libplist aborts the process when it is asked for a dictionary key that holds a NUL character, so
+// every string object of a binary property list is checked before libplist parses it. Throws
+// PlatformError when a string holds a NUL character or when the offset table or a string's length
+// cannot be read.
+void checkBinaryPlistStrings(ByteView bytes);
+
+}  // namespace keyloft::platform

@@ -1,0 +1,28 @@
+// Whatever the configuration data, decoding gives a map or one of the two decoding errors; a map
+// survives being written and read again.
+
+#include <cstdlib>
+#include <string_view>
+
+#include "keyloft/error.hpp"
+#include "keys/stored_key_codec.hpp"
+
+// The system log is not under test, and a line per input would flood it.
+namespace keyloft::platform {
+void logError(std::string_view /*message*/) {}
+void logDebug(std::string_view /*message*/) {}
+}  // namespace keyloft::platform
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using keyloft::KeyloftError;
+    keyloft::keys::StoredKeyMap keys;
+    try {
+        keys = keyloft::keys::decodeStoredKeys(keyloft::Bytes(data, data + size));
+    } catch (const KeyloftError& error) {
+        if (error.errorCase() == KeyloftError::Case::genericError) std::abort();
+        return 0;
+    }
+    if (keyloft::keys::decodeStoredKeys(keyloft::keys::encodeStoredKeys(keys)) != keys)
+        std::abort();
+    return 0;
+}
