@@ -83,7 +83,7 @@ void PublicKey::KeyDeleter::operator()(EVP_PKEY* key) const {
 
 PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
     if (data.empty()) throw PlatformError("public key data is empty");
-    if (keyType == keyTypeEC) return PublicKey(std::string(keyType), Key(makeEcKey(data)));
+    if (keyType == keyTypeEC) return {std::string(keyType), Key(makeEcKey(data))};
     if (keyType != keyTypeRSA) {
         throw PlatformError("key service does not support key type " + std::string(keyType));
     }
@@ -99,7 +99,7 @@ PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
             throw PlatformError("RSA public key data holds a number that is not positive");
         }
     }
-    return PublicKey(std::string(keyType), std::move(key));
+    return {std::string(keyType), std::move(key)};
 }
 
 std::optional<PublicKeyAttributes> PublicKey::attributes() const {

@@ -23,7 +23,9 @@ using Node = std::unique_ptr<void, NodeDeleter>;
 
 // Iterators and dictionary keys handed out by libplist are released with free().
 struct FreeDeleter {
-    void operator()(void* memory) const { std::free(memory); }
+    void operator()(void* memory) const {
+        std::free(memory);  // NOLINT(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+    }
 };
 
 struct BinaryDeleter {

@@ -50,10 +50,9 @@ void checkObject(ByteView bytes, std::uint64_t offset, std::uint64_t end) {
     }
     const std::uint64_t unitSize = kind == asciiStringKind ? 1 : 2;
     if (count > (end - position) / unitSize) unreadable();
-    const auto text = bytes.subspan(position, count * unitSize);
-    for (std::size_t i = 0; i < text.size(); i += unitSize) {
-        if (std::all_of(text.begin() + i, text.begin() + i + unitSize,
-                        [](std::uint8_t byte) { return byte == 0; })) {
+    for (std::uint64_t i = 0; i < count; ++i) {
+        const auto unit = bytes.subspan(position + i * unitSize, unitSize);
+        if (std::all_of(unit.begin(), unit.end(), [](std::uint8_t byte) { return byte == 0; })) {
             throw PlatformError("property-list string holds a NUL character");
         }
     }

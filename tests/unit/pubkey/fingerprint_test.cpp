@@ -11,77 +11,55 @@
 namespace keyloft::pubkey {
 namespace {
 
-struct FingerprintCase {
-    HashType type;
-    HashEncoding encoding;
-    std::size_t length;
-    const char* prefix;
-};
-
-class FingerprintText : public ::testing::TestWithParam<FingerprintCase> {};
-
-TEST_P(FingerprintText, HasTheLengthAndFormOfItsTypeAndEncoding) {
-    const auto [type, encoding, length, prefix] = GetParam();
-    const auto key = testing::makeEcKey("P-384");
-    const std::string text =
-        fingerprint(keyHash(testing::keyItemFor(key.get()), type), type, encoding);
-    EXPECT_EQ(text.size(), length) << text;
-    EXPECT_TRUE(text.starts_with(prefix)) << text;
-    const bool hex = encoding == HashEncoding::hex;
-    const bool padded = !hex && type != HashType::ssh;
-    EXPECT_EQ(text.ends_with('='), padded) << text;
-    if (hex) {
-        EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF"), std::string::npos) << text;
+TEST(Fingerprint, HasTheLengthAndFormOfItsTypeAndEncoding) {
+    const auto item = testing::keyItemFor(testing::makeEcKey("P-384").get());
+    const std::tuple<HashType, HashEncoding, std::size_t> cases[] = {
+        {HashType::sha1, HashEncoding::hex, 40},      {HashType::sha256, HashEncoding::hex, 64},
+        {HashType::ssh, HashEncoding::hex, 64},       {HashType::sha1, HashEncoding::base64, 28},
+        {HashType::sha256, HashEncoding::base64, 44}, {HashType::ssh, HashEncoding::base64, 50},
+    };
+    for (const auto& [type, encoding, length] : cases) {
+        const std::string text = fingerprint(keyHash(item, type), type, encoding);
+        EXPECT_EQ(text.size(), length) << text;
+        if (encoding == HashEncoding::hex) {
+            EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF"), std::string::npos) << text;
+        } else {
+            EXPECT_EQ(text.ends_with('='), type != HashType::ssh) << text;
+            EXPECT_EQ(text.starts_with("SHA256:"), type == HashType::ssh) << text;
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, FingerprintText,
-    ::testing::Values(FingerprintCase{HashType::sha1, HashEncoding::hex, 40, ""},
-                      FingerprintCase{HashType::sha256, HashEncoding::hex, 64, ""},
-                      FingerprintCase{HashType::ssh, HashEncoding::hex, 64, ""},
-                      FingerprintCase{HashType::sha1, HashEncoding::base64, 28, ""},
-                      FingerprintCase{HashType::sha256, HashEncoding::base64, 44, ""},
-                      FingerprintCase{HashType::ssh, HashEncoding::base64, 50, "SHA256:"}));
-
-TEST(KeyHash, TakesEachDigestFromItsSource) {
-    const auto key = testing::makeRsaKey();
-    const auto item = testing::keyItemFor(key.get());
+TEST(KeyHash, TakesEachDigestFromItsSourceOrNamesWhatIsMissing) {
+    const auto item = testing::keyItemFor(testing::makeRsaKey().get());
     EXPECT_EQ(keyHash(item, HashType::sha1), platform::sha1(*item.publicKeyData));
     EXPECT_EQ(keyHash(item, HashType::sha256), platform::sha256(*item.publicKeyData));
     EXPECT_EQ(keyHash(item, HashType::ssh), platform::sha256(sshPublicKeyBlob(item)));
-}
 
-TEST(KeyHash, NamesWhatTheKeyItemLacks) {
-    const auto key = testing::makeEcKey();
-    auto noHash = testing::keyItemFor(key.get());
+    auto noHash = item;
     noHash.publicKeyHash.reset();
-    auto noData = testing::keyItemFor(key.get());
+    auto noData = item;
     noData.publicKeyData.reset();
-    const std::tuple<platform::TesseraTokenKeyItem, HashType, const char*> cases[] = {
+    const std::tuple<platform::TesseraTokenKeyItem, HashType, const char*> failing[] = {
         {noHash, HashType::sha1, "key has invalid public key hash"},
         {noData, HashType::sha256, "key has invalid public key data"},
         {noData, HashType::ssh, "key has invalid public key data"},
     };
-    for (const auto& [item, type, message] : cases) {
+    for (const auto& [lacking, type, message] : failing) {
         try {
-            keyHash(item, type);
-            ADD_FAILURE() << "no error for " << message;
+            keyHash(lacking, type);
+            ADD_FAILURE() << "no error: " << message;
         } catch (const KeyloftError& error) {
             EXPECT_STREQ(error.what(), message);
         }
     }
-    EXPECT_NO_THROW(keyHash(noHash, HashType::sha256));
-    EXPECT_NO_THROW(keyHash(noData, HashType::sha1));
 }
 
 TEST(KeyTypeDescription, NamesTheKindSizeAndBinding) {
     const std::tuple<std::string, int, bool, const char*> cases[] = {
-        {"ec", 256, true, "p-256"},       {"ec", 256, false, "p-256-ne"},
-        {"ec", 384, true, "p-384"},       {"ec", 384, false, "p-384-ne"},
-        {"ec", 521, true, "p-521"},       {"rsa", 3072, true, "rsa-3072"},
-        {"rsa", 2048, false, "rsa-2048"}, {"dsa", 1024, true, "unknown"},
-        {"", 0, false, "unknown"},
+        {"ec", 256, true, "p-256"},     {"ec", 384, false, "p-384-ne"},
+        {"ec", 521, true, "p-521"},     {"rsa", 3072, false, "rsa-3072"},
+        {"dsa", 1024, true, "unknown"},
     };
     for (const auto& [type, bits, exportable, text] : cases) {
         platform::TesseraTokenKeyItem item;

@@ -1,13 +1,11 @@
 #pragma once
 
-// Token key items and public-key files for keys made with OpenSSL, and a way to ask outside tools
-// about them.
+// Token key items for keys made with OpenSSL, and the shell for asking outside tools about them.
 
 #include <openssl/pem.h>
 
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -17,19 +15,17 @@
 namespace keyloft::testing {
 
 inline platform::TesseraTokenKeyItem keyItemFor(EVP_PKEY* key) {
-    const auto item = platform::makeKeyItem(makeCertificate(key), Bytes(20, 0x01));
-    if (!item) throw std::runtime_error("no key item for the test key");
-    return *item;
+    return platform::makeKeyItem(makeCertificate(key), Bytes(20, 0x01)).value();
 }
 
-// The key as a PEM SubjectPublicKeyInfo file.
 inline void writePublicKeyPem(EVP_PKEY* key, const std::filesystem::path& path) {
-    std::unique_ptr<FILE, decltype(&fclose)> file(fopen(path.c_str(), "w"), fclose);
-    if (!file || PEM_write_PUBKEY(file.get(), key) != 1)
-        throw std::runtime_error("PEM write failed");
+    FILE* file = fopen(path.c_str(), "w");
+    const bool written = file != nullptr && PEM_write_PUBKEY(file, key) == 1;
+    if (file != nullptr) fclose(file);
+    if (!written) throw std::runtime_error("cannot write " + path.string());
 }
 
-// Standard output of a shell command; throws when it does not exit with status 0.
+// Standard output of a shell command that must succeed.
 inline std::string commandOutput(const std::string& command) {
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) throw std::runtime_error("popen failed: " + command);
