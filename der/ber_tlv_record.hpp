@@ -13,7 +13,7 @@ namespace keyloft::der {
 
 // An immutable TLV record, encoded in DER. Children are shared, never copied or changed.
 class BerTlvRecord {
-public:
+  public:
     using Children = std::vector<BerTlvRecord>;
 
     std::uint8_t tag() const { return node_->tag; }
@@ -28,7 +28,7 @@ public:
     friend BerTlvRecord primitiveRecord(std::uint8_t tag, ByteView content);
     friend BerTlvRecord constructedRecord(std::uint8_t tag, Children children);
 
-private:
+  private:
     struct Node {
         std::uint8_t tag;
         std::variant<Bytes, Children> content;

@@ -10,7 +10,9 @@ namespace keyloft {
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
 
-inline Bytes bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+inline Bytes bytesOf(std::string_view text) {
+    return {text.begin(), text.end()};
+}
 
 inline Bytes concat(std::initializer_list<ByteView> parts) {
     Bytes out;

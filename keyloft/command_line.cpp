@@ -48,12 +48,14 @@ ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments) 
             if (pending) options[*pending] = "";
             pending = argumentKeyFromWord(argument.substr(1));
             if (!pending) {
-                throw KeyloftError::generic("Unrecognized commandline option '" + std::string(argument) + "'");
+                throw KeyloftError::generic("Unrecognized commandline option '" +
+                                            std::string(argument) + "'");
             }
             continue;
         }
         if (!pending) {
-            throw KeyloftError::generic("Unexpected commandline argument '" + std::string(argument) + "'");
+            throw KeyloftError::generic("Unexpected commandline argument '" +
+                                        std::string(argument) + "'");
         }
         options[*pending] = std::string(argument);
         pending.reset();

@@ -31,7 +31,8 @@ struct ParsedCommandLine {
 };
 
 // Parses the process arguments (the program name first). Throws KeyloftError with one of
-// "Missing sub-command", "Unexpected commandline argument '…'", "Unrecognized commandline option '…'".
+// "Missing sub-command", "Unexpected commandline argument '…'", "Unrecognized commandline option
+// '…'".
 ParsedCommandLine parseCommandLine(std::span<const std::string_view> arguments);
 
 }  // namespace keyloft

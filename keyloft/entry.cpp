@@ -27,7 +27,8 @@ int runEntry(int argc, char** argv) {
         const auto parsed = parseCommandLine(arguments);
         // The option fields are checked before the store is opened, so a bad word touches nothing.
         auto fields = optionFieldsFrom(parsed.options);
-        auto app = KeyloftApp::build(std::move(fields), platform::TesseraDriverRegistry::openUserRegistry());
+        auto app = KeyloftApp::build(std::move(fields),
+                                     platform::TesseraDriverRegistry::openUserRegistry());
         app.run(parsed.command);
     } catch (const KeyloftError& error) {
         printError(error.text());

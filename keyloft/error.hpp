@@ -7,7 +7,7 @@ namespace keyloft {
 
 // The tool's own error. Its text is what the entry prints after "Error: ".
 class KeyloftError : public std::exception {
-public:
+  public:
     enum class Case { genericError, decodeDataFailed, dataVersionMismatch };
 
     static KeyloftError generic(std::string message) {
@@ -24,7 +24,7 @@ public:
     const std::string& text() const noexcept { return text_; }
     const char* what() const noexcept override { return text_.c_str(); }
 
-private:
+  private:
     KeyloftError(Case errorCase, std::string text) : case_(errorCase), text_(std::move(text)) {}
 
     Case case_;
@@ -34,13 +34,13 @@ private:
 // A failure reported by a platform service (files, keys, certificates, the token store).
 // It carries the platform's own description, printed unchanged.
 class PlatformError : public std::runtime_error {
-public:
+  public:
     explicit PlatformError(const std::string& description, int code = 0)
         : std::runtime_error(description), code_(code) {}
 
     int code() const noexcept { return code_; }
 
-private:
+  private:
     int code_;
 };
 

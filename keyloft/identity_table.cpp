@@ -9,9 +9,8 @@ namespace {
 
 // Most cells are ASCII without CR, where every byte is one user-perceived character.
 std::size_t displayLength(const std::string& cell) {
-    const bool simple = std::ranges::all_of(cell, [](char c) {
-        return static_cast<unsigned char>(c) < 0x80 && c != '\r';
-    });
+    const bool simple = std::ranges::all_of(
+        cell, [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\r'; });
     return simple ? cell.size() : platform::userPerceivedLength(cell);
 }
 

@@ -23,7 +23,8 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options) {
     OptionFields fields;
     fields.label = valueOf(options, ArgumentKey::label);
     fields.hash = valueOf(options, ArgumentKey::hash);
-    if (const auto type = valueOf(options, ArgumentKey::keyType)) fields.keyType = keyTypeFromWord(*type);
+    if (const auto type = valueOf(options, ArgumentKey::keyType))
+        fields.keyType = keyTypeFromWord(*type);
 
     const auto protectionWord = valueOf(options, ArgumentKey::keyProtection).value_or("none");
     const auto protection = keyProtectionFromWord(protectionWord);
@@ -37,7 +38,8 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options) {
     if (const auto password = valueOf(options, ArgumentKey::password)) {
         fields.password = platform::secretTextOf(*password);
     }
-    fields.commonName = valueOf(options, ArgumentKey::commonName).value_or(fields.label.value_or(""));
+    fields.commonName =
+        valueOf(options, ArgumentKey::commonName).value_or(fields.label.value_or(""));
     fields.email = textOf(options, ArgumentKey::email);
     fields.organizationalUnit = textOf(options, ArgumentKey::organizationalUnit);
     fields.organization = textOf(options, ArgumentKey::organization);
@@ -60,8 +62,8 @@ KeyloftApp KeyloftApp::build(OptionFields fields, const platform::TesseraDriverR
     }
     auto tokens = driver->second.tokenConfigurations();
     const auto user = tokens.find(std::string(userInstanceID));
-    auto token = user != tokens.end() ? user->second
-                                      : driver->second.addTokenConfiguration(userInstanceID);
+    auto token =
+        user != tokens.end() ? user->second : driver->second.addTokenConfiguration(userInstanceID);
     return {std::move(fields), std::move(token)};
 }
 

@@ -35,7 +35,7 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options);
 // The per-invocation context: the option fields and the tool's "user" token. Every command is
 // one of its operations.
 class KeyloftApp : public OptionFields {
-public:
+  public:
     KeyloftApp(OptionFields fields, platform::TesseraTokenConfiguration token)
         : OptionFields(std::move(fields)), tokenConfiguration(std::move(token)) {}
 

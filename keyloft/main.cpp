@@ -1,3 +1,5 @@
 #include "keyloft/entry.hpp"
 
-int main(int argc, char** argv) { return keyloft::runEntry(argc, argv); }
+int main(int argc, char** argv) {
+    return keyloft::runEntry(argc, argv);
+}

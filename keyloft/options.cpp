@@ -53,36 +53,52 @@ constexpr WordTable<HashEncoding, 2> hashEncodingWords{{
 
 template <class Enum, std::size_t N>
 std::string_view wordIn(const WordTable<Enum, N>& table, Enum value) {
-    const auto* entry = std::find_if(table.begin(), table.end(),
-                                     [&](const auto& candidate) { return candidate.first == value; });
+    const auto* entry = std::find_if(table.begin(), table.end(), [&](const auto& candidate) {
+        return candidate.first == value;
+    });
     return entry->second;
 }
 
 // Vocabulary words are matched exactly and case-sensitively.
 template <class Enum, std::size_t N>
 std::optional<Enum> valueIn(const WordTable<Enum, N>& table, std::string_view word) {
-    const auto* entry = std::find_if(table.begin(), table.end(),
-                                     [&](const auto& candidate) { return candidate.second == word; });
+    const auto* entry = std::find_if(table.begin(), table.end(), [&](const auto& candidate) {
+        return candidate.second == word;
+    });
     if (entry == table.end()) return std::nullopt;
     return entry->first;
 }
 
 }  // namespace
 
-std::string_view word(ArgumentKey key) { return wordIn(argumentWords, key); }
-std::string_view word(KeyType type) { return wordIn(keyTypeWords, type); }
-std::string_view word(KeyProtection protection) { return wordIn(keyProtectionWords, protection); }
-std::string_view word(HashType type) { return wordIn(hashTypeWords, type); }
-std::string_view word(HashEncoding encoding) { return wordIn(hashEncodingWords, encoding); }
+std::string_view word(ArgumentKey key) {
+    return wordIn(argumentWords, key);
+}
+std::string_view word(KeyType type) {
+    return wordIn(keyTypeWords, type);
+}
+std::string_view word(KeyProtection protection) {
+    return wordIn(keyProtectionWords, protection);
+}
+std::string_view word(HashType type) {
+    return wordIn(hashTypeWords, type);
+}
+std::string_view word(HashEncoding encoding) {
+    return wordIn(hashEncodingWords, encoding);
+}
 
 std::optional<ArgumentKey> argumentKeyFromWord(std::string_view word) {
     return valueIn(argumentWords, word);
 }
-std::optional<KeyType> keyTypeFromWord(std::string_view word) { return valueIn(keyTypeWords, word); }
+std::optional<KeyType> keyTypeFromWord(std::string_view word) {
+    return valueIn(keyTypeWords, word);
+}
 std::optional<KeyProtection> keyProtectionFromWord(std::string_view word) {
     return valueIn(keyProtectionWords, word);
 }
-std::optional<HashType> hashTypeFromWord(std::string_view word) { return valueIn(hashTypeWords, word); }
+std::optional<HashType> hashTypeFromWord(std::string_view word) {
+    return valueIn(hashTypeWords, word);
+}
 std::optional<HashEncoding> hashEncodingFromWord(std::string_view word) {
     return valueIn(hashEncodingWords, word);
 }

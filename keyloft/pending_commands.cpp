@@ -5,16 +5,29 @@ namespace keyloft {
 namespace {
 
 [[noreturn]] void notAvailable(Command command) {
-    throw KeyloftError::generic("'" + std::string(word(command)) + "' is not available in this build yet");
+    throw KeyloftError::generic("'" + std::string(word(command)) +
+                                "' is not available in this build yet");
 }
 
 }  // namespace
 
-void KeyloftApp::createIdentity() { notAvailable(Command::createIdentity); }
-void KeyloftApp::listIdentities() { notAvailable(Command::listIdentities); }
-void KeyloftApp::importIdentities() { notAvailable(Command::importIdentities); }
-void KeyloftApp::exportIdentity() { notAvailable(Command::exportIdentity); }
-void KeyloftApp::importCertificate() { notAvailable(Command::importCertificate); }
-void KeyloftApp::createCsr() { notAvailable(Command::createCsr); }
+void KeyloftApp::createIdentity() {
+    notAvailable(Command::createIdentity);
+}
+void KeyloftApp::listIdentities() {
+    notAvailable(Command::listIdentities);
+}
+void KeyloftApp::importIdentities() {
+    notAvailable(Command::importIdentities);
+}
+void KeyloftApp::exportIdentity() {
+    notAvailable(Command::exportIdentity);
+}
+void KeyloftApp::importCertificate() {
+    notAvailable(Command::importCertificate);
+}
+void KeyloftApp::createCsr() {
+    notAvailable(Command::createCsr);
+}
 
 }  // namespace keyloft

@@ -9,7 +9,9 @@
 namespace keyloft::store {
 namespace {
 
-bool sameBytes(ByteView a, ByteView b) { return std::ranges::equal(a, b); }
+bool sameBytes(ByteView a, ByteView b) {
+    return std::ranges::equal(a, b);
+}
 
 }  // namespace
 

@@ -29,9 +29,10 @@ std::string asn1Text(const ASN1_STRING* value) {
 std::optional<Certificate::TimePoint> timeOf(const ASN1_TIME* time) {
     struct tm broken {};
     if (time == nullptr || ASN1_TIME_to_tm(time, &broken) != 1) return std::nullopt;
-    const std::chrono::year_month_day date{std::chrono::year(broken.tm_year + 1900),
-                                           std::chrono::month(static_cast<unsigned>(broken.tm_mon + 1)),
-                                           std::chrono::day(static_cast<unsigned>(broken.tm_mday))};
+    const std::chrono::year_month_day date{
+        std::chrono::year(broken.tm_year + 1900),
+        std::chrono::month(static_cast<unsigned>(broken.tm_mon + 1)),
+        std::chrono::day(static_cast<unsigned>(broken.tm_mday))};
     return std::chrono::sys_days(date) + std::chrono::hours(broken.tm_hour) +
            std::chrono::minutes(broken.tm_min) + std::chrono::seconds(broken.tm_sec);
 }
@@ -50,7 +51,8 @@ struct Certificate::Handle {
 
 std::optional<Certificate> Certificate::parse(ByteView der) {
     const unsigned char* cursor = der.data();
-    std::unique_ptr<X509, X509Deleter> x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
+    std::unique_ptr<X509, X509Deleter> x509(
+        d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
     if (!x509 || cursor != der.data() + der.size()) return std::nullopt;
     auto handle = std::make_shared<Handle>();
     handle->x509 = std::move(x509);
@@ -60,14 +62,16 @@ std::optional<Certificate> Certificate::parse(ByteView der) {
 std::optional<Bytes> Certificate::publicKeyHash() const {
     const ASN1_BIT_STRING* key = X509_get0_pubkey_bitstr(handle_->x509.get());
     if (key == nullptr) return std::nullopt;
-    return sha1(ByteView(ASN1_STRING_get0_data(key), static_cast<std::size_t>(ASN1_STRING_length(key))));
+    return sha1(
+        ByteView(ASN1_STRING_get0_data(key), static_cast<std::size_t>(ASN1_STRING_length(key))));
 }
 
 std::optional<PublicKeyAttributes> Certificate::publicKey() const {
     const EVP_PKEY* key = X509_get0_pubkey(handle_->x509.get());
     const ASN1_BIT_STRING* bits = X509_get0_pubkey_bitstr(handle_->x509.get());
     if (key == nullptr || bits == nullptr) return std::nullopt;
-    const ByteView raw(ASN1_STRING_get0_data(bits), static_cast<std::size_t>(ASN1_STRING_length(bits)));
+    const ByteView raw(ASN1_STRING_get0_data(bits),
+                       static_cast<std::size_t>(ASN1_STRING_length(bits)));
     switch (EVP_PKEY_get_base_id(key)) {
         case EVP_PKEY_EC:
             return ecPublicKey(key, raw);
@@ -91,7 +95,8 @@ std::vector<std::string> Certificate::emailAddresses() const {
     const X509_NAME* subject = X509_get_subject_name(handle_->x509.get());
     for (int index = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, -1); index >= 0;
          index = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, index)) {
-        addresses.push_back(asn1Text(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index))));
+        addresses.push_back(
+            asn1Text(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index))));
     }
     const std::unique_ptr<GENERAL_NAMES, GeneralNamesDeleter> names(static_cast<GENERAL_NAMES*>(
         X509_get_ext_d2i(handle_->x509.get(), NID_subject_alt_name, nullptr, nullptr)));

@@ -13,7 +13,7 @@ namespace keyloft::platform {
 
 // A parsed X.509 certificate.
 class Certificate {
-public:
+  public:
     using TimePoint = std::chrono::system_clock::time_point;
 
     // Nothing when the bytes are not exactly one DER certificate.
@@ -31,7 +31,7 @@ public:
     std::optional<TimePoint> notAfter() const;
     bool isValidAt(TimePoint instant) const;
 
-private:
+  private:
     struct Handle;
     explicit Certificate(std::shared_ptr<Handle> handle) : handle_(std::move(handle)) {}
     std::shared_ptr<Handle> handle_;

@@ -20,9 +20,15 @@ Bytes digest(const EVP_MD* md, ByteView data) {
 
 }  // namespace
 
-Bytes sha1(ByteView data) { return digest(EVP_sha1(), data); }
-Bytes sha256(ByteView data) { return digest(EVP_sha256(), data); }
-Bytes sha384(ByteView data) { return digest(EVP_sha384(), data); }
+Bytes sha1(ByteView data) {
+    return digest(EVP_sha1(), data);
+}
+Bytes sha256(ByteView data) {
+    return digest(EVP_sha256(), data);
+}
+Bytes sha384(ByteView data) {
+    return digest(EVP_sha384(), data);
+}
 
 Bytes hmacSha1(ByteView key, ByteView message) {
     Bytes out(EVP_MAX_MD_SIZE);

@@ -33,12 +33,18 @@ struct WipingAllocator {
 // Private keys, passwords and derived keys.
 using SecretBytes = std::vector<std::uint8_t, WipingAllocator<std::uint8_t>>;
 
-inline SecretBytes secretOf(std::span<const std::uint8_t> bytes) { return {bytes.begin(), bytes.end()}; }
+inline SecretBytes secretOf(std::span<const std::uint8_t> bytes) {
+    return {bytes.begin(), bytes.end()};
+}
 
 // UTF-8 text of a password; no small-string buffer, so every byte sits in wiped storage.
 using SecretText = std::vector<char, WipingAllocator<char>>;
 
-inline SecretText secretTextOf(std::string_view text) { return {text.begin(), text.end()}; }
-inline std::string_view view(const SecretText& text) { return {text.data(), text.size()}; }
+inline SecretText secretTextOf(std::string_view text) {
+    return {text.begin(), text.end()};
+}
+inline std::string_view view(const SecretText& text) {
+    return {text.data(), text.size()};
+}
 
 }  // namespace keyloft::platform

@@ -18,7 +18,11 @@ void write(int priority, std::string_view message) {
 
 }  // namespace
 
-void logError(std::string_view message) { write(LOG_ERR, message); }
-void logDebug(std::string_view message) { write(LOG_DEBUG, message); }
+void logError(std::string_view message) {
+    write(LOG_ERR, message);
+}
+void logDebug(std::string_view message) {
+    write(LOG_DEBUG, message);
+}
 
 }  // namespace keyloft::platform

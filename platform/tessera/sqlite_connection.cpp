@@ -31,7 +31,8 @@ void fail(sqlite3* db, std::string_view what) {
 
 Statement::Statement(sqlite3* db, std::string_view sql) : db_(db) {
     sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &raw, nullptr) != SQLITE_OK) {
+    if (sqlite3_prepare_v2(db, sql.data(), static_cast<int>(sql.size()), &raw, nullptr) !=
+        SQLITE_OK) {
         fail(db, "cannot prepare a query");
     }
     statement_.reset(raw);
@@ -99,7 +100,8 @@ std::string Statement::text(int column) const {
 }
 
 Bytes Statement::blob(int column) const {
-    const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_.get(), column));
+    const auto* data =
+        static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_.get(), column));
     const int size = sqlite3_column_bytes(statement_.get(), column);
     return data == nullptr ? Bytes() : Bytes(data, data + size);
 }

@@ -15,7 +15,7 @@ namespace keyloft::platform::sqlite {
 
 // One prepared statement; columns and parameters are numbered as SQLite numbers them.
 class Statement {
-public:
+  public:
     Statement(sqlite3* db, std::string_view sql);
 
     Statement& bind(int index, std::string_view text);
@@ -40,7 +40,7 @@ public:
     Bytes blob(int column) const;
     std::int64_t integer(int column) const;
 
-private:
+  private:
     struct Finalizer {
         void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
     };
@@ -49,7 +49,7 @@ private:
 };
 
 class Connection {
-public:
+  public:
     // Opens or creates the database file with mode 0600.
     explicit Connection(const std::filesystem::path& path);
 
@@ -59,7 +59,7 @@ public:
     // Runs the work in one write transaction, rolled back when the work throws.
     void transaction(const std::function<void()>& work) const;
 
-private:
+  private:
     struct Closer {
         void operator()(sqlite3* db) const { sqlite3_close(db); }
     };

@@ -4,7 +4,8 @@
 
 namespace keyloft::platform {
 
-std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate, ByteView objectID) {
+std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,
+                                                               ByteView objectID) {
     if (!Certificate::parse(certificate)) return std::nullopt;
     return TesseraTokenCertificateItem{Bytes(objectID.begin(), objectID.end()), std::nullopt,
                                        Bytes(certificate.begin(), certificate.end())};

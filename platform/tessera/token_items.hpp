@@ -39,7 +39,8 @@ using TesseraTokenItem = std::variant<TesseraTokenCertificateItem, TesseraTokenK
 using TesseraTokenItems = std::vector<TesseraTokenItem>;
 
 // Item constructors: nothing when the certificate cannot be parsed.
-std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate, ByteView objectID);
+std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,
+                                                               ByteView objectID);
 std::optional<TesseraTokenKeyItem> makeKeyItem(ByteView certificate, ByteView objectID);
 
 // Fills the derived key fields of a key item from its certificate.

@@ -50,7 +50,9 @@ void createSchemaIfMissing(const sqlite::Connection& db) {
         count.step();
         if (count.integer(0) != 0) return;
         db.execute(schema);
-        db.prepare("INSERT INTO drivers (class_id) VALUES (?)").bind(1, keyloftTokenDriverClassID).run();
+        db.prepare("INSERT INTO drivers (class_id) VALUES (?)")
+            .bind(1, keyloftTokenDriverClassID)
+            .run();
     });
 }
 
@@ -64,7 +66,8 @@ TesseraTokenItems TesseraTokenConfiguration::items() const {
     TesseraTokenItems items;
     while (query.step()) {
         if (query.text(0) == "certificate") {
-            items.emplace_back(TesseraTokenCertificateItem{query.blob(1), textAt(query, 2), query.blob(3)});
+            items.emplace_back(
+                TesseraTokenCertificateItem{query.blob(1), textAt(query, 2), query.blob(3)});
             continue;
         }
         TesseraTokenKeyItem key{.objectID = query.blob(1),
@@ -91,7 +94,9 @@ void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) con
         std::int64_t position = 0;
         for (const auto& item : items) {
             insert.reset();
-            insert.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_)).bind(3, position++);
+            insert.bind(1, std::string_view(driver_))
+                .bind(2, std::string_view(instance_))
+                .bind(3, position++);
             std::visit(
                 [&](const auto& value) {
                     using Item = std::decay_t<decltype(value)>;
@@ -103,7 +108,10 @@ void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) con
                             .bindOptional(9, value.canDecrypt)
                             .bindOptional(10, value.canPerformKeyExchange);
                     } else {
-                        insert.bind(4, std::string_view("certificate")).bindNull(8).bindNull(9).bindNull(10);
+                        insert.bind(4, std::string_view("certificate"))
+                            .bindNull(8)
+                            .bindNull(9)
+                            .bindNull(10);
                     }
                 },
                 item);
@@ -138,8 +146,8 @@ void TesseraTokenConfiguration::removeConfigurationData() const {
     });
 }
 
-std::map<std::string, TesseraTokenConfiguration> TesseraTokenDriverConfiguration::tokenConfigurations()
-    const {
+std::map<std::string, TesseraTokenConfiguration>
+TesseraTokenDriverConfiguration::tokenConfigurations() const {
     auto query = db_->prepare("SELECT instance FROM tokens WHERE driver = ?");
     query.bind(1, std::string_view(driver_));
     std::map<std::string, TesseraTokenConfiguration> tokens;

@@ -22,7 +22,7 @@ inline constexpr std::string_view keyloftTokenDriverClassID = "org.keyloft.token
 // One token: its ordered item list and its optional configuration data, each read and replaced
 // as a whole, each replacement one transaction.
 class TesseraTokenConfiguration {
-public:
+  public:
     const std::string& instanceID() const { return instance_; }
 
     TesseraTokenItems items() const;
@@ -32,7 +32,7 @@ public:
     void replaceConfigurationData(ByteView data) const;
     void removeConfigurationData() const;
 
-private:
+  private:
     friend class TesseraTokenDriverConfiguration;
     TesseraTokenConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver,
                               std::string instance)
@@ -44,15 +44,16 @@ private:
 };
 
 class TesseraTokenDriverConfiguration {
-public:
+  public:
     const std::string& classID() const { return driver_; }
 
     std::map<std::string, TesseraTokenConfiguration> tokenConfigurations() const;
     TesseraTokenConfiguration addTokenConfiguration(std::string_view instanceID) const;
 
-private:
+  private:
     friend class TesseraDriverRegistry;
-    TesseraTokenDriverConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver)
+    TesseraTokenDriverConfiguration(std::shared_ptr<const sqlite::Connection> db,
+                                    std::string driver)
         : db_(std::move(db)), driver_(std::move(driver)) {}
 
     std::shared_ptr<const sqlite::Connection> db_;
@@ -61,7 +62,7 @@ private:
 
 // The driver configurations of the current user, persisted in tokens.db.
 class TesseraDriverRegistry {
-public:
+  public:
     // The user's store in the data folder.
     static TesseraDriverRegistry openUserRegistry();
     // A store at the given path; created with its schema and the tool's driver when missing.
@@ -69,8 +70,9 @@ public:
 
     std::map<std::string, TesseraTokenDriverConfiguration> driverConfigurations() const;
 
-private:
-    explicit TesseraDriverRegistry(std::shared_ptr<const sqlite::Connection> db) : db_(std::move(db)) {}
+  private:
+    explicit TesseraDriverRegistry(std::shared_ptr<const sqlite::Connection> db)
+        : db_(std::move(db)) {}
     std::shared_ptr<const sqlite::Connection> db_;
 };
 

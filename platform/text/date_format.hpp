@@ -9,7 +9,7 @@ namespace keyloft::platform {
 // The instant in the user's locale (LC_ALL, LC_TIME, LANG) and local time zone, short date and
 // short time styles, e.g. "1/2/26, 3:04 PM" for United States English.
 class ShortDateTimeFormatter {
-public:
+  public:
     ShortDateTimeFormatter();
     ShortDateTimeFormatter(const ShortDateTimeFormatter&) = delete;
     ShortDateTimeFormatter& operator=(const ShortDateTimeFormatter&) = delete;
@@ -17,7 +17,7 @@ public:
 
     std::string format(std::chrono::system_clock::time_point instant) const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

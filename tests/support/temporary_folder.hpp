@@ -8,10 +8,11 @@ namespace keyloft::testing {
 
 // A fresh folder under the system's temporary folder, removed with everything in it.
 class TemporaryFolder {
-public:
+  public:
     TemporaryFolder() {
         std::random_device random;
-        path_ = std::filesystem::temp_directory_path() / ("keyloft-test-" + std::to_string(random()));
+        path_ =
+            std::filesystem::temp_directory_path() / ("keyloft-test-" + std::to_string(random()));
         std::filesystem::create_directories(path_);
     }
     TemporaryFolder(const TemporaryFolder&) = delete;
@@ -22,7 +23,7 @@ public:
     }
     const std::filesystem::path& path() const { return path_; }
 
-private:
+  private:
     std::filesystem::path path_;
 };
 

@@ -18,8 +18,12 @@ struct PkeyDeleter {
 };
 using Pkey = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
 
-inline Pkey makeEcKey(const char* curve = "P-256") { return Pkey(EVP_EC_gen(curve)); }
-inline Pkey makeRsaKey(unsigned bits = 2048) { return Pkey(EVP_RSA_gen(bits)); }
+inline Pkey makeEcKey(const char* curve = "P-256") {
+    return Pkey(EVP_EC_gen(curve));
+}
+inline Pkey makeRsaKey(unsigned bits = 2048) {
+    return Pkey(EVP_RSA_gen(bits));
+}
 
 // A self-signed certificate for the key, valid from now - 1 day for the given number of days.
 inline Bytes makeCertificate(EVP_PKEY* key, const std::string& commonName = "Test", long days = 365,
@@ -32,11 +36,13 @@ inline Bytes makeCertificate(EVP_PKEY* key, const std::string& commonName = "Tes
     X509_NAME* name = X509_get_subject_name(x509.get());
     if (!commonName.empty()) {
         X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                                   reinterpret_cast<const unsigned char*>(commonName.c_str()), -1, -1, 0);
+                                   reinterpret_cast<const unsigned char*>(commonName.c_str()), -1,
+                                   -1, 0);
     }
     if (!email.empty()) {
         X509_NAME_add_entry_by_txt(name, "emailAddress", MBSTRING_ASC,
-                                   reinterpret_cast<const unsigned char*>(email.c_str()), -1, -1, 0);
+                                   reinterpret_cast<const unsigned char*>(email.c_str()), -1, -1,
+                                   0);
     }
     X509_set_issuer_name(x509.get(), name);
     X509_set_pubkey(x509.get(), key);

@@ -39,14 +39,15 @@ TEST_P(ParserErrors, RaiseTheExactMessage) {
 
 INSTANTIATE_TEST_SUITE_P(
     CommandLines, ParserErrors,
-    ::testing::Values(ErrorCase{{}, "Missing sub-command"},
-                      ErrorCase{{"-l", "x", "List-Identities"}, "Missing sub-command"},
-                      ErrorCase{{"delete-identity", "-h", "AB", "CD"}, "Unexpected commandline argument 'CD'"},
-                      ErrorCase{{"list-identities", "value"}, "Unexpected commandline argument 'value'"},
-                      ErrorCase{{"create-identity", "--l"}, "Unrecognized commandline option '--l'"},
-                      ErrorCase{{"create-identity", "-"}, "Unrecognized commandline option '-'"},
-                      ErrorCase{{"create-identity", "-help"}, "Unrecognized commandline option '-help'"},
-                      ErrorCase{{"create-identity", "-cn", "x"}, "Unrecognized commandline option '-cn'"}));
+    ::testing::Values(
+        ErrorCase{{}, "Missing sub-command"},
+        ErrorCase{{"-l", "x", "List-Identities"}, "Missing sub-command"},
+        ErrorCase{{"delete-identity", "-h", "AB", "CD"}, "Unexpected commandline argument 'CD'"},
+        ErrorCase{{"list-identities", "value"}, "Unexpected commandline argument 'value'"},
+        ErrorCase{{"create-identity", "--l"}, "Unrecognized commandline option '--l'"},
+        ErrorCase{{"create-identity", "-"}, "Unrecognized commandline option '-'"},
+        ErrorCase{{"create-identity", "-help"}, "Unrecognized commandline option '-help'"},
+        ErrorCase{{"create-identity", "-cn", "x"}, "Unrecognized commandline option '-cn'"}));
 
 TEST(Parser, SkipsEverythingBeforeTheCommandWord) {
     const auto parsed = parse({"foo", "-l", "x", "create-identity"});
@@ -56,9 +57,9 @@ TEST(Parser, SkipsEverythingBeforeTheCommandWord) {
 }
 
 TEST(Parser, EveryCommandWordHasItsIndex) {
-    const std::vector<std::string_view> words{"create-identity",   "delete-identity", "delete-all-identities",
-                                              "list-identities",   "import-identities", "export-identity",
-                                              "import-certificate", "create-csr"};
+    const std::vector<std::string_view> words{
+        "create-identity",   "delete-identity", "delete-all-identities", "list-identities",
+        "import-identities", "export-identity", "import-certificate",    "create-csr"};
     for (std::size_t index = 0; index < words.size(); ++index) {
         EXPECT_EQ(static_cast<std::size_t>(parse({words[index]}).command), index) << words[index];
     }
@@ -82,7 +83,9 @@ TEST(Parser, OptionHMeansHash) {
     EXPECT_EQ(parse({"delete-identity", "-h", "ab"}).options.at(ArgumentKey::hash), "ab");
 }
 
-OptionFields fieldsOf(std::vector<std::string_view> words) { return optionFieldsFrom(parse(std::move(words)).options); }
+OptionFields fieldsOf(std::vector<std::string_view> words) {
+    return optionFieldsFrom(parse(std::move(words)).options);
+}
 
 TEST(OptionFields, Defaults) {
     const auto fields = fieldsOf({"list-identities"});
@@ -111,13 +114,15 @@ TEST_P(HashOptions, ConvertWithDefaults) {
 
 INSTANTIATE_TEST_SUITE_P(
     Words, HashOptions,
-    ::testing::Values(HashCase{{"list-identities", "-t", "sha256"}, HashType::sha256, HashEncoding::base64},
-                      HashCase{{"list-identities", "-t", "ssh"}, HashType::ssh, HashEncoding::base64},
-                      HashCase{{"list-identities", "-t", "ssh", "-e", "hex"}, HashType::ssh, HashEncoding::hex},
-                      HashCase{{"list-identities", "-t", "sha1", "-e", "b64"}, HashType::sha1, HashEncoding::base64},
-                      HashCase{{"list-identities", "-t"}, std::nullopt, HashEncoding::base64},
-                      HashCase{{"list-identities", "-t", "SHA1"}, std::nullopt, HashEncoding::base64},
-                      HashCase{{"list-identities", "-e", "base64"}, HashType::sha1, std::nullopt}));
+    ::testing::Values(
+        HashCase{{"list-identities", "-t", "sha256"}, HashType::sha256, HashEncoding::base64},
+        HashCase{{"list-identities", "-t", "ssh"}, HashType::ssh, HashEncoding::base64},
+        HashCase{{"list-identities", "-t", "ssh", "-e", "hex"}, HashType::ssh, HashEncoding::hex},
+        HashCase{
+            {"list-identities", "-t", "sha1", "-e", "b64"}, HashType::sha1, HashEncoding::base64},
+        HashCase{{"list-identities", "-t"}, std::nullopt, HashEncoding::base64},
+        HashCase{{"list-identities", "-t", "SHA1"}, std::nullopt, HashEncoding::base64},
+        HashCase{{"list-identities", "-e", "base64"}, HashType::sha1, std::nullopt}));
 
 TEST(OptionFields, CommonNameFallsBackToTheLabel) {
     EXPECT_EQ(fieldsOf({"create-identity", "-l", "Mail"}).commonName, "Mail");

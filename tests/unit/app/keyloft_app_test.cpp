@@ -10,14 +10,15 @@ namespace keyloft {
 namespace {
 
 class Context : public ::testing::Test {
-protected:
+  protected:
     platform::TesseraDriverRegistry registry() const {
         return platform::TesseraDriverRegistry::open(folder.path() / "tokens.db");
     }
     void sql(const char* statement) const {
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open((folder.path() / "tokens.db").c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        EXPECT_EQ(sqlite3_exec(db, statement, nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
         sqlite3_close(db);
     }
     std::string buildError() const {
@@ -35,7 +36,8 @@ protected:
 TEST_F(Context, AddsTheUserTokenOnFirstUse) {
     const auto app = KeyloftApp::build({}, registry());
     EXPECT_EQ(app.tokenConfiguration.instanceID(), "user");
-    const auto tokens = registry().driverConfigurations().at("org.keyloft.token").tokenConfigurations();
+    const auto tokens =
+        registry().driverConfigurations().at("org.keyloft.token").tokenConfigurations();
     EXPECT_EQ(tokens.size(), 1U);
     EXPECT_TRUE(tokens.contains("user"));
 }
@@ -53,7 +55,8 @@ TEST_F(Context, AddsUserWhenOnlyOtherInstancesExist) {
     sql("INSERT INTO tokens VALUES ('org.keyloft.token', 'other', x'01')");
     const auto app = KeyloftApp::build({}, registry());
     EXPECT_FALSE(app.tokenConfiguration.configurationData());
-    const auto tokens = registry().driverConfigurations().at("org.keyloft.token").tokenConfigurations();
+    const auto tokens =
+        registry().driverConfigurations().at("org.keyloft.token").tokenConfigurations();
     EXPECT_EQ(tokens.at("other").configurationData(), Bytes{0x01});
 }
 

@@ -12,7 +12,7 @@ namespace keyloft::platform {
 namespace {
 
 class TokenStore : public ::testing::Test {
-protected:
+  protected:
     std::filesystem::path dbPath() const { return folder.path() / "tokens.db"; }
 
     TesseraTokenConfiguration userToken() const {
@@ -23,7 +23,8 @@ protected:
     void sql(const std::string& statement) const {
         sqlite3* db = nullptr;
         ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        EXPECT_EQ(sqlite3_exec(db, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
         sqlite3_close(db);
     }
 
@@ -103,7 +104,8 @@ TEST_F(TokenStore, ConfigurationDataIsReplacedAndRemoved) {
 
 TEST_F(TokenStore, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
     userToken();
-    sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', 0, 'key', x'01', NULL, x'3000', 1, 0, 1)");
+    sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', 0, 'key', x'01', NULL, x'3000', 1, "
+        "0, 1)");
     const auto items = userToken().items();
     ASSERT_EQ(items.size(), 1U);
     const auto& key = std::get<TesseraTokenKeyItem>(items[0]);
@@ -123,8 +125,10 @@ TEST_F(TokenStore, OtherTokensAreLeftAlone) {
     userToken().replaceItems({});
 
     const auto drivers = TesseraDriverRegistry::open(dbPath()).driverConfigurations();
-    EXPECT_EQ(drivers.at("org.example.other").tokenConfigurations().at("user").configurationData(), Bytes{0xAA});
-    EXPECT_EQ(drivers.at("org.keyloft.token").tokenConfigurations().at("spare").configurationData(), Bytes{0xBB});
+    EXPECT_EQ(drivers.at("org.example.other").tokenConfigurations().at("user").configurationData(),
+              Bytes{0xAA});
+    EXPECT_EQ(drivers.at("org.keyloft.token").tokenConfigurations().at("spare").configurationData(),
+              Bytes{0xBB});
 }
 
 TEST_F(TokenStore, AnUnreadableFileIsAPlatformError) {

@@ -31,9 +31,10 @@ Identity makeIdentity(const char* curve) {
 }
 
 class IdentityRemoval : public ::testing::Test {
-protected:
+  protected:
     platform::TesseraTokenConfiguration token() const {
-        const auto drivers = platform::TesseraDriverRegistry::open(folder.path() / "tokens.db").driverConfigurations();
+        const auto drivers = platform::TesseraDriverRegistry::open(folder.path() / "tokens.db")
+                                 .driverConfigurations();
         return drivers.at("org.keyloft.token").addTokenConfiguration("user");
     }
 
@@ -58,7 +59,8 @@ TEST(CertificatePublicKeyHash, RefusesBytesThatAreNoCertificate) {
 }
 
 TEST_F(IdentityRemoval, RemovesBothItemsAndDuplicatesKeepingTheRestInOrder) {
-    token().replaceItems({a.certificateItem, b.certificateItem, a.keyItem, b.keyItem, a.certificateItem});
+    token().replaceItems(
+        {a.certificateItem, b.certificateItem, a.keyItem, b.keyItem, a.certificateItem});
     removeIdentityItems(token(), a.hash);
     EXPECT_EQ(token().items(), (TesseraTokenItems{b.certificateItem, b.keyItem}));
 }
@@ -86,7 +88,8 @@ TEST_F(IdentityRemoval, ACorruptCertificateAnywhereFailsTheRemovalAndKeepsTheLis
 
 TEST_F(IdentityRemoval, RemovingARecordReEncodesTheRest) {
     keys::StoredKeyMap records;
-    records[a.hash].bastionKey = keys::BastionKey{a.hash, Bytes{1, 2}, keys::BiometryProtection::off};
+    records[a.hash].bastionKey =
+        keys::BastionKey{a.hash, Bytes{1, 2}, keys::BiometryProtection::off};
     records[b.hash].bastionKey = keys::BastionKey{b.hash, Bytes{3}, keys::BiometryProtection::on};
     token().replaceConfigurationData(keys::encodeStoredKeys(records));
 
