@@ -1,0 +1,62 @@
+#include "keys/key_creation.hpp"
+
+#include "keyloft/error.hpp"
+#include "platform/crypto/digest.hpp"
+#include "platform/keyservice/ecies.hpp"
+
+namespace keyloft::keys {
+namespace {
+
+BiometryProtection protectionFor(bool biometry) {
+    return biometry ? BiometryProtection::on : BiometryProtection::off;
+}
+
+}  // namespace
+
+std::uint32_t accessControlFor(bool biometry) {
+    return platform::accessControlPrivateKeyUsage |
+           (biometry ? platform::accessControlBiometryAny : 0U);
+}
+
+KeyHandle generateKey(KeyType type, bool biometry) {
+    switch (type) {
+        case KeyType::p256:
+            return KeyHandle(platform::SoftwareKey::generateEC(256));
+        case KeyType::p384:
+            return KeyHandle(platform::SoftwareKey::generateEC(384));
+        case KeyType::p521:
+            return KeyHandle(platform::SoftwareKey::generateEC(521));
+        case KeyType::p256ne:
+            return KeyHandle(
+                platform::defaultKeyProcessor().createKey(256, accessControlFor(biometry)));
+        case KeyType::p384ne:
+            return KeyHandle(
+                platform::defaultKeyProcessor().createKey(384, accessControlFor(biometry)));
+    }
+    throw PlatformError("unsupported key type");
+}
+
+BastionKey makeBastionKey(const platform::ProcessorKey& key, bool biometry) {
+    return {platform::sha1(key.publicKeyAttributes().externalRepresentation),
+            key.objectIdentifier(), protectionFor(biometry)};
+}
+
+SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry) {
+    const auto plaintext = key.externalRepresentation();
+    SealedKey sealed{.pubKeyHash = key.applicationLabel(),
+                     .keyType = key.keyType(),
+                     .biometryProtection = protectionFor(biometry)};
+    const auto wrapping =
+        platform::defaultKeyProcessor().createKey(256, accessControlFor(biometry));
+    const auto wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
+    if (wrappingPoint.empty()) throw KeyloftError::generic("failed to get public key");
+    sealed.wrappingPrivateKeyData = wrapping->objectIdentifier();
+    try {
+        sealed.wrappedPrivateKey = platform::ecies::encrypt(wrappingPoint, plaintext);
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get key attributes");
+    }
+    return sealed;
+}
+
+}  // namespace keyloft::keys

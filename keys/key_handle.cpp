@@ -1,0 +1,34 @@
+#include "keys/key_handle.hpp"
+
+#include "keyloft/error.hpp"
+#include "platform/crypto/digest.hpp"
+
+namespace keyloft::keys {
+
+const platform::ProcessorKey* KeyHandle::processorKey() const {
+    const auto* key = std::get_if<std::unique_ptr<platform::ProcessorKey>>(&key_);
+    return key != nullptr ? key->get() : nullptr;
+}
+
+std::string KeyHandle::keyType() const {
+    return softwareKey() != nullptr ? softwareKey()->keyType() : std::string(platform::keyTypeEC);
+}
+
+platform::PublicKeyAttributes KeyHandle::publicKeyAttributes() const {
+    return softwareKey() != nullptr ? softwareKey()->publicKeyAttributes()
+                                    : processorKey()->publicKeyAttributes();
+}
+
+Bytes KeyHandle::applicationLabel() const {
+    return platform::sha1(publicKeyAttributes().externalRepresentation);
+}
+
+Bytes KeyHandle::sign(platform::SignatureAlgorithm algorithm, ByteView message) const {
+    if (softwareKey() != nullptr) return softwareKey()->sign(algorithm, message);
+    if (algorithm != platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384) {
+        throw PlatformError("algorithm not supported by the key processor");
+    }
+    return processorKey()->sign(message);
+}
+
+}  // namespace keyloft::keys

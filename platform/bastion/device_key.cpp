@@ -1,0 +1,66 @@
+#include "platform/bastion/device_key.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "keyloft/error.hpp"
+#include "platform/crypto/random.hpp"
+
+namespace keyloft::platform {
+namespace {
+
+constexpr std::size_t deviceKeySize = 32;
+
+[[noreturn]] void fail(const std::filesystem::path& file, const char* what) {
+    throw PlatformError("Key processor: cannot " + std::string(what) + " the device key " +
+                        file.string() + ": " + std::strerror(errno));
+}
+
+std::optional<SecretBytes> readKey(const std::filesystem::path& file) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        if (errno == ENOENT) return std::nullopt;
+        fail(file, "read");
+    }
+    SecretBytes key(deviceKeySize + 1);
+    const ssize_t n = ::read(fd, key.data(), key.size());
+    ::close(fd);
+    if (n != static_cast<ssize_t>(deviceKeySize)) {
+        throw PlatformError("Key processor: the device key " + file.string() + " is damaged");
+    }
+    key.resize(deviceKeySize);
+    return key;
+}
+
+}  // namespace
+
+SecretBytes loadOrCreateDeviceKey(const std::filesystem::path& file) {
+    if (auto key = readKey(file)) return std::move(*key);
+
+    SecretBytes key(deviceKeySize);
+    if (!randomBytes(key)) throw PlatformError("Key processor: the random generator failed");
+    auto temporary = file;
+    temporary += ".new-" + std::to_string(::getpid());
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) fail(file, "create");
+    const bool written =
+        ::write(fd, key.data(), key.size()) == static_cast<ssize_t>(key.size()) && ::fsync(fd) == 0;
+    ::close(fd);
+    // link() never replaces an existing file, so the first process to get there wins.
+    const bool linked = written && ::link(temporary.c_str(), file.c_str()) == 0;
+    const int linkError = errno;
+    ::unlink(temporary.c_str());
+    if (!written) fail(file, "write");
+    if (!linked && linkError != EEXIST) {
+        errno = linkError;
+        fail(file, "create");
+    }
+    if (linked) return key;
+    return *readKey(file);
+}
+
+}  // namespace keyloft::platform

@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "keyloft/bytes.hpp"
+#include "platform/crypto/key_types.hpp"
+#include "platform/crypto/secret.hpp"
+
+// The key processor: keys made inside it never leave it; they are reached again through an opaque
+// object identifier, which names the back end that made it.
+namespace keyloft::platform {
+
+inline constexpr std::uint32_t accessControlPrivateKeyUsage = 0x40000000;
+inline constexpr std::uint32_t accessControlBiometryAny = 0x2;
+
+// One user-authentication session: once presence is confirmed, it holds for every use under it.
+class AuthenticationContext {
+  public:
+    bool presenceConfirmed() const { return confirmed_; }
+    void confirmPresence() { confirmed_ = true; }
+
+  private:
+    bool confirmed_ = false;
+};
+
+// Asks the user to confirm presence; throws PlatformError when it cannot be confirmed.
+class PresenceGate {
+  public:
+    virtual ~PresenceGate() = default;
+    virtual void confirm() = 0;
+};
+
+// A handle to a key inside the processor. Private-key operations ask the presence gate first when
+// the key's access control demands biometry and its context has not been confirmed yet.
+class ProcessorKey {
+  public:
+    virtual ~ProcessorKey() = default;
+    virtual const Bytes& objectIdentifier() const = 0;
+    virtual std::uint32_t accessControl() const = 0;
+    virtual PublicKeyAttributes publicKeyAttributes() const = 0;
+    // ECDSA over SHA-384 of the message, DER signature.
+    virtual Bytes sign(ByteView message) const = 0;
+    // ECDH with a peer's uncompressed point: the shared x-coordinate.
+    virtual SecretBytes agree(ByteView peerPoint) const = 0;
+};
+
+class KeyProcessor {
+  public:
+    virtual ~KeyProcessor() = default;
+    // A P-256 or P-384 key under the access-control word.
+    virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
+                                                    std::uint32_t accessControl) = 0;
+    // Rebuilds a handle; without a context the handle makes its own.
+    virtual std::unique_ptr<ProcessorKey> rebuildKey(
+        ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) = 0;
+};
+
+// The processor that makes new keys on this machine.
+KeyProcessor& defaultKeyProcessor();
+// The processor named by an object identifier; PlatformError when no back end here knows it.
+KeyProcessor& keyProcessorFor(ByteView objectIdentifier);
+
+}  // namespace keyloft::platform

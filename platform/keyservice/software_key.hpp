@@ -1,0 +1,54 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "keyloft/bytes.hpp"
+#include "platform/crypto/key_types.hpp"
+#include "platform/crypto/openssl_handles.hpp"
+#include "platform/crypto/secret.hpp"
+
+namespace keyloft::platform {
+
+enum class SignatureAlgorithm {
+    ecdsaSignatureMessageX962SHA384,    // ECDSA over SHA-384 of the message, DER signature
+    rsaSignatureMessagePKCS1v15SHA384,  // RSASSA-PKCS1-v1_5 with SHA-384
+};
+
+// A private key held by the key service in memory, for the duration of one command.
+class SoftwareKey {
+  public:
+    // A random key on P-256, P-384 or P-521.
+    static SoftwareKey generateEC(int sizeInBits);
+    // From the external representation: EC 0x04 || X || Y || K, each padded to the field size;
+    // RSA the DER RSAPrivateKey. Throws PlatformError when the data is no such key.
+    static SoftwareKey fromExternalRepresentation(std::string_view keyType, ByteView data);
+
+    const std::string& keyType() const { return keyType_; }
+    int sizeInBits() const;
+    PublicKeyAttributes publicKeyAttributes() const;
+    // The application label: SHA-1 of the public key's external representation.
+    Bytes applicationLabel() const;
+    SecretBytes externalRepresentation() const;
+
+    Bytes sign(SignatureAlgorithm algorithm, ByteView message) const;
+    // ECDH with a peer's uncompressed point on the same curve: the shared x-coordinate.
+    SecretBytes agree(ByteView peerPoint) const;
+
+    EVP_PKEY* handle() const { return key_.get(); }
+
+  private:
+    SoftwareKey(std::string keyType, openssl::Pkey key)
+        : keyType_(std::move(keyType)), key_(std::move(key)) {}
+
+    std::string keyType_;
+    openssl::Pkey key_;
+};
+
+// The OpenSSL curve name of an EC key size, or nullptr.
+const char* curveNameForSize(int sizeInBits);
+
+// A public EC key from its uncompressed point on the curve of the given size.
+openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point);
+
+}  // namespace keyloft::platform
