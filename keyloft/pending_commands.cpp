@@ -11,12 +11,6 @@ namespace {
 
 }  // namespace
 
-void KeyloftApp::createIdentity() {
-    notAvailable(Command::createIdentity);
-}
-void KeyloftApp::listIdentities() {
-    notAvailable(Command::listIdentities);
-}
 void KeyloftApp::importIdentities() {
     notAvailable(Command::importIdentities);
 }
