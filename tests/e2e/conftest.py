@@ -2,6 +2,7 @@
 import os
 import pathlib
 import plistlib
+import pty
 import sqlite3
 import subprocess
 
@@ -35,6 +36,29 @@ class Card:
                                 start_new_session=True)
         assert result.returncode == 0, result
         return result
+
+    def run_on_terminal(self, *args, answers=b""):
+        """Runs keyloft with a pseudo-terminal as its controlling terminal; returns what it wrote
+        there. The answers are typed once the tool has started."""
+        pid, fd = pty.fork()
+        if pid == 0:
+            os.chdir(self.home)
+            os.execve(KEYLOFT, [KEYLOFT, *args], self.env())
+        output = b""
+        if answers:
+            os.write(fd, answers)
+        while True:
+            try:
+                chunk = os.read(fd, 4096)
+            except OSError:
+                break
+            if not chunk:
+                break
+            output += chunk
+        os.close(fd)
+        _, status = os.waitpid(pid, 0)
+        assert os.waitstatus_to_exitcode(status) == 0, output
+        return output.decode().replace("\r\n", "\n")
 
     def out(self, *args, **kwargs):
         return self.run(*args, **kwargs).stdout
@@ -72,6 +96,19 @@ class Card:
         root = plistlib.loads(data)
         pairs = root["keys"]
         return {pairs[i]: pairs[i + 1] for i in range(0, len(pairs), 2)}
+
+
+@pytest.fixture
+def presence():
+    """Sets what the test build's PAM configuration answers for the service "keyloft"."""
+    if not PAM_CONFDIR:
+        pytest.skip("the tool was built without a test PAM configuration folder")
+    folder = pathlib.Path(PAM_CONFDIR)
+    folder.mkdir(parents=True, exist_ok=True)
+
+    def answer(module):
+        (folder / "keyloft").write_text(f"auth required {module}\naccount required pam_permit.so\n")
+    return answer
 
 
 @pytest.fixture

@@ -38,7 +38,7 @@ def make_certificate(key, common_name="Test", email=None, days=365, issuer_key=N
     signer = issuer_key or key
     return (x509.CertificateBuilder().subject_name(subject).issuer_name(issuer or subject)
             .public_key(key.public_key()).serial_number(x509.random_serial_number())
-            .not_valid_before(now - datetime.timedelta(minutes=5))
+            .not_valid_before(now - datetime.timedelta(minutes=5) + min(days, 0) * datetime.timedelta(days=2))
             .not_valid_after(now + datetime.timedelta(days=days))
             .sign(signer, hashes.SHA256()))
 

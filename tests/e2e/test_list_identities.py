@@ -17,7 +17,9 @@ def parse(output):
     lines = output.split("\n")
     assert lines[-1] == ""
     heading = lines[0]
-    starts = [heading.index(h) for h in HEADINGS]
+    starts = []
+    for h in HEADINGS:
+        starts.append(heading.index(h, starts[-1] + 1 if starts else 0))
     rows = []
     for line in lines[1:-1]:
         assert line.endswith(" ")
