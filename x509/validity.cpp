@@ -1,5 +1,6 @@
 #include "x509/validity.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <string>
@@ -18,7 +19,10 @@ std::optional<std::int64_t> parseDays(std::string_view text) {
         negative = digits.front() == '-';
         digits.remove_prefix(1);
     }
-    if (digits.empty()) return std::nullopt;
+    if (digits.empty() ||
+        !std::ranges::all_of(digits, [](char c) { return c >= '0' && c <= '9'; })) {
+        return std::nullopt;
+    }
     // Parse the magnitude with the sign attached so that the most negative value fits.
     const std::string signedDigits = (negative ? "-" : "") + std::string(digits);
     std::int64_t value = 0;

@@ -1,0 +1,175 @@
+#include "x509/certificate.hpp"
+
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <deque>
+
+#include "der/object_identifiers.hpp"
+#include "keyloft/error.hpp"
+#include "platform/keyservice/software_key.hpp"
+
+namespace keyloft::x509 {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::array<std::uint8_t, 16> uuid(std::uint8_t first, std::uint8_t second) {
+    std::array<std::uint8_t, 16> bytes{};
+    bytes.fill(0x42);
+    bytes[0] = first;
+    bytes[1] = second;
+    return bytes;
+}
+
+UuidSource fixedUuids(std::deque<std::array<std::uint8_t, 16>> values) {
+    return [values]() mutable {
+        auto next = values.front();
+        values.pop_front();
+        return next;
+    };
+}
+
+X509Certificate modelFor(const platform::SoftwareKey& key,
+                         std::optional<std::string_view> specification,
+                         bool keyManagement = false) {
+    return X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(), specification,
+                                   keyManagement, fixedUuids({uuid(0x12, 0x34)}));
+}
+
+Bytes nameDer(std::string_view specification) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    return der::encode(modelFor(key, specification).subject.der());
+}
+
+TEST(Name, SpecificationTexts) {
+    EXPECT_EQ(nameDer("Alice;;;;;;"), (Bytes{0x30, 0x10, 0x31, 0x0E, 0x30, 0x0C, 0x06, 0x03, 0x55,
+                                             0x04, 0x03, 0x16, 0x05, 'A', 'l', 'i', 'c', 'e'}));
+    const Bytes emptyCommonName{0x31, 0x09, 0x30, 0x07, 0x06, 0x03, 0x55, 0x04, 0x03, 0x16, 0x00};
+    const Bytes withEmail = nameDer(";x;;;;;");
+    EXPECT_TRUE(std::search(withEmail.begin(), withEmail.end(), emptyCommonName.begin(),
+                            emptyCommonName.end()) != withEmail.end());
+    EXPECT_EQ(nameDer("A;B;C;D;E;F;G;H"), (Bytes{0x30, 0x00}));
+    EXPECT_EQ(nameDer("|30"), (Bytes{0x30, 0x00}));
+
+    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto all = modelFor(key, "A;B;C;D;E;F;G").subject;
+    EXPECT_EQ(all.commonName, "A");
+    EXPECT_EQ(all.email, "B");
+    EXPECT_EQ(all.organizationalUnit, "C");
+    EXPECT_EQ(all.organization, "D");
+    EXPECT_EQ(all.country, "G");
+    auto partial = modelFor(key, "A;B");
+    EXPECT_FALSE(partial.subject.organization);
+    partial.applySpecification("Z");
+    EXPECT_EQ(partial.subject.commonName, "Z");
+    EXPECT_EQ(partial.subject.email, "B");
+}
+
+TEST(Validity, DaysTexts) {
+    const Validity start{Instant{} + 1000s, Instant{} + 2000s};
+    for (const auto& [text, days] : std::vector<std::pair<std::string, std::int64_t>>{
+             {"30", 30}, {"+30", 30}, {"030", 30}, {"-1", -1}, {"0", 0}}) {
+        auto validity = start;
+        applyValidityDays(validity, text);
+        EXPECT_EQ(validity.validTo - validity.validFrom, std::chrono::seconds(days * 86400))
+            << text;
+    }
+    for (const std::string text :
+         {"30 ", "3O", "-", "", "+-1", "99999999999999999999", "106751991167301"}) {
+        auto validity = start;
+        try {
+            applyValidityDays(validity, text);
+            ADD_FAILURE() << text;
+        } catch (const KeyloftError& error) {
+            EXPECT_EQ(error.text(),
+                      "Certificate validity must be number of days, got '" + text + "'");
+        }
+        EXPECT_EQ(validity.validTo, start.validTo);
+    }
+}
+
+std::string timeText(std::chrono::sys_seconds instant, std::chrono::milliseconds extra = 0ms) {
+    const auto record = utcTimeRecord(instant + extra);
+    return std::string(record.bytes().begin(), record.bytes().end()) +
+           (record.tag() == 0x17 ? "" : " generalized");
+}
+
+TEST(Validity, TimesAreUtcWithoutFractions) {
+    using std::chrono::sys_days;
+    using namespace std::chrono;
+    EXPECT_EQ(timeText(sys_days{2026y / 11 / 16} + 19h + 31min + 7s, 200ms), "261116193107Z");
+    EXPECT_EQ(timeText(sys_days{2027y / 12 / 31} + 12h + 365 * 24h), "281230120000Z");
+    EXPECT_EQ(timeText(sys_days{2027y / 1 / 1} + 1min), "270101000100Z");
+    EXPECT_EQ(timeText(sys_days{2026y / 1 / 1} - 1h + 59s, 900ms), "251231230059Z");
+    EXPECT_EQ(timeText(sys_days{2050y / 1 / 1}), "20500101000000Z generalized");
+    EXPECT_EQ(timeText(sys_days{2049y / 12 / 31} + 23h + 59min + 59s), "491231235959Z");
+}
+
+TEST(Model, SerialNeverStartsWithARedundantZero) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto model = X509Certificate::create(
+        key.publicKeyAttributes(), key.applicationLabel(), std::nullopt, false,
+        fixedUuids({uuid(0x00, 0x12), uuid(0x00, 0x7F), uuid(0x00, 0x80)}));
+    EXPECT_EQ(model.serial, uuid(0x00, 0x80));
+    EXPECT_EQ(model.validTo - model.validFrom >= defaultValidity, true);
+}
+
+TEST(Model, RefusesUnsupportedKeys) {
+    platform::PublicKeyAttributes odd{"ec", 224, Bytes(57, 4)};
+    try {
+        X509Certificate::create(odd, {}, std::nullopt, false, fixedUuids({uuid(1, 1)}));
+        FAIL();
+    } catch (const KeyloftError& error) {
+        EXPECT_EQ(error.text(), "unsupported public key EC key size: 224");
+    }
+    odd.keyType = "dsa";
+    EXPECT_THROW(X509Certificate::create(odd, {}, std::nullopt, false, fixedUuids({uuid(1, 1)})),
+                 KeyloftError);
+}
+
+class Built : public ::testing::TestWithParam<int> {};
+
+TEST_P(Built, OpenSslAcceptsTheCertificateAndItsSignature) {
+    const auto key = platform::SoftwareKey::generateEC(GetParam());
+    const auto model = modelFor(key, "Alice;alice@example.com;;Example;;;DE", true);
+    const Bytes der =
+        der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
+            return key.sign(platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+        }));
+    const unsigned char* cursor = der.data();
+    std::unique_ptr<X509, decltype(&X509_free)> x509(
+        d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), X509_free);
+    ASSERT_TRUE(x509);
+    EXPECT_EQ(X509_get_version(x509.get()), 2);
+    EXPECT_EQ(X509_verify(x509.get(), X509_get0_pubkey(x509.get())), 1);
+    EXPECT_EQ(X509_NAME_cmp(X509_get_issuer_name(x509.get()), X509_get_subject_name(x509.get())),
+              0);
+    EXPECT_EQ(X509_get_key_usage(x509.get()),
+              static_cast<uint32_t>(KU_KEY_ENCIPHERMENT | KU_KEY_AGREEMENT));
+    const Bytes keyUsage{0x30, 0x0E, 0x06, 0x03, 0x55, 0x1D, 0x0F, 0x01,
+                         0x01, 0xFF, 0x04, 0x04, 0x03, 0x02, 0x03, 0x28};
+    EXPECT_NE(std::search(der.begin(), der.end(), keyUsage.begin(), keyUsage.end()), der.end());
+}
+
+INSTANTIATE_TEST_SUITE_P(Curves, Built, ::testing::Values(256, 384, 521));
+
+TEST(Build, UnknownSignatureOidFailsFirst) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    bool signed_ = false;
+    EXPECT_THROW(buildCertificate(modelFor(key, std::nullopt), der::oid::idSha1,
+                                  [&](ByteView) {
+                                      signed_ = true;
+                                      return Bytes{};
+                                  }),
+                 KeyloftError);
+    EXPECT_FALSE(signed_);
+    EXPECT_EQ(der::encode(*signatureAlgorithmIdentifier(der::oid::sha256WithRSAEncryption)),
+              (Bytes{0x30, 0x0D, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x01, 0x0B,
+                     0x05, 0x00}));
+}
+
+}  // namespace
+}  // namespace keyloft::x509
