@@ -17,11 +17,5 @@ void KeyloftApp::importIdentities() {
 void KeyloftApp::exportIdentity() {
     notAvailable(Command::exportIdentity);
 }
-void KeyloftApp::importCertificate() {
-    notAvailable(Command::importCertificate);
-}
-void KeyloftApp::createCsr() {
-    notAvailable(Command::createCsr);
-}
 
 }  // namespace keyloft

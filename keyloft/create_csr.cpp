@@ -1,0 +1,51 @@
+#include "keyloft/error.hpp"
+#include "keyloft/keyloft_app.hpp"
+#include "keys/key_access.hpp"
+#include "keys/stored_key_codec.hpp"
+#include "platform/system/files.hpp"
+#include "pubkey/hex.hpp"
+#include "x509/certification_request.hpp"
+#include "x509/pem.hpp"
+
+namespace keyloft {
+
+void KeyloftApp::createCsr() {
+    if (!fileName) throw KeyloftError::generic("'file' paramater is mandatory");
+    if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
+    const auto hashBytes = pubkey::fromHexString(*hash);
+    if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
+
+    const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
+    const auto record = records.find(*hashBytes);
+    if (record == records.end()) throw KeyloftError::generic("No identity found for hash: <hash>");
+    const auto [key, keyType] =
+        keys::keyHandle(record->second, std::make_shared<keys::AuthenticationContext>());
+    const auto publicKey = key.publicKeyAttributes();
+    if (publicKey.externalRepresentation.empty())
+        throw KeyloftError::generic("Failed to copy public key");
+
+    x509::RequestSubject subject;
+    using enum x509::SubjectAttribute;
+    for (const auto& [attribute, value] : {std::pair{commonName, &KeyloftApp::commonName},
+                                           {email, &KeyloftApp::email},
+                                           {organizationalUnit, &KeyloftApp::organizationalUnit},
+                                           {organization, &KeyloftApp::organization},
+                                           {locality, &KeyloftApp::locality},
+                                           {stateOrProvince, &KeyloftApp::stateOrProvince},
+                                           {country, &KeyloftApp::country}}) {
+        if (!(this->*value).empty()) subject.emplace_back(attribute, this->*value);
+    }
+    const auto algorithm = keyType == platform::keyTypeRSA
+                               ? platform::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
+                               : platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+    const auto request = der::encode(x509::buildCertificationRequest(
+        subject, publicKey, [&](ByteView info) { return key.sign(algorithm, info); }));
+    if (request.empty())
+        throw KeyloftError::generic("Failed to genrete Certificate Signature Request");
+
+    std::string path = *fileName;
+    if (!path.ends_with(".csr")) path += ".csr";
+    platform::replaceFileAtomically(path, bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
+}
+
+}  // namespace keyloft

@@ -1,0 +1,76 @@
+#include "x509/certification_request.hpp"
+
+#include "der/object_identifiers.hpp"
+
+namespace keyloft::x509 {
+namespace {
+
+using der::BerTlvRecord;
+
+BerTlvRecord attributeValue(SubjectAttribute attribute, const std::string& value) {
+    switch (attribute) {
+        case SubjectAttribute::email:
+            return der::asciiStringRecord(der::tag::ia5String, value);
+        case SubjectAttribute::country:
+            return der::asciiStringRecord(der::tag::printableString, value);
+        default:
+            return der::primitiveRecord(der::tag::utf8String, bytesOf(value));
+    }
+}
+
+ByteView attributeType(SubjectAttribute attribute) {
+    switch (attribute) {
+        case SubjectAttribute::commonName:
+            return der::oid::commonName;
+        case SubjectAttribute::email:
+            return der::oid::emailAddress;
+        case SubjectAttribute::organizationalUnit:
+            return der::oid::organizationalUnitName;
+        case SubjectAttribute::organization:
+            return der::oid::organizationName;
+        case SubjectAttribute::locality:
+            return der::oid::localityName;
+        case SubjectAttribute::stateOrProvince:
+            return der::oid::stateOrProvinceName;
+        case SubjectAttribute::country:
+            return der::oid::countryName;
+    }
+    return {};
+}
+
+// keyUsage with all nine bits, digitalSignature to decipherOnly.
+BerTlvRecord everyKeyUsage() {
+    const Bytes bits{0x07, 0xFF, 0x80};
+    return der::sequenceRecord(
+        {der::oidRecord(der::oid::keyUsage), der::booleanTrueRecord(),
+         der::wrapInOctetString(der::primitiveRecord(der::tag::bitString, bits))});
+}
+
+}  // namespace
+
+BerTlvRecord buildCertificationRequest(const RequestSubject& subject,
+                                       const platform::PublicKeyAttributes& publicKey,
+                                       const Signer& sign) {
+    BerTlvRecord::Children rdns;
+    for (const auto& [attribute, value] : subject) {
+        rdns.push_back(der::setRecord({der::sequenceRecord(
+            {der::oidRecord(attributeType(attribute)), attributeValue(attribute, value)})}));
+    }
+    const auto extensionRequest =
+        der::sequenceRecord({der::oidRecord(der::oid::extensionRequest),
+                             der::setRecord({der::sequenceRecord({everyKeyUsage()})})});
+    const auto info = der::sequenceRecord({
+        der::integerRecord(0),
+        der::sequenceRecord(std::move(rdns)),
+        subjectPublicKeyInfo(publicKey),
+        der::constructedRecord(der::tag::contextConstructed0, {extensionRequest}),
+    });
+    const ByteView oid = publicKey.keyType == platform::keyTypeRSA
+                             ? ByteView(der::oid::sha384WithRSAEncryption)
+                             : ByteView(der::oid::ecdsaWithSHA384);
+    const Bytes signature = sign(der::encode(info));
+    return der::sequenceRecord(
+        {info, *signatureAlgorithmIdentifier(oid), der::bitStringRecord(signature)});
+}
+
+}  // namespace keyloft::x509
