@@ -14,8 +14,5 @@ namespace {
 void KeyloftApp::importIdentities() {
     notAvailable(Command::importIdentities);
 }
-void KeyloftApp::exportIdentity() {
-    notAvailable(Command::exportIdentity);
-}
 
 }  // namespace keyloft

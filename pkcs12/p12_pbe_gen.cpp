@@ -1,0 +1,76 @@
+#include "pkcs12/p12_pbe_gen.hpp"
+
+#include <algorithm>
+
+#include "keyloft/error.hpp"
+#include "platform/crypto/digest.hpp"
+#include "platform/text/utf16.hpp"
+
+namespace keyloft::pkcs12 {
+namespace {
+
+constexpr std::size_t blockSize = 64;  // v: SHA-1's input block
+constexpr std::size_t hashSize = 20;   // u: SHA-1's output
+
+// Repeats the bytes to the next multiple of the block size at or above their length.
+platform::SecretBytes extendToBlocks(ByteView bytes) {
+    const std::size_t length = (bytes.size() + blockSize - 1) / blockSize * blockSize;
+    platform::SecretBytes out(length);
+    for (std::size_t i = 0; i < length; ++i) out[i] = bytes[i % bytes.size()];
+    return out;
+}
+
+// block = (block + b + 1) mod 2^512, big-endian.
+void addWithCarry(std::span<std::uint8_t> block, ByteView b) {
+    unsigned carry = 1;
+    for (std::size_t i = blockSize; i-- > 0;) {
+        const unsigned sum = block[i] + b[i] + carry;
+        block[i] = static_cast<std::uint8_t>(sum);
+        carry = sum >> 8U;
+    }
+}
+
+}  // namespace
+
+int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::uint32_t iterations,
+                PbeId id, std::span<std::uint8_t> out) {
+    if (!password || salt.empty()) return -1;
+    const platform::SecretBytes diversifier(blockSize, static_cast<std::uint8_t>(id));
+    auto passwordBytes = platform::utf16BigEndian(*password);
+    passwordBytes.push_back(0);
+    passwordBytes.push_back(0);
+    platform::SecretBytes input = extendToBlocks(salt);
+    const auto extendedPassword = extendToBlocks(passwordBytes);
+    input.insert(input.end(), extendedPassword.begin(), extendedPassword.end());
+
+    platform::SecretBytes result;
+    while (result.size() < out.size()) {
+        platform::SecretBytes block(diversifier);
+        block.insert(block.end(), input.begin(), input.end());
+        Bytes a = platform::sha1(block);
+        for (std::uint32_t i = 1; i < iterations; ++i) a = platform::sha1(a);
+        result.insert(result.end(), a.begin(), a.end());
+        platform::SecretBytes b(blockSize);
+        for (std::size_t i = 0; i < blockSize; ++i) b[i] = a[i % hashSize];
+        platform::wipe(a.data(), a.size());
+        for (std::size_t j = 0; j < input.size(); j += blockSize)
+            addWithCarry({input.data() + j, blockSize}, b);
+    }
+    std::copy_n(result.begin(), out.size(), out.begin());
+    return 0;
+}
+
+platform::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,
+                             PbeId id, std::size_t length, const std::string& failureMessage) {
+    platform::SecretBytes out(length);
+    if (p12_pbe_gen(password, salt, iterations, id, out) != 0)
+        throw KeyloftError::generic(failureMessage);
+    return out;
+}
+
+platform::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
+                                std::uint32_t iterations) {
+    return pbeKey(password, salt, iterations, PbeId::mac, hashSize, "Failed to generate pbe");
+}
+
+}  // namespace keyloft::pkcs12

@@ -1,0 +1,156 @@
+#include "pkcs12/pfx.hpp"
+
+#include "der/object_identifiers.hpp"
+#include "keyloft/error.hpp"
+#include "pkcs12/p12_pbe_gen.hpp"
+#include "pkcs12/pbe_encrypt.hpp"
+#include "platform/crypto/digest.hpp"
+#include "platform/crypto/key_types.hpp"
+#include "platform/crypto/random.hpp"
+
+namespace keyloft::pkcs12 {
+namespace {
+
+using der::BerTlvRecord;
+
+constexpr std::size_t saltSize = 8;
+
+Bytes randomSalt() {
+    Bytes salt(saltSize);
+    if (!platform::randomBytes(salt)) throw KeyloftError::generic("failed to generate salt");
+    return salt;
+}
+
+BerTlvRecord explicitContent(BerTlvRecord content) {
+    return der::constructedRecord(der::tag::contextConstructed0, {std::move(content)});
+}
+
+BerTlvRecord localKeyIdAttributes(ByteView pubKeyHash) {
+    return der::setRecord(
+        {der::sequenceRecord({der::oidRecord(der::oid::localKeyId),
+                              der::setRecord({der::octetStringRecord(pubKeyHash)})})});
+}
+
+BerTlvRecord pbeParameters(ByteView oid, ByteView salt, std::uint32_t iterations) {
+    return der::sequenceRecord(
+        {der::oidRecord(oid),
+         der::sequenceRecord({der::octetStringRecord(salt), der::integerRecord(iterations)})});
+}
+
+Bytes certificateSafeContents(ByteView certificate, ByteView pubKeyHash) {
+    const auto bag = der::sequenceRecord({
+        der::oidRecord(der::oid::certBag),
+        explicitContent(
+            der::sequenceRecord({der::oidRecord(der::oid::x509Certificate),
+                                 explicitContent(der::octetStringRecord(certificate))})),
+        localKeyIdAttributes(pubKeyHash),
+    });
+    return der::encode(der::sequenceRecord({bag}));
+}
+
+BerTlvRecord encryptedDataContentInfo(ByteView cipher, ByteView salt, std::uint32_t iterations) {
+    const auto encryptedContentInfo = der::sequenceRecord({
+        der::oidRecord(der::oid::pkcs7Data),
+        pbeParameters(der::oid::pbeWithSHAAnd40BitRC2CBC, salt, iterations),
+        der::primitiveRecord(der::tag::contextPrimitive0, cipher),
+    });
+    return der::sequenceRecord(
+        {der::oidRecord(der::oid::pkcs7EncryptedData),
+         explicitContent(der::sequenceRecord({der::integerRecord(0), encryptedContentInfo}))});
+}
+
+BerTlvRecord shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pubKeyHash,
+                                    std::uint32_t iterations) {
+    const auto bag = der::sequenceRecord({
+        der::oidRecord(der::oid::pkcs8ShroudedKeyBag),
+        explicitContent(der::sequenceRecord(
+            {pbeParameters(der::oid::pbeWithSHAAnd3KeyTripleDESCBC, salt, iterations),
+             der::octetStringRecord(cipher)})),
+        localKeyIdAttributes(pubKeyHash),
+    });
+    return der::sequenceRecord(
+        {der::oidRecord(der::oid::pkcs7Data),
+         explicitContent(der::wrapInOctetString(der::sequenceRecord({bag})))});
+}
+
+}  // namespace
+
+platform::SecretBytes privateKeyInfo(const UnwrappedKey& key) {
+    BerTlvRecord::Children info{der::integerRecord(0)};
+    if (key.keyType == platform::keyTypeEC) {
+        ByteView curve;
+        switch (key.sizeInBits) {
+            case 256:
+                curve = der::oid::prime256v1;
+                break;
+            case 384:
+                curve = der::oid::secp384r1;
+                break;
+            case 521:
+                curve = der::oid::secp521r1;
+                break;
+            default:
+                // 192-bit keys have no curve identifier here; naming another curve would mislabel
+                // them.
+                throw KeyloftError::generic("unsupported public key EC key size: " +
+                                            std::to_string(key.sizeInBits));
+        }
+        const std::size_t field = (static_cast<std::size_t>(key.sizeInBits) + 7) / 8;
+        const auto& data = key.externalRepresentation;
+        if (data.size() != 1 + 3 * field) throw KeyloftError::generic("failed to copy public key");
+        const ByteView point(data.data(), 1 + 2 * field);
+        const ByteView scalar(data.data() + point.size(), field);
+        const auto ecPrivateKey = der::sequenceRecord({
+            der::integerRecord(1),
+            der::octetStringRecord(scalar),
+            der::constructedRecord(der::tag::contextConstructed1, {der::bitStringRecord(point)}),
+        });
+        info.push_back(
+            der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}));
+        info.push_back(der::wrapInOctetString(ecPrivateKey));
+    } else if (key.keyType == platform::keyTypeRSA) {
+        info.push_back(
+            der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}));
+        info.push_back(der::octetStringRecord(key.externalRepresentation));
+    } else {
+        throw KeyloftError::generic("unsupported public key type: " + key.keyType);
+    }
+    auto encoded = der::encode(der::sequenceRecord(std::move(info)));
+    platform::SecretBytes out(encoded.begin(), encoded.end());
+    platform::wipe(encoded.data(), encoded.size());
+    return out;
+}
+
+Bytes buildPKCS12(std::string_view password, ByteView certificate, ByteView pubKeyHash,
+                  std::uint32_t iterations, const Unwrap& unwrap) {
+    const Bytes certificateSalt = randomSalt();
+    const Bytes certificateCipher =
+        pbeEncrypt(certificateSafeContents(certificate, pubKeyHash), password, certificateSalt,
+                   iterations, 40, platform::BlockCipher::rc2, 8);
+    const auto certificateInfo =
+        encryptedDataContentInfo(certificateCipher, certificateSalt, iterations);
+
+    const Bytes keySalt = randomSalt();
+    const Bytes keyCipher = pbeEncrypt(privateKeyInfo(unwrap()), password, keySalt, iterations, 192,
+                                       platform::BlockCipher::tripleDes, 8);
+    const auto keyInfo = shroudedKeyContentInfo(keyCipher, keySalt, pubKeyHash, iterations);
+
+    const Bytes authSafe = der::encode(der::sequenceRecord({certificateInfo, keyInfo}));
+    const Bytes macSalt = randomSalt();
+    const Bytes digest = platform::hmacSha1(pbeMacKey(password, macSalt, iterations), authSafe);
+    const auto macData = der::sequenceRecord({
+        der::sequenceRecord(
+            {der::sequenceRecord({der::oidRecord(der::oid::idSha1), der::nullRecord()}),
+             der::octetStringRecord(digest)}),
+        der::octetStringRecord(macSalt),
+        der::integerRecord(iterations),
+    });
+    return der::encode(der::sequenceRecord({
+        der::integerRecord(3),
+        der::sequenceRecord({der::oidRecord(der::oid::pkcs7Data),
+                             explicitContent(der::octetStringRecord(authSafe))}),
+        macData,
+    }));
+}
+
+}  // namespace keyloft::pkcs12

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+#include "platform/crypto/secret.hpp"
+
+namespace keyloft::platform {
+
+// Prompts on the controlling terminal and reads one line with echo off, keeping at most 511
+// bytes; the bytes become UTF-8 text with invalid sequences replaced. Nothing when there is no
+// controlling terminal or the read fails.
+std::optional<SecretText> readPassphrase(std::string_view prompt);
+
+}  // namespace keyloft::platform
