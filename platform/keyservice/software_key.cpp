@@ -128,6 +128,16 @@ SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, By
     return {std::string(keyTypeEC), std::move(key)};
 }
 
+SoftwareKey SoftwareKey::adopt(openssl::Pkey key) {
+    if (key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_RSA)
+        return {std::string(keyTypeRSA), std::move(key)};
+    if (key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_EC &&
+        curveNameForSize(EVP_PKEY_get_bits(key.get()))) {
+        return {std::string(keyTypeEC), std::move(key)};
+    }
+    throw PlatformError("unsupported private key type");
+}
+
 int SoftwareKey::sizeInBits() const {
     return EVP_PKEY_get_bits(key_.get());
 }

@@ -24,6 +24,10 @@ class SoftwareKey {
     // RSA the DER RSAPrivateKey. Throws PlatformError when the data is no such key.
     static SoftwareKey fromExternalRepresentation(std::string_view keyType, ByteView data);
 
+    // Takes over a key the key service read elsewhere (an EC key on a supported curve, or RSA).
+    // Throws PlatformError for other keys.
+    static SoftwareKey adopt(openssl::Pkey key);
+
     const std::string& keyType() const { return keyType_; }
     int sizeInBits() const;
     PublicKeyAttributes publicKeyAttributes() const;
