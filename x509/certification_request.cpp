@@ -1,5 +1,7 @@
 #include "x509/certification_request.hpp"
 
+#include <algorithm>
+
 #include "der/object_identifiers.hpp"
 
 namespace keyloft::x509 {
@@ -7,12 +9,24 @@ namespace {
 
 using der::BerTlvRecord;
 
+// The PrintableString character set of X.680.
+bool isPrintableString(std::string_view text) {
+    constexpr std::string_view punctuation = " '()+,-./:=?";
+    return std::ranges::all_of(text, [&](char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+               punctuation.find(c) != punctuation.npos;
+    });
+}
+
 BerTlvRecord attributeValue(SubjectAttribute attribute, const std::string& value) {
     switch (attribute) {
         case SubjectAttribute::email:
             return der::asciiStringRecord(der::tag::ia5String, value);
         case SubjectAttribute::country:
-            return der::asciiStringRecord(der::tag::printableString, value);
+            // Authorities expect a PrintableString country; other text keeps every character.
+            if (isPrintableString(value))
+                return der::asciiStringRecord(der::tag::printableString, value);
+            return der::primitiveRecord(der::tag::utf8String, bytesOf(value));
         default:
             return der::primitiveRecord(der::tag::utf8String, bytesOf(value));
     }
