@@ -156,6 +156,148 @@ TEST_P(Built, OpenSslAcceptsTheCertificateAndItsSignature) {
 
 INSTANTIATE_TEST_SUITE_P(Curves, Built, ::testing::Values(256, 384, 521));
 
+using X509Handle = std::unique_ptr<X509, decltype(&X509_free)>;
+
+struct BuiltCertificate {
+    Bytes der;
+    X509Handle x509;
+};
+
+BuiltCertificate build(const platform::SoftwareKey& key, const X509Certificate& model) {
+    Bytes der = der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
+        return key.sign(platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+    }));
+    const unsigned char* cursor = der.data();
+    X509Handle x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), X509_free);
+    return {std::move(der), std::move(x509)};
+}
+
+Bytes i2dName(const X509_NAME* name) {
+    unsigned char* out = nullptr;
+    const int size = i2d_X509_NAME(name, &out);
+    Bytes bytes(out, out + size);
+    OPENSSL_free(out);
+    return bytes;
+}
+
+bool contains(const Bytes& haystack, const Bytes& needle) {
+    return std::search(haystack.begin(), haystack.end(), needle.begin(), needle.end()) !=
+           haystack.end();
+}
+
+TEST(Profile, ExtensionsByteForByteInOrder) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto model = modelFor(key, "Alice;a@b.c");
+    const auto certificate = build(key, model);
+    ASSERT_TRUE(certificate.x509);
+    const Bytes& h = model.pubKeyHash;
+    ASSERT_EQ(h.size(), 20U);
+    Bytes expected{0xA3, 0x81, 0x9C, 0x30, 0x81, 0x99};
+    const auto append = [&](std::initializer_list<std::uint8_t> bytes) {
+        expected.insert(expected.end(), bytes);
+    };
+    append({0x30, 0x0C, 0x06, 0x03, 0x55, 0x1D, 0x13, 0x01, 0x01, 0xFF, 0x04, 0x02, 0x30, 0x00});
+    append({0x30, 0x1D, 0x06, 0x03, 0x55, 0x1D, 0x0E, 0x04, 0x16, 0x04, 0x14});
+    expected.insert(expected.end(), h.begin(), h.end());
+    append({0x30, 0x0E, 0x06, 0x03, 0x55, 0x1D, 0x0F, 0x01, 0x01, 0xFF, 0x04, 0x04, 0x03, 0x02,
+            0x06, 0xC0});
+    append({0x30, 0x27, 0x06, 0x03, 0x55, 0x1D, 0x25, 0x04, 0x20, 0x30, 0x1E, 0x06, 0x08, 0x2B,
+            0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x04, 0x06, 0x08, 0x2B, 0x06, 0x01, 0x05, 0x05,
+            0x07, 0x03, 0x02, 0x06, 0x08, 0x2B, 0x06, 0x01, 0x05, 0x05, 0x07, 0x03, 0x03});
+    append({0x30, 0x1F, 0x06, 0x03, 0x55, 0x1D, 0x23, 0x04, 0x18, 0x30, 0x16, 0x80, 0x14});
+    expected.insert(expected.end(), h.begin(), h.end());
+    append({0x30, 0x10, 0x06, 0x03, 0x55, 0x1D, 0x11, 0x04, 0x09, 0x30, 0x07, 0x81, 0x05, 'a', '@',
+            'b', '.', 'c'});
+    ASSERT_EQ(expected.size(), 0x9CU + 3);
+    EXPECT_TRUE(contains(certificate.der, expected));
+    // The extensions close the TBSCertificate; the signature algorithm follows.
+    const Bytes algorithm{0x30, 0x0A, 0x06, 0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x04, 0x03, 0x03};
+    Bytes tail = expected;
+    tail.insert(tail.end(), algorithm.begin(), algorithm.end());
+    EXPECT_TRUE(contains(certificate.der, tail));
+    EXPECT_EQ(X509_get_key_usage(certificate.x509.get()),
+              static_cast<uint32_t>(KU_DIGITAL_SIGNATURE | KU_NON_REPUDIATION));
+}
+
+TEST(Profile, SubjectAltNameOnlyWithANonEmptyEmail) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    for (const auto& [specification, present] :
+         std::vector<std::pair<std::optional<std::string_view>, bool>>{
+             {std::nullopt, false}, {"Bob", false}, {"Bob;", false}, {";x;;;;;", true}}) {
+        const auto certificate = build(key, modelFor(key, specification));
+        ASSERT_TRUE(certificate.x509);
+        EXPECT_EQ(X509_get_ext_by_NID(certificate.x509.get(), NID_subject_alt_name, -1) >= 0,
+                  present)
+            << specification.value_or("(none)");
+        EXPECT_EQ(X509_get_ext_count(certificate.x509.get()), present ? 6 : 5);
+    }
+}
+
+TEST(Profile, SerialIsTheUuid) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    for (const auto& [first, integer] : std::vector<std::pair<std::uint8_t, Bytes>>{
+             {0x12, {0x02, 0x10, 0x12, 0x34}}, {0x80, {0x02, 0x11, 0x00, 0x80, 0x34}}}) {
+        const auto model =
+            X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(), std::nullopt,
+                                    false, fixedUuids({uuid(first, 0x34)}));
+        const auto certificate = build(key, model);
+        ASSERT_TRUE(certificate.x509);
+        unsigned char* out = nullptr;
+        const int size = i2d_ASN1_INTEGER(X509_get_serialNumber(certificate.x509.get()), &out);
+        const Bytes serial(out, out + size);
+        OPENSSL_free(out);
+        EXPECT_EQ(
+            Bytes(serial.begin(), serial.begin() + static_cast<std::ptrdiff_t>(integer.size())),
+            integer);
+        EXPECT_EQ(serial.size(), integer.size() + 14);
+    }
+}
+
+TEST(Profile, NameOrderAndStringTypes) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto model = modelFor(key, "A;B;C;D;E;F;G");
+    const auto certificate = build(key, model);
+    ASSERT_TRUE(certificate.x509);
+    const X509_NAME* subject = X509_get_subject_name(certificate.x509.get());
+    EXPECT_EQ(i2dName(subject), der::encode(model.subject.der()));
+    EXPECT_EQ(i2dName(X509_get_issuer_name(certificate.x509.get())), i2dName(subject));
+    const std::vector<std::pair<int, char>> expected{
+        {NID_countryName, 'G'},       {NID_stateOrProvinceName, 'F'},    {NID_localityName, 'E'},
+        {NID_organizationName, 'D'},  {NID_organizationalUnitName, 'C'}, {NID_commonName, 'A'},
+        {NID_pkcs9_emailAddress, 'B'}};
+    ASSERT_EQ(X509_NAME_entry_count(subject), 7);
+    for (int i = 0; i < 7; ++i) {
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(subject, i);
+        const ASN1_STRING* value = X509_NAME_ENTRY_get_data(entry);
+        EXPECT_EQ(OBJ_obj2nid(X509_NAME_ENTRY_get_object(entry)), expected[i].first) << i;
+        EXPECT_EQ(ASN1_STRING_type(value), V_ASN1_IA5STRING) << i;
+        ASSERT_EQ(ASN1_STRING_length(value), 1);
+        EXPECT_EQ(ASN1_STRING_get0_data(value)[0], expected[i].second) << i;
+    }
+}
+
+TEST(Profile, ValidityFromSpecification) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    for (const auto& [specification, days] :
+         std::vector<std::pair<std::optional<std::string_view>, int>>{
+             {std::nullopt, 365}, {"|30", 30}, {"Bob|30|99", 30}, {"Bob|-1", -1}}) {
+        const auto model = modelFor(key, specification);
+        const auto certificate = build(key, model);
+        ASSERT_TRUE(certificate.x509);
+        int dayCount = 0;
+        int secondCount = 0;
+        ASSERT_EQ(
+            ASN1_TIME_diff(&dayCount, &secondCount, X509_get0_notBefore(certificate.x509.get()),
+                           X509_get0_notAfter(certificate.x509.get())),
+            1);
+        EXPECT_EQ(dayCount, days) << specification.value_or("(none)");
+        // The default validity reads the clock twice, and may cross a second between the reads.
+        EXPECT_LE(secondCount, specification ? 0 : 1);
+    }
+    EXPECT_EQ(modelFor(key, "Bob|30").subject.commonName, "Bob");
+    EXPECT_THROW(modelFor(key, "Bob|3O"), KeyloftError);
+}
+
 TEST(Build, UnknownSignatureOidFailsFirst) {
     const auto key = platform::SoftwareKey::generateEC(256);
     bool signed_ = false;
