@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "der/object_identifiers.hpp"
 
 namespace keyloft::der {
@@ -23,7 +25,9 @@ INSTANTIATE_TEST_SUITE_P(
     Records, Encoding,
     ::testing::Values(
         Case{"0", integerRecord(0), {0x02, 0x01, 0x00}},
+        Case{"2", integerRecord(2), {0x02, 0x01, 0x02}},
         Case{"127", integerRecord(127), {0x02, 0x01, 0x7F}},
+        Case{"255", integerRecord(255), {0x02, 0x02, 0x00, 0xFF}},
         Case{"128", integerRecord(128), {0x02, 0x02, 0x00, 0x80}},
         Case{"2048", integerRecord(2048), {0x02, 0x02, 0x08, 0x00}},
         Case{"65280", integerRecord(65280), {0x02, 0x03, 0x00, 0xFF, 0x00}},
@@ -32,9 +36,13 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"-129", integerRecord(-129), {0x02, 0x02, 0xFF, 0x7F}},
         Case{"-65536", integerRecord(-65536), {0x02, 0x03, 0xFF, 0x00, 0x00}},
         Case{"min", integerRecord(INT64_MIN), {0x02, 0x08, 0x80, 0, 0, 0, 0, 0, 0, 0}},
+        Case{"max",
+             integerRecord(INT64_MAX),
+             {0x02, 0x08, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}},
         Case{"unsigned 80 01",
              unsignedIntegerRecord(Bytes{0x80, 0x01}),
              {0x02, 0x03, 0x00, 0x80, 0x01}},
+        Case{"unsigned 7F FF", unsignedIntegerRecord(Bytes{0x7F, 0xFF}), {0x02, 0x02, 0x7F, 0xFF}},
         Case{"unsigned 00 01", unsignedIntegerRecord(Bytes{0x00, 0x01}), {0x02, 0x02, 0x00, 0x01}},
         Case{"unsigned empty", unsignedIntegerRecord({}), {0x02, 0x00}},
         Case{"bits 0x03", namedBitsRecord(0x03), {0x03, 0x02, 0x06, 0xC0}},
@@ -89,6 +97,30 @@ TEST(Parse, AcceptsExactlyOneCompleteRecord) {
     Bytes point(65, 0x11);
     point[0] = 0x04;
     EXPECT_FALSE(parseRecord(point));
+}
+
+TEST(Parse, ArbitraryBytesNeverReadPastTheInput) {
+    std::mt19937 random(1234);
+    for (int round = 0; round < 20000; ++round) {
+        Bytes bytes(random() % 12);
+        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
+        // Steer a share of the inputs towards long-form and exactly fitting short-form lengths.
+        if (bytes.size() >= 2 && round % 3 == 0)
+            bytes[1] = static_cast<std::uint8_t>(0x80 | (random() % 4));
+        if (bytes.size() >= 2 && round % 3 == 1)
+            bytes[1] = static_cast<std::uint8_t>(bytes.size() - 2);
+        // A record fills the input, so its content is the input's tail.
+        const auto record = parseRecord(bytes);
+        if (round % 3 == 1 && bytes.size() >= 2) {
+            EXPECT_TRUE(record);
+        }
+        if (record) {
+            EXPECT_EQ(record->tag(), bytes[0]);
+            EXPECT_TRUE(
+                std::equal(record->bytes().rbegin(), record->bytes().rend(), bytes.rbegin()));
+            EXPECT_LT(record->bytes().size(), bytes.size());
+        }
+    }
 }
 
 }  // namespace
