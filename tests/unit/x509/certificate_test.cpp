@@ -9,6 +9,7 @@
 
 #include "der/object_identifiers.hpp"
 #include "keyloft/error.hpp"
+#include "platform/crypto/random.hpp"
 #include "platform/keyservice/software_key.hpp"
 
 namespace keyloft::x509 {
@@ -115,6 +116,41 @@ TEST(Model, SerialNeverStartsWithARedundantZero) {
         fixedUuids({uuid(0x00, 0x12), uuid(0x00, 0x7F), uuid(0x00, 0x80)}));
     EXPECT_EQ(model.serial, uuid(0x00, 0x80));
     EXPECT_EQ(model.validTo - model.validFrom >= defaultValidity, true);
+}
+
+TEST(Model, SubjectPublicKeyInfoPerCurve) {
+    struct Case {
+        int size;
+        Bytes prefix;
+    };
+    for (const auto& [size, prefix] : std::vector<Case>{
+             {256,
+              {0x30, 0x59, 0x30, 0x13, 0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02, 0x01, 0x06,
+               0x08, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x03, 0x01, 0x07, 0x03, 0x42, 0x00, 0x04}},
+             {384, {0x30, 0x76, 0x30, 0x10, 0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02,
+                    0x01, 0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x22, 0x03, 0x62, 0x00, 0x04}},
+             {521,
+              {0x30, 0x81, 0x9B, 0x30, 0x10, 0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02,
+               0x01, 0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23, 0x03, 0x81, 0x86, 0x00, 0x04}}}) {
+        // A point whose first coordinate byte is 0x3F would read as an OCTET STRING record.
+        auto attributes = platform::SoftwareKey::generateEC(size).publicKeyAttributes();
+        attributes.externalRepresentation[1] = 0x3F;
+        const Bytes info = der::encode(subjectPublicKeyInfo(attributes));
+        EXPECT_EQ(Bytes(info.begin(), info.begin() + static_cast<std::ptrdiff_t>(prefix.size())),
+                  prefix)
+            << size;
+        EXPECT_EQ(info.size(), prefix.size() + attributes.externalRepresentation.size() - 1);
+    }
+}
+
+TEST(Model, FreshSerialForEveryCertificate) {
+    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto first = X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(),
+                                               "A", false, platform::randomUuid);
+    const auto second = X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(),
+                                                "A", false, platform::randomUuid);
+    EXPECT_NE(first.serial, second.serial);
+    EXPECT_EQ(first.pubKeyBERTLV, second.pubKeyBERTLV);
 }
 
 TEST(Model, RefusesUnsupportedKeys) {
