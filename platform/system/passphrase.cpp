@@ -55,8 +55,9 @@ std::optional<SecretText> readPassphrase(std::string_view prompt) {
     termios quiet = saved;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
-    (void)::write(fd, prompt.data(), prompt.size());
+    // Echo goes off before the prompt shows, so nothing typed after the prompt is echoed or lost.
     ::tcsetattr(fd, TCSAFLUSH, &quiet);
+    (void)::write(fd, prompt.data(), prompt.size());
 
     std::array<std::uint8_t, bufferSize> buffer{};
     std::size_t length = 0;

@@ -3,6 +3,8 @@ import os
 import pathlib
 import plistlib
 import pty
+import select
+import time
 import sqlite3
 import subprocess
 
@@ -37,17 +39,19 @@ class Card:
         assert result.returncode == 0, result
         return result
 
-    def run_on_terminal(self, *args, answers=b""):
-        """Runs keyloft with a pseudo-terminal as its controlling terminal; returns what it wrote
-        there. The answers are typed once the tool has started."""
+    def run_on_terminal(self, *args, answers=()):
+        """Runs keyloft with a pseudo-terminal as its controlling terminal, typing each answer
+        once a new prompt (a line ending in ":") appears; returns what it wrote there."""
         pid, fd = pty.fork()
         if pid == 0:
             os.chdir(self.home)
             os.execve(KEYLOFT, [KEYLOFT, *args], self.env())
-        output = b""
-        if answers:
-            os.write(fd, answers)
-        while True:
+        output, pending, answered_at = b"", list(answers), 0
+        deadline = time.monotonic() + 60
+        while time.monotonic() < deadline:
+            ready, _, _ = select.select([fd], [], [], 1)
+            if not ready:
+                continue
             try:
                 chunk = os.read(fd, 4096)
             except OSError:
@@ -55,10 +59,13 @@ class Card:
             if not chunk:
                 break
             output += chunk
+            if pending and output[answered_at:].rstrip().endswith(b":"):
+                os.write(fd, pending.pop(0) + b"\n")
+                answered_at = len(output)
         os.close(fd)
         _, status = os.waitpid(pid, 0)
         assert os.waitstatus_to_exitcode(status) == 0, output
-        return output.decode().replace("\r\n", "\n")
+        return output.decode(errors="replace").replace("\r\n", "\n")
 
     def out(self, *args, **kwargs):
         return self.run(*args, **kwargs).stdout
