@@ -72,9 +72,7 @@ inline constexpr Oid<5> idSha1{0x2B, 0x0E, 0x03, 0x02, 0x1A};
 
 namespace keyloft::der {
 
-// OBJECT IDENTIFIER record over an entry of the table.
-inline BerTlvRecord oidRecord(ByteView oid) {
-    return primitiveRecord(tag::objectIdentifier, oid);
-}
+// OBJECT IDENTIFIER record over an entry of the table; each OID's record is built once and shared.
+BerTlvRecord oidRecord(ByteView oid);
 
 }  // namespace keyloft::der
