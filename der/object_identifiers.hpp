@@ -72,6 +72,20 @@ inline constexpr Oid<5> idSha1{0x2B, 0x0E, 0x03, 0x02, 0x1A};
 
 namespace keyloft::der {
 
+// The named curve of an EC key size (256, 384, 521); empty for any other size.
+inline ByteView curveOidForSize(int sizeInBits) {
+    switch (sizeInBits) {
+        case 256:
+            return oid::prime256v1;
+        case 384:
+            return oid::secp384r1;
+        case 521:
+            return oid::secp521r1;
+        default:
+            return {};
+    }
+}
+
 // OBJECT IDENTIFIER record over an entry of the table; each OID's record is built once and shared.
 BerTlvRecord oidRecord(ByteView oid);
 

@@ -78,22 +78,11 @@ BerTlvRecord shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pub
 platform::SecretBytes privateKeyInfo(const UnwrappedKey& key) {
     BerTlvRecord::Children info{der::integerRecord(0)};
     if (key.keyType == platform::keyTypeEC) {
-        ByteView curve;
-        switch (key.sizeInBits) {
-            case 256:
-                curve = der::oid::prime256v1;
-                break;
-            case 384:
-                curve = der::oid::secp384r1;
-                break;
-            case 521:
-                curve = der::oid::secp521r1;
-                break;
-            default:
-                // 192-bit keys have no curve identifier here; naming another curve would mislabel
-                // them.
-                throw KeyloftError::generic("unsupported public key EC key size: " +
-                                            std::to_string(key.sizeInBits));
+        // 192-bit keys have no curve identifier here; naming another curve would mislabel them.
+        const ByteView curve = der::curveOidForSize(key.sizeInBits);
+        if (curve.empty()) {
+            throw KeyloftError::generic("unsupported public key EC key size: " +
+                                        std::to_string(key.sizeInBits));
         }
         const std::size_t field = (static_cast<std::size_t>(key.sizeInBits) + 7) / 8;
         const auto& data = key.externalRepresentation;

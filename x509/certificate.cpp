@@ -86,20 +86,10 @@ const BerTlvRecord& Name::der() const {
 
 BerTlvRecord subjectPublicKeyInfo(const platform::PublicKeyAttributes& publicKey) {
     if (publicKey.keyType == platform::keyTypeEC) {
-        ByteView curve;
-        switch (publicKey.sizeInBits) {
-            case 256:
-                curve = der::oid::prime256v1;
-                break;
-            case 384:
-                curve = der::oid::secp384r1;
-                break;
-            case 521:
-                curve = der::oid::secp521r1;
-                break;
-            default:
-                throw KeyloftError::generic("unsupported public key EC key size: " +
-                                            std::to_string(publicKey.sizeInBits));
+        const ByteView curve = der::curveOidForSize(publicKey.sizeInBits);
+        if (curve.empty()) {
+            throw KeyloftError::generic("unsupported public key EC key size: " +
+                                        std::to_string(publicKey.sizeInBits));
         }
         return der::sequenceRecord(
             {der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}),
