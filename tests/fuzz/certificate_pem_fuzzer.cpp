@@ -1,0 +1,21 @@
+// The path of an imported certificate file: PEM text to DER, DER to a certificate and its
+// public-key hash. Any text ends in bytes or nothing, and any bytes in a hash or the tool's error.
+
+#include <cstdlib>
+#include <string_view>
+
+#include "keyloft/error.hpp"
+#include "store/identity_lookup.hpp"
+#include "x509/pem.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const auto der = keyloft::x509::certificateFromPem(text);
+    if (!der) return 0;
+    try {
+        if (keyloft::store::certificatePublicKeyHash(*der).size() != 20) std::abort();
+    } catch (const keyloft::KeyloftError& error) {
+        if (error.errorCase() != keyloft::KeyloftError::Case::genericError) std::abort();
+    }
+    return 0;
+}
