@@ -12,7 +12,6 @@
 #include "platform/text/date_format.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/key_type_description.hpp"
-#include "store/identity_lookup.hpp"
 
 namespace keyloft {
 namespace {
@@ -32,17 +31,15 @@ struct CertificateDetails {
     std::string isValid;
 };
 
-CertificateDetails detailsOf(ByteView der, const platform::ShortDateTimeFormatter& formatter,
+CertificateDetails detailsOf(const platform::Certificate& certificate,
+                             const platform::ShortDateTimeFormatter& formatter,
                              std::chrono::system_clock::time_point now) {
     CertificateDetails details;
-    const auto certificate = platform::Certificate::parse(der);
-    if (!certificate) return details;
-    details.commonName = certificate->commonName().value_or("");
-    const auto emails = certificate->emailAddresses();
+    details.commonName = certificate.commonName().value_or("");
+    const auto emails = certificate.emailAddresses();
     if (!emails.empty()) details.email = emails.front();
-    if (const auto notAfter = certificate->notAfter())
-        details.validTo = formatter.format(*notAfter);
-    details.isValid = certificate->isValidAt(now) ? "YES" : "NO";
+    if (const auto notAfter = certificate.notAfter()) details.validTo = formatter.format(*notAfter);
+    details.isValid = certificate.isValidAt(now) ? "YES" : "NO";
     return details;
 }
 
@@ -60,8 +57,12 @@ void KeyloftApp::listIdentities() {
     std::map<Bytes, CertificateDetails> certificates;
     for (const auto& item : tokenConfiguration.items()) {
         if (const auto* certificate = std::get_if<platform::TesseraTokenCertificateItem>(&item)) {
-            auto hash = store::certificatePublicKeyHash(certificate->certificate);
-            certificates[std::move(hash)] = detailsOf(certificate->certificate, formatter, now);
+            // One parse serves the hash and the details.
+            const auto parsed = platform::Certificate::parse(certificate->certificate);
+            if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
+            auto hash = parsed->publicKeyHash();
+            if (!hash) throw KeyloftError::generic("Failed to retrieve public key hash");
+            certificates[std::move(*hash)] = detailsOf(*parsed, formatter, now);
             continue;
         }
         const auto& key = std::get<platform::TesseraTokenKeyItem>(item);

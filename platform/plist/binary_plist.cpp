@@ -89,8 +89,14 @@ PlistArray readArray(plist_t node, int depth) {
     const std::uint32_t size = plist_array_get_size(node);
     PlistArray array;
     array.reserve(size);
+    // Walk with an iterator: indexing a parsed array costs a walk from its start each time.
+    plist_array_iter rawIterator = nullptr;
+    plist_array_new_iter(node, &rawIterator);
+    const std::unique_ptr<void, FreeDeleter> iterator(rawIterator);
+    if (!iterator) throw PlatformError("cannot iterate a property-list array");
     for (std::uint32_t i = 0; i < size; ++i) {
-        plist_t child = plist_array_get_item(node, i);
+        plist_t child = nullptr;
+        plist_array_next_item(node, iterator.get(), &child);
         if (child == nullptr) throw PlatformError("property-list array with a missing element");
         array.push_back(readNode(child, depth + 1));
     }

@@ -1,6 +1,8 @@
 #include "platform/tessera/token_items.hpp"
 
 #include "platform/certificate/certificate.hpp"
+#include "platform/certificate/subject_public_key.hpp"
+#include "platform/crypto/digest.hpp"
 
 namespace keyloft::platform {
 
@@ -24,14 +26,13 @@ void deriveKeyFields(TesseraTokenKeyItem& item) {
     item.keySizeInBits = 0;
     item.publicKeyData.reset();
     item.publicKeyHash.reset();
-    const auto certificate = Certificate::parse(item.certificate);
-    if (!certificate) return;
-    item.publicKeyHash = certificate->publicKeyHash();
-    if (const auto key = certificate->publicKey()) {
-        item.keyType = key->keyType;
-        item.keySizeInBits = key->sizeInBits;
-        item.publicKeyData = key->externalRepresentation;
-    }
+    // Read from the certificate's structure: loading a long item list must not decode every key.
+    auto key = subjectPublicKeyOf(item.certificate);
+    if (!key) return;
+    item.publicKeyHash = sha1(key->externalRepresentation);
+    item.keyType = std::move(key->keyType);
+    item.keySizeInBits = key->sizeInBits;
+    item.publicKeyData = std::move(key->externalRepresentation);
 }
 
 }  // namespace keyloft::platform
