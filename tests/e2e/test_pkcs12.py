@@ -86,13 +86,14 @@ def test_openssl_files_import_and_skip_on_second_import(card, tmp_path, legacy):
     assert key.private_numbers() == keys["rsa"].private_numbers()
 
 
-def test_two_identities_in_one_file(card, tmp_path):
+def test_certificates_without_a_key_are_not_identities(card, tmp_path):
     keys = [make_key("p-256"), make_key("p-384")]
     certificates = [make_certificate(k, f"Person {i}") for i, k in enumerate(keys)]
     data = pkcs12.serialize_key_and_certificates(
         b"both", keys[0], certificates[0], [certificates[1]],
         serialization.BestAvailableEncryption(b"pw"))
-    # A second key bag for the second certificate, paired by public key.
+    # The first file carries the second certificate without its key; only the second file makes
+    # it an identity.
     second = pkcs12.serialize_key_and_certificates(
         b"two", keys[1], certificates[1], None, serialization.BestAvailableEncryption(b"pw"))
     (tmp_path / "one.p12").write_bytes(data)
