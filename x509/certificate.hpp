@@ -44,7 +44,7 @@ struct X509Certificate {
     bool keyManagement = false;
 
     // Throws "unsupported public key EC key size: <n>", "unsupported public key type: <type>" or
-    // the validity message of the specification text's days part.
+    // the validity message for a days part that is not a whole number.
     static X509Certificate create(const platform::PublicKeyAttributes& publicKey, Bytes pubKeyHash,
                                   std::optional<std::string_view> specification, bool keyManagement,
                                   const UuidSource& uuids);
