@@ -43,14 +43,26 @@ BastionKey makeBastionKey(const platform::ProcessorKey& key, bool biometry) {
 
 SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry) {
     const auto plaintext = key.externalRepresentation();
-    SealedKey sealed{.pubKeyHash = key.applicationLabel(),
-                     .keyType = key.keyType(),
-                     .biometryProtection = protectionFor(biometry)};
+    SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
+    try {
+        sealed.pubKeyHash = key.applicationLabel();
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get private key attributes");
+    }
+
     const auto wrapping =
         platform::defaultKeyProcessor().createKey(256, accessControlFor(biometry));
-    const auto wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
-    if (wrappingPoint.empty()) throw KeyloftError::generic("failed to get public key");
+    Bytes wrappingPoint;
+    try {
+        wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get public key");
+    }
+    if (wrapping->objectIdentifier().empty())
+        throw KeyloftError::generic("failed to get private key attributes");
     sealed.wrappingPrivateKeyData = wrapping->objectIdentifier();
+
+    // The key service's own reason is not reported on this path.
     try {
         sealed.wrappedPrivateKey = platform::ecies::encrypt(wrappingPoint, plaintext);
     } catch (const PlatformError&) {

@@ -1,6 +1,5 @@
 #include "keys/key_handle.hpp"
 
-#include "keyloft/error.hpp"
 #include "platform/crypto/digest.hpp"
 
 namespace keyloft::keys {
@@ -24,11 +23,8 @@ Bytes KeyHandle::applicationLabel() const {
 }
 
 Bytes KeyHandle::sign(platform::SignatureAlgorithm algorithm, ByteView message) const {
-    if (softwareKey() != nullptr) return softwareKey()->sign(algorithm, message);
-    if (algorithm != platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384) {
-        throw PlatformError("algorithm not supported by the key processor");
-    }
-    return processorKey()->sign(message);
+    return softwareKey() != nullptr ? softwareKey()->sign(algorithm, message)
+                                    : processorKey()->sign(algorithm, message);
 }
 
 }  // namespace keyloft::keys

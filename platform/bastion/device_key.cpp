@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 
@@ -43,24 +44,25 @@ SecretBytes loadOrCreateDeviceKey(const std::filesystem::path& file) {
 
     SecretBytes key(deviceKeySize);
     if (!randomBytes(key)) throw PlatformError("Key processor: the random generator failed");
-    auto temporary = file;
-    temporary += ".new-" + std::to_string(::getpid());
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    // mkstemp creates the file with mode 0600 and a name no other process holds.
+    std::string temporary = file.string() + ".XXXXXX";
+    const int fd = ::mkstemp(temporary.data());
     if (fd < 0) fail(file, "create");
     const bool written =
         ::write(fd, key.data(), key.size()) == static_cast<ssize_t>(key.size()) && ::fsync(fd) == 0;
-    ::close(fd);
-    // link() never replaces an existing file, so the first process to get there wins.
+    // link() never replaces an existing file, so the first process to get there wins and the
+    // others read its key.
     const bool linked = written && ::link(temporary.c_str(), file.c_str()) == 0;
-    const int linkError = errno;
+    const int error = errno;
+    ::close(fd);
     ::unlink(temporary.c_str());
+    errno = error;
     if (!written) fail(file, "write");
-    if (!linked && linkError != EEXIST) {
-        errno = linkError;
-        fail(file, "create");
-    }
     if (linked) return key;
-    return *readKey(file);
+    if (error == EEXIST) {
+        if (auto existing = readKey(file)) return std::move(*existing);
+    }
+    fail(file, "create");
 }
 
 }  // namespace keyloft::platform

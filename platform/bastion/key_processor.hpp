@@ -6,6 +6,7 @@
 #include "keyloft/bytes.hpp"
 #include "platform/crypto/key_types.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/keyservice/signature_algorithm.hpp"
 
 // The key processor: keys made inside it never leave it; they are reached again through an opaque
 // object identifier, which names the back end that made it.
@@ -39,8 +40,8 @@ class ProcessorKey {
     virtual const Bytes& objectIdentifier() const = 0;
     virtual std::uint32_t accessControl() const = 0;
     virtual PublicKeyAttributes publicKeyAttributes() const = 0;
-    // ECDSA over SHA-384 of the message, DER signature.
-    virtual Bytes sign(ByteView message) const = 0;
+    // PlatformError for an algorithm the key cannot do (processor keys are EC keys).
+    virtual Bytes sign(SignatureAlgorithm algorithm, ByteView message) const = 0;
     // ECDH with a peer's uncompressed point: the shared x-coordinate.
     virtual SecretBytes agree(ByteView peerPoint) const = 0;
 };
@@ -48,7 +49,8 @@ class ProcessorKey {
 class KeyProcessor {
   public:
     virtual ~KeyProcessor() = default;
-    // A P-256 or P-384 key under the access-control word.
+    // A P-256 or P-384 key under the access-control word: private-key usage, optionally with
+    // biometry; other words are refused, since the processor could not honour them.
     virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
                                                     std::uint32_t accessControl) = 0;
     // Rebuilds a handle; without a context the handle makes its own.

@@ -39,20 +39,22 @@ class Terminal {
         }
     }
 
-    // One line, echo off when asked; nothing on failure. Echo is restored whatever happens.
-    std::optional<std::string> readLine(bool echo) const {
+    // Shows the prompt and reads one line; nothing on failure. Without echo, echo goes off before
+    // the prompt is shown (typed-ahead input is dropped) and comes back whatever happens.
+    std::optional<SecretText> ask(std::string_view prompt, bool echo) const {
         termios saved{};
-        const bool hasMode = ::tcgetattr(fd_, &saved) == 0;
-        if (!echo && hasMode) {
-            termios quiet = saved;
-            quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            ::tcsetattr(fd_, TCSAFLUSH, &quiet);
+        const bool quiet = !echo && ::tcgetattr(fd_, &saved) == 0;
+        if (quiet) {
+            termios noEcho = saved;
+            noEcho.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+            ::tcsetattr(fd_, TCSAFLUSH, &noEcho);
         }
-        std::string line;
+        write(prompt);
+        SecretText line;
         char c = 0;
         bool ok = true;
         while ((ok = ::read(fd_, &c, 1) == 1) && c != '\n') line.push_back(c);
-        if (!echo && hasMode) {
+        if (quiet) {
             ::tcsetattr(fd_, TCSAFLUSH, &saved);
             write("\n");
         }
@@ -63,6 +65,15 @@ class Terminal {
   private:
     int fd_;
 };
+
+// Answers may hold a password: wiped before they are freed.
+void dropAnswers(pam_response* answers, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (answers[i].resp != nullptr) wipe(answers[i].resp, std::strlen(answers[i].resp));
+        std::free(answers[i].resp);
+    }
+    std::free(answers);
+}
 
 // PAM owns and frees the replies, so they are allocated with malloc.
 int converse(int count, const pam_message** messages, pam_response** replies, void* data) {
@@ -76,15 +87,13 @@ int converse(int count, const pam_message** messages, pam_response** replies, vo
         switch (message.msg_style) {
             case PAM_PROMPT_ECHO_OFF:
             case PAM_PROMPT_ECHO_ON: {
-                terminal.write(text);
-                auto line = terminal.readLine(message.msg_style == PAM_PROMPT_ECHO_ON);
-                if (!line) {
-                    for (int j = 0; j < i; ++j) std::free(answers[j].resp);
-                    std::free(answers);
+                auto line = terminal.ask(text, message.msg_style == PAM_PROMPT_ECHO_ON);
+                if (line) line->push_back('\0');
+                answers[i].resp = line ? strdup(line->data()) : nullptr;
+                if (answers[i].resp == nullptr) {
+                    dropAnswers(answers, i);
                     return PAM_CONV_ERR;
                 }
-                answers[i].resp = strdup(line->c_str());
-                wipe(line->data(), line->size());
                 break;
             }
             default:
@@ -104,11 +113,11 @@ std::string currentUser() {
 }  // namespace
 
 void PamPresenceGate::confirm() {
-    const Terminal terminal;
+    Terminal terminal;
     if (!terminal.isOpen()) refuse("no controlling terminal");
     terminal.write("Confirm your presence to use the key.\n");
 
-    const pam_conv conversation{converse, const_cast<Terminal*>(&terminal)};
+    const pam_conv conversation{converse, &terminal};
     const std::string user = currentUser();
     pam_handle_t* handle = nullptr;
     const int started = configurationFolder_

@@ -17,7 +17,13 @@ constexpr std::size_t tagSize = 16;
     throw PlatformError("Key processor: the key cannot be used here: " + why);
 }
 
-// AES-256-GCM under the device key; the header is authenticated, not encrypted.
+bool isSupportedAccessControl(std::uint32_t word) {
+    return word == accessControlPrivateKeyUsage ||
+           word == (accessControlPrivateKeyUsage | accessControlBiometryAny);
+}
+
+// AES-256-GCM under the device key; the header is authenticated, not encrypted. Only the private
+// scalar is sealed: the public point follows from it.
 Bytes seal(const SecretBytes& deviceKey, const Bytes& header, const SecretBytes& plaintext) {
     Bytes out = header;
     out.resize(header.size() + nonceSize + plaintext.size() + tagSize);
@@ -42,7 +48,7 @@ Bytes seal(const SecretBytes& deviceKey, const Bytes& header, const SecretBytes&
 }
 
 SecretBytes open(const SecretBytes& deviceKey, ByteView identifier) {
-    if (identifier.size() < ObjectIdentifierHeader::size + nonceSize + tagSize + 1)
+    if (identifier.size() <= ObjectIdentifierHeader::size + nonceSize + tagSize)
         refuse("identifier too short");
     const auto header = identifier.first(ObjectIdentifierHeader::size);
     const auto nonce = identifier.subspan(ObjectIdentifierHeader::size, nonceSize);
@@ -83,9 +89,10 @@ class SoftProcessorKey : public ProcessorKey {
     std::uint32_t accessControl() const override { return accessControl_; }
     PublicKeyAttributes publicKeyAttributes() const override { return key_.publicKeyAttributes(); }
 
-    Bytes sign(ByteView message) const override {
+    Bytes sign(SignatureAlgorithm algorithm, ByteView message) const override {
+        if (!key_.supports(algorithm)) refuse("the algorithm does not suit an EC key");
         authorize();
-        return key_.sign(SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, message);
+        return key_.sign(algorithm, message);
     }
     SecretBytes agree(ByteView peerPoint) const override {
         authorize();
@@ -94,8 +101,6 @@ class SoftProcessorKey : public ProcessorKey {
 
   private:
     void authorize() const {
-        if ((accessControl_ & accessControlPrivateKeyUsage) == 0)
-            refuse("private-key use is not allowed");
         if ((accessControl_ & accessControlBiometryAny) != 0 && !context_->presenceConfirmed()) {
             gate_.confirm();
             context_->confirmPresence();
@@ -121,10 +126,14 @@ std::unique_ptr<ProcessorKey> SoftKeyProcessor::createKey(int sizeInBits,
     if (sizeInBits != 256 && sizeInBits != 384) {
         throw PlatformError("Key processor: unsupported key size " + std::to_string(sizeInBits));
     }
+    if (!isSupportedAccessControl(accessControl)) {
+        throw PlatformError("Key processor: unsupported access control " +
+                            std::to_string(accessControl));
+    }
     auto key = SoftwareKey::generateEC(sizeInBits);
     const ObjectIdentifierHeader header{softBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};
-    auto identifier = seal(deviceKey(), header.encode(), key.externalRepresentation());
+    auto identifier = seal(deviceKey(), header.encode(), key.privateScalar());
     return std::make_unique<SoftProcessorKey>(std::move(key), std::move(identifier), accessControl,
                                               nullptr, gate_);
 }
@@ -133,9 +142,8 @@ std::unique_ptr<ProcessorKey> SoftKeyProcessor::rebuildKey(
     ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) {
     const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
     if (!header || header->backEnd != softBackEnd) refuse("unknown object identifier");
-    auto key =
-        SoftwareKey::fromExternalRepresentation(keyTypeEC, open(deviceKey(), objectIdentifier));
-    if (key.sizeInBits() != header->sizeInBits) refuse("the identifier does not match its key");
+    const auto scalar = open(deviceKey(), objectIdentifier);
+    auto key = SoftwareKey::fromPrivateScalar(header->sizeInBits, scalar);
     return std::make_unique<SoftProcessorKey>(
         std::move(key), Bytes(objectIdentifier.begin(), objectIdentifier.end()),
         header->accessControl, std::move(context), gate_);

@@ -1,6 +1,9 @@
 #include "platform/keyservice/software_key.hpp"
 
 #include <openssl/core_names.h>
+#include <openssl/ec.h>
+#include <openssl/objects.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include "keyloft/error.hpp"
@@ -43,6 +46,31 @@ Bytes encodedPublicPoint(EVP_PKEY* key) {
     Bytes point(raw, raw + size);
     OPENSSL_free(raw);
     return point;
+}
+
+struct AlgorithmUse {
+    std::string_view keyType;
+    const EVP_MD* digest;
+};
+
+AlgorithmUse useOf(SignatureAlgorithm algorithm) {
+    switch (algorithm) {
+        case SignatureAlgorithm::ecdsaSignatureMessageX962SHA384:
+            return {keyTypeEC, EVP_sha384()};
+        case SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384:
+            return {keyTypeRSA, EVP_sha384()};
+    }
+    throw PlatformError("unknown signature algorithm");
+}
+
+// P-256, P-384 or P-521 by name: other curves of those sizes (secp256k1, brainpool) are not ours.
+bool onSupportedCurve(EVP_PKEY* key) {
+    const char* expected = curveNameForSize(EVP_PKEY_get_bits(key));
+    char name[64] = {};
+    return expected != nullptr &&
+           EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, name, sizeof name,
+                                          nullptr) == 1 &&
+           OBJ_txt2nid(name) == EC_curve_nist2nid(expected);
 }
 
 template <class Encoder>
@@ -128,13 +156,33 @@ SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, By
     return {std::string(keyTypeEC), std::move(key)};
 }
 
+SoftwareKey SoftwareKey::fromPrivateScalar(int sizeInBits, ByteView scalar) {
+    using Group = std::unique_ptr<EC_GROUP, openssl::Deleter<EC_GROUP_free>>;
+    using Point = std::unique_ptr<EC_POINT, openssl::Deleter<EC_POINT_free>>;
+    const char* curve = curveNameForSize(sizeInBits);
+    const auto field = static_cast<std::size_t>(fieldBytes(sizeInBits));
+    const Group group(curve != nullptr ? EC_GROUP_new_by_curve_name(EC_curve_nist2nid(curve))
+                                       : nullptr);
+    if (!group || scalar.size() != field) throw PlatformError("invalid EC private key data");
+    const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
+    if (!k || BN_is_zero(k.get()) || BN_cmp(k.get(), EC_GROUP_get0_order(group.get())) >= 0)
+        throw PlatformError("invalid EC private key data");
+    const Point point(EC_POINT_new(group.get()));
+    SecretBytes external(1 + 2 * field);
+    if (!point || EC_POINT_mul(group.get(), point.get(), k.get(), nullptr, nullptr, nullptr) != 1 ||
+        EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, external.data(),
+                           external.size(), nullptr) != external.size()) {
+        throw PlatformError("failed to compute the public key");
+    }
+    external.insert(external.end(), scalar.begin(), scalar.end());
+    return fromExternalRepresentation(keyTypeEC, external);
+}
+
 SoftwareKey SoftwareKey::adopt(openssl::Pkey key) {
     if (key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_RSA)
         return {std::string(keyTypeRSA), std::move(key)};
-    if (key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_EC &&
-        curveNameForSize(EVP_PKEY_get_bits(key.get()))) {
+    if (key && EVP_PKEY_get_base_id(key.get()) == EVP_PKEY_EC && onSupportedCurve(key.get()))
         return {std::string(keyTypeEC), std::move(key)};
-    }
     throw PlatformError("unsupported private key type");
 }
 
@@ -160,29 +208,41 @@ SecretBytes SoftwareKey::externalRepresentation() const {
         return derOf(key_.get(),
                      [](EVP_PKEY* k, unsigned char** out) { return i2d_PrivateKey(k, out); });
     }
-    const auto size = static_cast<std::size_t>(fieldBytes(sizeInBits()));
+    const Bytes point = encodedPublicPoint(key_.get());
+    const auto scalar = privateScalar();
+    SecretBytes out(point.begin(), point.end());
+    out.insert(out.end(), scalar.begin(), scalar.end());
+    return out;
+}
+
+SecretBytes SoftwareKey::privateScalar() const {
+    if (keyType_ != keyTypeEC) throw PlatformError("only EC keys have a private scalar");
     BIGNUM* raw = nullptr;
     if (EVP_PKEY_get_bn_param(key_.get(), OSSL_PKEY_PARAM_PRIV_KEY, &raw) != 1) {
         throw PlatformError("failed to export the private key");
     }
     const openssl::Bignum scalar(raw);
-    const Bytes point = encodedPublicPoint(key_.get());
-    SecretBytes out(point.begin(), point.end());
-    out.resize(point.size() + size);
-    if (BN_bn2binpad(scalar.get(), out.data() + point.size(), static_cast<int>(size)) < 0) {
+    SecretBytes out(static_cast<std::size_t>(fieldBytes(sizeInBits())));
+    if (BN_bn2binpad(scalar.get(), out.data(), static_cast<int>(out.size())) < 0) {
         throw PlatformError("failed to export the private key");
     }
     return out;
 }
 
+bool SoftwareKey::supports(SignatureAlgorithm algorithm) const {
+    return useOf(algorithm).keyType == keyType_;
+}
+
 Bytes SoftwareKey::sign(SignatureAlgorithm algorithm, ByteView message) const {
-    const bool wantsEC = algorithm == SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
-    if (wantsEC != (keyType_ == keyTypeEC))
-        throw PlatformError("algorithm not supported by the key");
+    if (!supports(algorithm)) throw PlatformError("algorithm not supported by the key");
     openssl::MdContext context(EVP_MD_CTX_new());
+    EVP_PKEY_CTX* parameters = nullptr;
     std::size_t size = 0;
     if (!context ||
-        EVP_DigestSignInit(context.get(), nullptr, EVP_sha384(), nullptr, key_.get()) != 1 ||
+        EVP_DigestSignInit(context.get(), &parameters, useOf(algorithm).digest, nullptr,
+                           key_.get()) != 1 ||
+        (keyType_ == keyTypeRSA &&
+         EVP_PKEY_CTX_set_rsa_padding(parameters, RSA_PKCS1_PADDING) != 1) ||
         EVP_DigestSign(context.get(), nullptr, &size, message.data(), message.size()) != 1) {
         throw PlatformError("signing failed");
     }

@@ -7,13 +7,9 @@
 #include "platform/crypto/key_types.hpp"
 #include "platform/crypto/openssl_handles.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/keyservice/signature_algorithm.hpp"
 
 namespace keyloft::platform {
-
-enum class SignatureAlgorithm {
-    ecdsaSignatureMessageX962SHA384,    // ECDSA over SHA-384 of the message, DER signature
-    rsaSignatureMessagePKCS1v15SHA384,  // RSASSA-PKCS1-v1_5 with SHA-384
-};
 
 // A private key held by the key service in memory, for the duration of one command.
 class SoftwareKey {
@@ -23,6 +19,9 @@ class SoftwareKey {
     // From the external representation: EC 0x04 || X || Y || K, each padded to the field size;
     // RSA the DER RSAPrivateKey. Throws PlatformError when the data is no such key.
     static SoftwareKey fromExternalRepresentation(std::string_view keyType, ByteView data);
+    // An EC key from its private scalar (big-endian, padded to the field size) on P-256, P-384 or
+    // P-521; the public point is computed. Throws PlatformError for a scalar out of range.
+    static SoftwareKey fromPrivateScalar(int sizeInBits, ByteView scalar);
 
     // Takes over a key the key service read elsewhere (an EC key on a supported curve, or RSA).
     // Throws PlatformError for other keys.
@@ -34,7 +33,11 @@ class SoftwareKey {
     // The application label: SHA-1 of the public key's external representation.
     Bytes applicationLabel() const;
     SecretBytes externalRepresentation() const;
+    // EC keys only: K of the external representation.
+    SecretBytes privateScalar() const;
 
+    bool supports(SignatureAlgorithm algorithm) const;
+    // Throws PlatformError for an algorithm of another key type.
     Bytes sign(SignatureAlgorithm algorithm, ByteView message) const;
     // ECDH with a peer's uncompressed point on the same curve: the shared x-coordinate.
     SecretBytes agree(ByteView peerPoint) const;

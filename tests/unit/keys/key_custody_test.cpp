@@ -10,15 +10,19 @@
 #include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
 #include "platform/bastion/object_identifier.hpp"
-#include "platform/bastion/soft_key_processor.hpp"
 #include "platform/keyservice/software_key.hpp"
+#include "platform/system/paths.hpp"
 #include "support/temporary_folder.hpp"
+#include "unit/platform_bastion/session_child.hpp"
 
 namespace keyloft::keys {
 namespace {
 
 using platform::SignatureAlgorithm;
 using platform::SoftwareKey;
+
+constexpr auto ecdsa = SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+constexpr auto rsaPkcs1 = SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384;
 
 // The default key processor keeps its device key in the data folder of this test process.
 class KeyCustody : public ::testing::Test {
@@ -32,75 +36,177 @@ class KeyCustody : public ::testing::Test {
 };
 std::unique_ptr<testing::TemporaryFolder> KeyCustody::folder;
 
+SoftwareKey rsaKey() {
+    const platform::openssl::Pkey rsa(EVP_RSA_gen(2048));
+    unsigned char* der = nullptr;
+    const int size = i2d_PrivateKey(rsa.get(), &der);
+    auto key = SoftwareKey::fromExternalRepresentation(
+        "rsa", ByteView(der, static_cast<std::size_t>(size)));
+    OPENSSL_free(der);
+    return key;
+}
+
+// Verifies with OpenSSL alone, from the public key's external representation.
 bool verifies(const platform::PublicKeyAttributes& publicKey, ByteView message,
               ByteView signature) {
-    const auto key =
-        platform::ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);
+    platform::openssl::Pkey key;
+    if (publicKey.keyType == "rsa") {
+        const unsigned char* cursor = publicKey.externalRepresentation.data();
+        key.reset(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor,
+                                static_cast<long>(publicKey.externalRepresentation.size())));
+    } else {
+        key =
+            platform::ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);
+    }
     platform::openssl::MdContext context(EVP_MD_CTX_new());
-    return EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha384(), nullptr, key.get()) == 1 &&
+    EVP_PKEY_CTX* parameters = nullptr;
+    return EVP_DigestVerifyInit(context.get(), &parameters, EVP_sha384(), nullptr, key.get()) ==
+               1 &&
+           (publicKey.keyType != "rsa" ||
+            EVP_PKEY_CTX_set_rsa_padding(parameters, RSA_PKCS1_PADDING) == 1) &&
            EVP_DigestVerify(context.get(), signature.data(), signature.size(), message.data(),
                             message.size()) == 1;
 }
 
 TEST_F(KeyCustody, SealedKeysUnwrapToExactlyTheSealedBytes) {
-    std::vector<SoftwareKey> keys;
-    for (const int bits : {256, 384, 521}) keys.push_back(SoftwareKey::generateEC(bits));
-    const platform::openssl::Pkey rsa(EVP_RSA_gen(2048));
-    unsigned char* der = nullptr;
-    const int size = i2d_PrivateKey(rsa.get(), &der);
-    keys.push_back(SoftwareKey::fromExternalRepresentation(
-        "rsa", ByteView(der, static_cast<std::size_t>(size))));
-    OPENSSL_free(der);
-
-    for (const auto& key : keys) {
+    struct Case {
+        KeyType type;
+        std::size_t plaintextSize;
+        std::size_t wrappedSize;
+    };
+    for (const auto& [type, plaintextSize, wrappedSize] :
+         {Case{KeyType::p256, 97, 178}, Case{KeyType::p384, 145, 226},
+          Case{KeyType::p521, 199, 280}}) {
+        const auto handle = generateKey(type, false);
+        ASSERT_NE(handle.softwareKey(), nullptr);
+        const auto& key = *handle.softwareKey();
         const auto sealed = makeSealedKey(key, false);
-        EXPECT_EQ(sealed.pubKeyHash, key.applicationLabel());
-        EXPECT_EQ(sealed.keyType, key.keyType());
-        const auto plaintext = key.externalRepresentation();
-        EXPECT_EQ(sealed.wrappedPrivateKey.size(), 65 + plaintext.size() + 16);
+        EXPECT_EQ(sealed.pubKeyHash, handle.applicationLabel());
+        EXPECT_EQ(sealed.keyType, "ec");
+        EXPECT_EQ(sealed.biometryProtection, BiometryProtection::off);
+        EXPECT_EQ(sealed.wrappedPrivateKey.size(), wrappedSize);
         const auto [unwrapped, data] = unwrapPrivateKeyWithData(sealed, nullptr);
-        EXPECT_EQ(data, plaintext);
+        EXPECT_EQ(data.size(), plaintextSize);
+        EXPECT_EQ(data, key.externalRepresentation());
         EXPECT_EQ(unwrapped.applicationLabel(), key.applicationLabel());
 
         const auto again = makeSealedKey(key, false);
+        EXPECT_EQ(again.pubKeyHash, sealed.pubKeyHash);
         EXPECT_NE(again.wrappedPrivateKey, sealed.wrappedPrivateKey);
         EXPECT_NE(again.wrappingPrivateKeyData, sealed.wrappingPrivateKeyData);
     }
+
+    const auto rsa = rsaKey();
+    const auto sealed = makeSealedKey(rsa, false);
+    EXPECT_EQ(sealed.keyType, "rsa");
+    EXPECT_EQ(unwrapPrivateKeyData(sealed, nullptr), rsa.externalRepresentation());
 }
 
 TEST_F(KeyCustody, DamagedRecordsAreRefused) {
-    auto sealed = makeSealedKey(SoftwareKey::generateEC(256), false);
-    auto damaged = sealed;
-    damaged.wrappedPrivateKey[100] ^= 0x01;
-    EXPECT_THROW(unwrapPrivateKeyData(damaged, nullptr), PlatformError);
-    damaged = sealed;
-    damaged.wrappingPrivateKeyData[20] ^= 0x01;
-    EXPECT_THROW(unwrapPrivateKeyData(damaged, nullptr), PlatformError);
-    damaged = sealed;
-    damaged.wrappingPrivateKeyData[11] ^= 0x02;  // the access-control word is authenticated
-    EXPECT_THROW(unwrapPrivateKeyData(damaged, nullptr), PlatformError);
-    damaged = sealed;
-    damaged.wrappingPrivateKeyData[5] = 't';  // a back end this machine does not have
-    EXPECT_THROW(unwrapPrivateKeyData(damaged, nullptr), PlatformError);
+    const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), false);
+    struct Damage {
+        Bytes SealedKey::*field;
+        std::size_t position;
+        std::uint8_t mask;
+    };
+    for (const auto& [field, position, mask] : {
+             Damage{&SealedKey::wrappedPrivateKey, 10, 0x01},   // ephemeral point
+             Damage{&SealedKey::wrappedPrivateKey, 100, 0x01},  // ciphertext
+             Damage{&SealedKey::wrappedPrivateKey, 177, 0x80},  // tag
+             Damage{&SealedKey::wrappingPrivateKeyData, 20, 0x01},
+             Damage{&SealedKey::wrappingPrivateKeyData, 11, 0x02},      // drops the biometry flag
+             Damage{&SealedKey::wrappingPrivateKeyData, 5, 's' ^ 't'},  // a back end not here
+         }) {
+        auto damaged = sealed;
+        (damaged.*field)[position] ^= mask;
+        EXPECT_THROW(unwrapPrivateKeyData(damaged, nullptr), PlatformError) << position;
+    }
+    auto other = sealed;
+    other.wrappingPrivateKeyData =
+        makeSealedKey(SoftwareKey::generateEC(256), false).wrappingPrivateKeyData;
+    EXPECT_THROW(unwrapPrivateKeyData(other, nullptr), PlatformError);
+    auto wrongType = sealed;
+    wrongType.keyType = "rsa";
+    EXPECT_THROW(unwrapPrivateKey(wrongType, nullptr), PlatformError);
 }
 
-TEST_F(KeyCustody, ProcessorKeysCarryTheAccessControlWordAndSign) {
-    EXPECT_EQ(accessControlFor(false), 0x40000000U);
-    EXPECT_EQ(accessControlFor(true), 0x40000002U);
+TEST_F(KeyCustody, StoredKeysSignVerifiably) {
+    const Bytes message = bytesOf("to be signed");
     for (const auto type : {KeyType::p256ne, KeyType::p384ne}) {
         const auto handle = generateKey(type, false);
         ASSERT_NE(handle.processorKey(), nullptr);
         const auto record = makeBastionKey(*handle.processorKey(), false);
         EXPECT_EQ(record.pubKeyHash, handle.applicationLabel());
-        const auto header = platform::ObjectIdentifierHeader::decode(record.keyData);
-        ASSERT_TRUE(header);
-        EXPECT_EQ(header->accessControl, 0x40000000U);
-
-        KeyStorage storage{.bastionKey = record};
-        const Bytes message = bytesOf("to be signed");
-        const auto signature = signWithStoredKey(
-            message, storage, SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
+        EXPECT_EQ(record.biometryProtection, BiometryProtection::off);
+        EXPECT_EQ(record.keyData, handle.processorKey()->objectIdentifier());
+        const auto signature = signWithStoredKey(message, KeyStorage{.bastionKey = record}, ecdsa);
         EXPECT_TRUE(verifies(handle.publicKeyAttributes(), message, signature));
+    }
+    for (const auto& key : {SoftwareKey::generateEC(521), rsaKey()}) {
+        const KeyStorage storage{.sealedKey = makeSealedKey(key, false)};
+        const auto algorithm = key.keyType() == "rsa" ? rsaPkcs1 : ecdsa;
+        const auto signature = signWithStoredKey(message, storage, algorithm);
+        EXPECT_TRUE(verifies(key.publicKeyAttributes(), message, signature)) << key.keyType();
+        EXPECT_THROW(signWithStoredKey(message, storage, algorithm == ecdsa ? rsaPkcs1 : ecdsa),
+                     PlatformError);
+    }
+}
+
+TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
+    EXPECT_EQ(accessControlFor(false), 0x40000000U);
+    EXPECT_EQ(accessControlFor(true), 0x40000002U);
+    for (const bool biometry : {false, true}) {
+        const auto processorKey = generateKey(KeyType::p256ne, biometry);
+        const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), biometry);
+        for (const auto& identifier :
+             {processorKey.processorKey()->objectIdentifier(), sealed.wrappingPrivateKeyData}) {
+            const auto header = platform::ObjectIdentifierHeader::decode(identifier);
+            ASSERT_TRUE(header);
+            EXPECT_EQ(header->accessControl, accessControlFor(biometry));
+            EXPECT_EQ(header->sizeInBits, 256);
+        }
+        const auto expected = biometry ? BiometryProtection::on : BiometryProtection::off;
+        EXPECT_EQ(makeBastionKey(*processorKey.processorKey(), biometry).biometryProtection,
+                  expected);
+        EXPECT_EQ(sealed.biometryProtection, expected);
+    }
+    // Software keys ignore the flag: their protection is the wrapping key's.
+    EXPECT_NE(generateKey(KeyType::p384, true).softwareKey(), nullptr);
+}
+
+// The child has no controlling terminal, so any presence check there is refused.
+TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
+    const auto processorKey = generateKey(KeyType::p256ne, true);
+    const auto bastion = makeBastionKey(*processorKey.processorKey(), true);
+    const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true);
+    const auto confirmed = std::make_shared<AuthenticationContext>();
+    confirmed->confirmPresence();
+
+    const auto outcome = testing::runInSession(
+        [&] {
+            const auto [handle, keyType] = keyHandle(KeyStorage{.bastionKey = bastion}, confirmed);
+            handle.sign(ecdsa, bytesOf("m"));
+            unwrapPrivateKeyData(sealed, confirmed);
+        },
+        false);
+    EXPECT_TRUE(outcome.succeeded) << outcome.error;
+
+    auto unprotectedRecord = bastion;
+    unprotectedRecord.biometryProtection = BiometryProtection::off;
+    const std::vector<std::function<void()>> refused{
+        [&] {
+            const auto [handle, keyType] =
+                keyHandle(KeyStorage{.bastionKey = unprotectedRecord}, confirmed);
+            handle.sign(ecdsa, bytesOf("m"));
+        },
+        [&] { signWithStoredKey(bytesOf("m"), KeyStorage{.bastionKey = bastion}, ecdsa); },
+        [&] { unwrapPrivateKeyData(sealed, nullptr); },
+    };
+    for (std::size_t i = 0; i < refused.size(); ++i) {
+        const auto result = testing::runInSession(refused[i], false);
+        EXPECT_FALSE(result.succeeded) << i;
+        EXPECT_EQ(result.error, "User presence could not be confirmed: no controlling terminal")
+            << i;
     }
 }
 
@@ -111,62 +217,33 @@ TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
                     .sealedKey = makeSealedKey(software, true)};
     const auto [handle, keyType] = keyHandle(both, nullptr);
     EXPECT_EQ(handle.applicationLabel(), processor.applicationLabel());
+    EXPECT_NE(handle.processorKey(), nullptr);
     EXPECT_EQ(keyType, "ec");
+    EXPECT_EQ(protectionOf(both).biometryProtection, BiometryProtection::off);
     EXPECT_FALSE(protectionOf(both).exportable);
-    EXPECT_TRUE(protectionOf(KeyStorage{.sealedKey = both.sealedKey}).exportable);
+    const auto sealedOnly = protectionOf(KeyStorage{.sealedKey = both.sealedKey});
+    EXPECT_EQ(sealedOnly.biometryProtection, BiometryProtection::on);
+    EXPECT_TRUE(sealedOnly.exportable);
 
-    try {
-        keyHandle(KeyStorage{}, nullptr);
-        FAIL();
-    } catch (const PlatformError& error) {
-        EXPECT_EQ(std::string(error.what()), "Stored key not found");
-        EXPECT_EQ(error.code(), -6);
+    for (const auto& lookup : std::vector<std::function<void()>>{
+             [] { keyHandle(KeyStorage{}, nullptr); }, [] { protectionOf(KeyStorage{}); }}) {
+        try {
+            lookup();
+            FAIL() << "an empty record was found";
+        } catch (const PlatformError& error) {
+            EXPECT_EQ(std::string(error.what()), "Stored key not found");
+            EXPECT_EQ(error.code(), -6);
+        }
     }
-    EXPECT_THROW(protectionOf(KeyStorage{}), PlatformError);
 }
 
-class CountingGate : public platform::PresenceGate {
-  public:
-    void confirm() override {
-        ++asked;
-        if (!accept) throw PlatformError("refused");
-    }
-    int asked = 0;
-    bool accept = true;
-};
-
-TEST(SoftKeyProcessor, BiometryKeysAskTheGateOncePerContext) {
-    testing::TemporaryFolder folder;
-    CountingGate gate;
-    platform::SoftKeyProcessor processor(folder.path() / "bastion.key", gate);
-    const auto created = processor.createKey(256, accessControlFor(true));
-    const auto plain = processor.createKey(256, accessControlFor(false));
-
-    const auto context = std::make_shared<platform::AuthenticationContext>();
-    const auto key = processor.rebuildKey(created->objectIdentifier(), context);
-    key->sign(bytesOf("a"));
-    key->sign(bytesOf("b"));
-    EXPECT_EQ(gate.asked, 1);
-    processor.rebuildKey(plain->objectIdentifier(), nullptr)->sign(bytesOf("c"));
-    EXPECT_EQ(gate.asked, 1);
-
-    gate.accept = false;
-    EXPECT_THROW(processor.rebuildKey(created->objectIdentifier(), nullptr)->sign(bytesOf("d")),
-                 PlatformError);
-    EXPECT_THROW(processor.rebuildKey(created->objectIdentifier(), nullptr)
-                     ->agree(plain->publicKeyAttributes().externalRepresentation),
-                 PlatformError);
-
+TEST_F(KeyCustody, DeviceKeyAndDataFolderAreOwnerOnly) {
+    generateKey(KeyType::p256ne, false);
     struct stat info {};
-    ASSERT_EQ(::stat((folder.path() / "bastion.key").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600U);
-    EXPECT_EQ(info.st_size, 32);
-
-    // Another device key cannot open this device's keys.
-    testing::TemporaryFolder other;
-    platform::SoftKeyProcessor foreign(other.path() / "bastion.key", gate);
-    EXPECT_THROW(foreign.rebuildKey(plain->objectIdentifier(), nullptr), PlatformError);
-    EXPECT_THROW(processor.createKey(521, accessControlFor(false)), PlatformError);
+    ASSERT_EQ(::stat(platform::dataFolder().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0700U);
+    ASSERT_EQ(::stat((platform::dataFolder() / "bastion.key").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 
 }  // namespace

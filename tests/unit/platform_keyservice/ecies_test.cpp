@@ -73,21 +73,5 @@ TEST(Ecies, AnyChangedByteFailsToOpen) {
                  PlatformError);
 }
 
-TEST(SoftwareKey, ExternalRepresentationsRoundTrip) {
-    for (const int bits : {256, 384, 521}) {
-        const auto key = SoftwareKey::generateEC(bits);
-        const auto data = key.externalRepresentation();
-        EXPECT_EQ(data.size(), 1 + 3 * static_cast<std::size_t>((bits + 7) / 8)) << bits;
-        const auto rebuilt = SoftwareKey::fromExternalRepresentation("ec", data);
-        EXPECT_EQ(rebuilt.applicationLabel(), key.applicationLabel());
-        auto damaged = data;
-        damaged[data.size() - 1] ^= 0x01;
-        EXPECT_THROW(SoftwareKey::fromExternalRepresentation("ec", damaged), PlatformError);
-    }
-    EXPECT_THROW(SoftwareKey::fromExternalRepresentation("ec", Bytes(10, 4)), PlatformError);
-    EXPECT_THROW(SoftwareKey::fromExternalRepresentation("rsa", Bytes{0x30, 0x00}), PlatformError);
-    EXPECT_THROW(SoftwareKey::fromExternalRepresentation("dsa", Bytes{}), PlatformError);
-}
-
 }  // namespace
 }  // namespace keyloft::platform

@@ -1,0 +1,12 @@
+#pragma once
+
+namespace keyloft::platform {
+
+// Named <scheme><input: Message or Digest><encoding><hash>, so that digest-input ECDSA, RSA-PSS
+// and the like can join without renaming these.
+enum class SignatureAlgorithm {
+    ecdsaSignatureMessageX962SHA384,    // ECDSA over SHA-384 of the message, DER signature
+    rsaSignatureMessagePKCS1v15SHA384,  // RSASSA-PKCS1-v1_5 with SHA-384
+};
+
+}  // namespace keyloft::platform
