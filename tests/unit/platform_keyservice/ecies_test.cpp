@@ -38,23 +38,32 @@ else:
 using testing::hex;
 using testing::unhex;
 
+// Wrapped private keys of P-256, P-384 and P-521, and the empty edge.
 TEST(Ecies, WhatWeSealTheIndependentSideOpensAndTheReverse) {
     const auto wrapping = SoftwareKey::generateEC(256);
     const Bytes point = wrapping.publicKeyAttributes().externalRepresentation;
     const auto wrappingPrivate = wrapping.externalRepresentation();
-    const Bytes plaintext =
-        SoftwareKey::generateEC(384).publicKeyAttributes().externalRepresentation;
+    const auto agree = [&](ByteView peer) { return wrapping.agree(peer); };
 
-    const Bytes ours = ecies::encrypt(point, plaintext);
-    EXPECT_EQ(ours.size(), 65 + plaintext.size() + 16);
-    EXPECT_EQ(unhex(testing::runPython(independentEcies,
-                                       "open " + hex(wrappingPrivate) + " " + hex(ours))),
-              plaintext);
+    for (const auto& [bits, sealedSize] :
+         {std::pair{256, 178U}, std::pair{384, 226U}, std::pair{521, 280U}, std::pair{0, 81U}}) {
+        const auto secret =
+            bits != 0 ? SoftwareKey::generateEC(bits).externalRepresentation() : SecretBytes{};
+        const Bytes plaintext(secret.begin(), secret.end());
 
-    const Bytes theirs =
-        unhex(testing::runPython(independentEcies, "seal " + hex(point) + " " + hex(plaintext)));
-    const auto opened = ecies::decrypt(theirs, [&](ByteView peer) { return wrapping.agree(peer); });
-    EXPECT_EQ(Bytes(opened.begin(), opened.end()), plaintext);
+        const Bytes ours = ecies::encrypt(point, plaintext);
+        EXPECT_EQ(ours.size(), sealedSize) << bits;
+        EXPECT_EQ(unhex(testing::runPython(independentEcies,
+                                           "open " + hex(wrappingPrivate) + " " + hex(ours))),
+                  plaintext)
+            << bits;
+
+        const Bytes theirs = unhex(testing::runPython(
+            independentEcies,
+            "seal " + hex(point) + " " + (plaintext.empty() ? "''" : hex(plaintext))));
+        EXPECT_EQ(theirs.size(), sealedSize) << bits;
+        EXPECT_EQ(ecies::decrypt(theirs, agree), secret) << bits;
+    }
 }
 
 TEST(Ecies, AnyChangedByteFailsToOpen) {
