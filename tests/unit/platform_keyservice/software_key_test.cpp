@@ -103,22 +103,14 @@ TEST(SoftwareKey, MalformedKeyDataIsRefused) {
                          0x9E, 0x84, 0xF3, 0xB9, 0xCA, 0xC2, 0xFC, 0x63, 0x25, 0x51};
     const std::vector<std::pair<std::string, std::function<void()>>> cases{
         {"empty", [] { SoftwareKey::fromExternalRepresentation("ec", Bytes{}); }},
-        {"no curve of that size",
-         [] { SoftwareKey::fromExternalRepresentation("ec", Bytes(10, 4)); }},
         {"prefix", [&] { SoftwareKey::fromExternalRepresentation("ec", uncompressedPrefix); }},
         {"truncated",
          [&] { SoftwareKey::fromExternalRepresentation("ec", ByteView(p256).first(96)); }},
-        {"rsa garbage",
-         [] {
-             SoftwareKey::fromExternalRepresentation("rsa", Bytes{0x30, 0x00});
-         }},
         {"rsa given ec data", [&] { SoftwareKey::fromExternalRepresentation("rsa", p256); }},
         {"key type", [] { SoftwareKey::fromExternalRepresentation("dsa", Bytes{}); }},
         {"zero scalar", [] { SoftwareKey::fromPrivateScalar(256, Bytes(32, 0)); }},
         {"scalar = order", [&] { SoftwareKey::fromPrivateScalar(256, order256); }},
         {"scalar length", [] { SoftwareKey::fromPrivateScalar(256, Bytes(31, 1)); }},
-        {"scalar curve", [] { SoftwareKey::fromPrivateScalar(224, Bytes(28, 1)); }},
-        {"point size", [] { ecPublicKeyFromPoint(256, Bytes(97, 4)); }},
         {"point off the curve", [] { ecPublicKeyFromPoint(256, Bytes(65, 4)); }},
     };
     for (const auto& [name, make] : cases) EXPECT_THROW(make(), PlatformError) << name;
