@@ -18,7 +18,7 @@ void KeyloftApp::createCsr() {
     const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
     const auto record = records.find(*hashBytes);
     if (record == records.end()) throw KeyloftError::generic("No identity found for hash: <hash>");
-    const auto [key, keyType] =
+    const auto [key, storedKeyType] =
         keys::keyHandle(record->second, std::make_shared<keys::AuthenticationContext>());
     const auto publicKey = key.publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
@@ -35,7 +35,7 @@ void KeyloftApp::createCsr() {
                                            {country, &KeyloftApp::country}}) {
         if (!(this->*value).empty()) subject.emplace_back(attribute, this->*value);
     }
-    const auto algorithm = keyType == platform::keyTypeRSA
+    const auto algorithm = storedKeyType == platform::keyTypeRSA
                                ? platform::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
                                : platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
     const auto request = der::encode(x509::buildCertificationRequest(

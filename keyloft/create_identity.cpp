@@ -27,7 +27,7 @@ void KeyloftApp::createIdentity() {
     const auto publicKey = key.publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");
-    const Bytes hash = key.applicationLabel();
+    const Bytes keyHash = key.applicationLabel();
 
     keys::KeyStorage storage;
     if (isProcessorKeyType(*keyType)) {
@@ -39,8 +39,8 @@ void KeyloftApp::createIdentity() {
     const std::string specification = commonName + ";" + email + ";" + organizationalUnit + ";" +
                                       organization + ";" + locality + ";" + stateOrProvince + ";" +
                                       country;
-    const auto model =
-        x509::X509Certificate::create(publicKey, hash, specification, false, platform::randomUuid);
+    const auto model = x509::X509Certificate::create(publicKey, keyHash, specification, false,
+                                                     platform::randomUuid);
     const auto certificate =
         der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
             return keys::signWithStoredKey(
@@ -48,10 +48,10 @@ void KeyloftApp::createIdentity() {
         }));
     if (!platform::Certificate::parse(certificate))
         throw KeyloftError::generic("Failed to create certificate");
-    const auto items = makeIdentityItems(certificate, hash, *label);
+    const auto items = makeIdentityItems(certificate, keyHash, *label);
 
     auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
-    storeKeyRecord(tokenConfiguration, std::move(records), hash, std::move(storage));
+    storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
     appendIdentityItems(tokenConfiguration, items);
 }
 

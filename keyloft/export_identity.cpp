@@ -5,7 +5,7 @@
 #include "pkcs12/pfx.hpp"
 #include "platform/system/files.hpp"
 #include "platform/system/passphrase.hpp"
-#include "platform/text/utf16.hpp"
+#include "platform/text/canonical.hpp"
 #include "pubkey/hex.hpp"
 #include "store/identity_lookup.hpp"
 

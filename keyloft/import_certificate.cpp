@@ -14,20 +14,20 @@ void KeyloftApp::importCertificate() {
     const auto text = platform::readTextFile(*fileName);
     const auto certificate = x509::certificateFromPem(text);
     if (!certificate) throw KeyloftError::generic("Failed to decode base64 certificate data");
-    const auto hash = store::certificatePublicKeyHash(*certificate);
+    const auto keyHash = store::certificatePublicKeyHash(*certificate);
 
     auto items = tokenConfiguration.items();
     const auto matched = std::ranges::find_if(items, [&](const platform::TesseraTokenItem& item) {
         const auto* existing = std::get_if<platform::TesseraTokenCertificateItem>(&item);
         return existing != nullptr &&
-               store::certificatePublicKeyHash(existing->certificate) == hash;
+               store::certificatePublicKeyHash(existing->certificate) == keyHash;
     });
     if (matched == items.end()) {
         throw KeyloftError::generic("The certificate with pubkey hash <" +
-                                    pubkey::toHexString(hash) +
+                                    pubkey::toHexString(keyHash) +
                                     "> does not match with any private key");
     }
-    auto item = platform::makeCertificateItem(*certificate, hash);
+    auto item = platform::makeCertificateItem(*certificate, keyHash);
     if (!item) throw KeyloftError::generic("Failed to create token certificate");
 
     // The old certificate goes; the new one is appended, after whatever the list holds now.

@@ -42,19 +42,19 @@ void KeyloftApp::importIdentities() {
     if (!identities) throw KeyloftError::generic("PKCS12 import failed");
 
     for (auto& identity : *identities) {
-        const Bytes hash = identity.key.applicationLabel();
+        const Bytes keyHash = identity.key.applicationLabel();
         keys::KeyStorage storage{.sealedKey = keys::makeSealedKey(identity.key, biometry)};
-        const std::string label = labelOf(identity.certificate);
-        const auto items = makeIdentityItems(identity.certificate, hash, label);
+        const std::string identityLabel = labelOf(identity.certificate);
+        const auto items = makeIdentityItems(identity.certificate, keyHash, identityLabel);
 
         auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
-        if (records.contains(hash)) {
-            std::cout << "Skipped to import identity '" << label
-                      << "' because identity with PubKey Hash: <" << pubkey::toHexString(hash)
+        if (records.contains(keyHash)) {
+            std::cout << "Skipped to import identity '" << identityLabel
+                      << "' because identity with PubKey Hash: <" << pubkey::toHexString(keyHash)
                       << "> already exist" << std::endl;
             continue;
         }
-        storeKeyRecord(tokenConfiguration, std::move(records), hash, std::move(storage));
+        storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
         appendIdentityItems(tokenConfiguration, items);
     }
 }

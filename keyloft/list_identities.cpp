@@ -60,9 +60,9 @@ void KeyloftApp::listIdentities() {
             // One parse serves the hash and the details.
             const auto parsed = platform::Certificate::parse(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
-            auto hash = parsed->publicKeyHash();
-            if (!hash) throw KeyloftError::generic("Failed to retrieve public key hash");
-            certificates[std::move(*hash)] = detailsOf(*parsed, formatter, now);
+            auto keyHash = parsed->publicKeyHash();
+            if (!keyHash) throw KeyloftError::generic("Failed to retrieve public key hash");
+            certificates[std::move(*keyHash)] = detailsOf(*parsed, formatter, now);
             continue;
         }
         const auto& key = std::get<platform::TesseraTokenKeyItem>(item);

@@ -1,6 +1,9 @@
 #include "pkcs12/p12_pbe_gen.hpp"
 
 #include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <new>
 
 #include "keyloft/error.hpp"
 #include "platform/crypto/digest.hpp"
@@ -20,7 +23,14 @@ platform::SecretBytes extendToBlocks(ByteView bytes) {
     return out;
 }
 
-// block = (block + b + 1) mod 2^512, big-endian.
+// Replaces the bytes by their SHA-1 without leaving the old or the new value in freed memory.
+void hashInPlace(platform::SecretBytes& bytes) {
+    Bytes digest = platform::sha1(bytes);
+    bytes.assign(digest.begin(), digest.end());
+    platform::wipe(digest.data(), digest.size());
+}
+
+// block = (block + b + 1) mod 2^512, big-endian; the carry out of the top byte is dropped.
 void addWithCarry(std::span<std::uint8_t> block, ByteView b) {
     unsigned carry = 1;
     for (std::size_t i = blockSize; i-- > 0;) {
@@ -30,34 +40,44 @@ void addWithCarry(std::span<std::uint8_t> block, ByteView b) {
     }
 }
 
-}  // namespace
-
-int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::uint32_t iterations,
-                PbeId id, std::span<std::uint8_t> out) {
-    if (!password || salt.empty()) return -1;
-    const platform::SecretBytes diversifier(blockSize, static_cast<std::uint8_t>(id));
-    auto passwordBytes = platform::utf16BigEndian(*password);
-    passwordBytes.push_back(0);
-    passwordBytes.push_back(0);
+void derive(std::string_view password, ByteView salt, std::uint32_t iterations, PbeId id,
+            std::span<std::uint8_t> out) {
+    auto passwordBytes = platform::utf16BigEndian(password);
+    passwordBytes.insert(passwordBytes.end(), {0, 0});
     platform::SecretBytes input = extendToBlocks(salt);
     const auto extendedPassword = extendToBlocks(passwordBytes);
     input.insert(input.end(), extendedPassword.begin(), extendedPassword.end());
+    // A typed password and an 8-byte salt stay far below this; only a caller's bug reaches it.
+    if (input.size() >= std::numeric_limits<std::uint32_t>::max()) std::abort();
 
     platform::SecretBytes result;
     while (result.size() < out.size()) {
-        platform::SecretBytes block(diversifier);
-        block.insert(block.end(), input.begin(), input.end());
-        Bytes a = platform::sha1(block);
-        for (std::uint32_t i = 1; i < iterations; ++i) a = platform::sha1(a);
+        platform::SecretBytes a(blockSize, static_cast<std::uint8_t>(id));
+        a.insert(a.end(), input.begin(), input.end());
+        hashInPlace(a);
+        for (std::uint32_t i = 1; i < iterations; ++i) hashInPlace(a);
         result.insert(result.end(), a.begin(), a.end());
         platform::SecretBytes b(blockSize);
         for (std::size_t i = 0; i < blockSize; ++i) b[i] = a[i % hashSize];
-        platform::wipe(a.data(), a.size());
         for (std::size_t j = 0; j < input.size(); j += blockSize)
             addWithCarry({input.data() + j, blockSize}, b);
     }
     std::copy_n(result.begin(), out.size(), out.begin());
-    return 0;
+}
+
+}  // namespace
+
+int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::uint32_t iterations,
+                PbeId id, std::span<std::uint8_t> out) noexcept {
+    if (!password || salt.empty()) return -1;
+    try {
+        derive(*password, salt, iterations, id, out);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    } catch (const PlatformError&) {
+        return -1;
+    }
 }
 
 platform::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,

@@ -14,9 +14,9 @@ namespace keyloft::pkcs12 {
 enum class PbeId : std::uint8_t { key = 1, iv = 2, mac = 3 };
 
 // The PKCS#12 password-based derivation with SHA-1: fills out and answers 0, or answers -1 and
-// leaves out untouched (no password, empty salt).
+// leaves out untouched (no password, empty salt, no memory, the password cannot be encoded).
 int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::uint32_t iterations,
-                PbeId id, std::span<std::uint8_t> out);
+                PbeId id, std::span<std::uint8_t> out) noexcept;
 
 // The derived bytes, or the tool's error with the given message.
 platform::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,

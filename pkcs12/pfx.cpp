@@ -73,40 +73,74 @@ BerTlvRecord shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pub
          explicitContent(der::wrapInOctetString(der::sequenceRecord({bag})))});
 }
 
+// The privateKey field of PrivateKeyInfo. Records are immutable and never wiped, so the record
+// holds zeros where the secret goes and the secret is copied into the wiped encoding afterwards;
+// publicTail is the size of what follows the secret in the encoding.
+struct KeyPlacement {
+    BerTlvRecord algorithm;
+    BerTlvRecord privateKey;
+    ByteView secret;
+    std::size_t publicTail = 0;
+};
+
+KeyPlacement ecPlacement(const UnwrappedKey& key) {
+    // 192-bit keys have no curve identifier here; naming another curve would mislabel them.
+    const ByteView curve = der::curveOidForSize(key.sizeInBits);
+    if (curve.empty()) {
+        throw KeyloftError::generic("unsupported public key EC key size: " +
+                                    std::to_string(key.sizeInBits));
+    }
+    const std::size_t field = (static_cast<std::size_t>(key.sizeInBits) + 7) / 8;
+    const auto& data = key.externalRepresentation;
+    if (data.size() != 1 + 3 * field || data[0] != 0x04)
+        throw KeyloftError::generic("failed to copy public key");
+    const ByteView point(data.data(), 1 + 2 * field);
+    const ByteView scalar(data.data() + point.size(), field);
+    const auto publicKey =
+        der::constructedRecord(der::tag::contextConstructed1, {der::bitStringRecord(point)});
+    const auto ecPrivateKey = der::sequenceRecord({
+        der::integerRecord(1),
+        der::octetStringRecord(Bytes(field)),
+        publicKey,
+    });
+    return {der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}),
+            der::wrapInOctetString(ecPrivateKey), scalar, der::encode(publicKey).size()};
+}
+
+KeyPlacement rsaPlacement(const UnwrappedKey& key) {
+    const auto& data = key.externalRepresentation;
+    return {der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}),
+            der::octetStringRecord(Bytes(data.size())), data, 0};
+}
+
+struct Mac {
+    Bytes digest;
+    Bytes salt;
+};
+
+// HMAC-SHA1 over the AuthenticatedSafe DER, keyed from the password and a fresh salt.
+Mac pkcs12Mac(std::string_view password, ByteView authSafe, std::uint32_t iterations) {
+    Bytes salt = randomSalt();
+    Bytes digest = platform::hmacSha1(pbeMacKey(password, salt, iterations), authSafe);
+    return {std::move(digest), std::move(salt)};
+}
+
+KeyPlacement placementOf(const UnwrappedKey& key) {
+    if (key.keyType == platform::keyTypeEC) return ecPlacement(key);
+    if (key.keyType == platform::keyTypeRSA) return rsaPlacement(key);
+    throw KeyloftError::generic("unsupported public key type: " + key.keyType);
+}
+
 }  // namespace
 
 platform::SecretBytes privateKeyInfo(const UnwrappedKey& key) {
-    BerTlvRecord::Children info{der::integerRecord(0)};
-    if (key.keyType == platform::keyTypeEC) {
-        // 192-bit keys have no curve identifier here; naming another curve would mislabel them.
-        const ByteView curve = der::curveOidForSize(key.sizeInBits);
-        if (curve.empty()) {
-            throw KeyloftError::generic("unsupported public key EC key size: " +
-                                        std::to_string(key.sizeInBits));
-        }
-        const std::size_t field = (static_cast<std::size_t>(key.sizeInBits) + 7) / 8;
-        const auto& data = key.externalRepresentation;
-        if (data.size() != 1 + 3 * field) throw KeyloftError::generic("failed to copy public key");
-        const ByteView point(data.data(), 1 + 2 * field);
-        const ByteView scalar(data.data() + point.size(), field);
-        const auto ecPrivateKey = der::sequenceRecord({
-            der::integerRecord(1),
-            der::octetStringRecord(scalar),
-            der::constructedRecord(der::tag::contextConstructed1, {der::bitStringRecord(point)}),
-        });
-        info.push_back(
-            der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}));
-        info.push_back(der::wrapInOctetString(ecPrivateKey));
-    } else if (key.keyType == platform::keyTypeRSA) {
-        info.push_back(
-            der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}));
-        info.push_back(der::octetStringRecord(key.externalRepresentation));
-    } else {
-        throw KeyloftError::generic("unsupported public key type: " + key.keyType);
-    }
-    auto encoded = der::encode(der::sequenceRecord(std::move(info)));
+    const KeyPlacement placement = placementOf(key);
+    const Bytes encoded = der::encode(
+        der::sequenceRecord({der::integerRecord(0), placement.algorithm, placement.privateKey}));
     platform::SecretBytes out(encoded.begin(), encoded.end());
-    platform::wipe(encoded.data(), encoded.size());
+    const auto secretEnd = out.end() - static_cast<std::ptrdiff_t>(placement.publicTail);
+    std::copy(placement.secret.begin(), placement.secret.end(),
+              secretEnd - static_cast<std::ptrdiff_t>(placement.secret.size()));
     return out;
 }
 
@@ -125,13 +159,12 @@ Bytes buildPKCS12(std::string_view password, ByteView certificate, ByteView pubK
     const auto keyInfo = shroudedKeyContentInfo(keyCipher, keySalt, pubKeyHash, iterations);
 
     const Bytes authSafe = der::encode(der::sequenceRecord({certificateInfo, keyInfo}));
-    const Bytes macSalt = randomSalt();
-    const Bytes digest = platform::hmacSha1(pbeMacKey(password, macSalt, iterations), authSafe);
+    const Mac mac = pkcs12Mac(password, authSafe, iterations);
     const auto macData = der::sequenceRecord({
         der::sequenceRecord(
             {der::sequenceRecord({der::oidRecord(der::oid::idSha1), der::nullRecord()}),
-             der::octetStringRecord(digest)}),
-        der::octetStringRecord(macSalt),
+             der::octetStringRecord(mac.digest)}),
+        der::octetStringRecord(mac.salt),
         der::integerRecord(iterations),
     });
     return der::encode(der::sequenceRecord({

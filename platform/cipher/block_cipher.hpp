@@ -13,6 +13,7 @@ struct CipherResult {
 };
 
 // CBC encryption with PKCS#7 padding. RC2 uses the key's length in bits as its effective length.
+// A key or IV of a length the cipher does not take is refused with a non-zero status.
 CipherResult encryptCbc(BlockCipher cipher, ByteView key, ByteView iv, ByteView plaintext);
 
 }  // namespace keyloft::platform

@@ -5,11 +5,79 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <csignal>
 
 namespace keyloft::platform {
 namespace {
 
 constexpr std::size_t bufferSize = 512;
+
+// Signals that would end or stop the process while echo is off. They are held back until the
+// terminal mode is restored, then delivered again.
+constexpr std::array heldSignals{SIGALRM, SIGHUP,  SIGINT,  SIGPIPE, SIGQUIT,
+                                 SIGTERM, SIGTSTP, SIGTTIN, SIGTTOU};
+
+volatile std::sig_atomic_t caughtSignal = 0;
+
+extern "C" void noteSignal(int signal) {
+    caughtSignal = signal;
+}
+
+bool isStop(int signal) {
+    return signal == SIGTSTP || signal == SIGTTIN || signal == SIGTTOU;
+}
+
+class SignalHold {
+  public:
+    SignalHold() {
+        caughtSignal = 0;
+        struct sigaction action {};
+        action.sa_handler = noteSignal;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;  // no SA_RESTART: a signal interrupts the read
+        for (std::size_t i = 0; i < heldSignals.size(); ++i)
+            ::sigaction(heldSignals[i], &action, &saved_[i]);
+    }
+    SignalHold(const SignalHold&) = delete;
+    SignalHold& operator=(const SignalHold&) = delete;
+    ~SignalHold() {
+        for (std::size_t i = 0; i < heldSignals.size(); ++i)
+            ::sigaction(heldSignals[i], &saved_[i], nullptr);
+    }
+
+  private:
+    std::array<struct sigaction, heldSignals.size()> saved_{};
+};
+
+class Terminal {
+  public:
+    Terminal() : fd_(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+    ~Terminal() {
+        if (quiet_) ::tcsetattr(fd_, TCSAFLUSH, &saved_);
+        if (fd_ >= 0) ::close(fd_);
+    }
+
+    // Echo goes off before the prompt shows, so nothing typed after the prompt is echoed; input
+    // typed ahead is discarded. False when there is no terminal or echo cannot be turned off.
+    bool echoOff() {
+        if (fd_ < 0 || ::tcgetattr(fd_, &saved_) != 0) return false;
+        termios quiet = saved_;
+        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        quiet.c_lflag |= ECHONL;
+        quiet_ = ::tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
+        return quiet_;
+    }
+    void show(std::string_view text) const { (void)::write(fd_, text.data(), text.size()); }
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+    termios saved_{};
+    bool quiet_ = false;
+};
 
 // Replaces every byte that does not start a valid UTF-8 sequence with U+FFFD.
 SecretText validUtf8(const std::uint8_t* bytes, std::size_t size) {
@@ -42,40 +110,52 @@ SecretText validUtf8(const std::uint8_t* bytes, std::size_t size) {
     return out;
 }
 
+// One line, at most 511 bytes of it kept. End of input ends the line, but with nothing typed it
+// is no answer (the terminal went away); a read error or a caught signal is no answer either.
+std::optional<SecretText> readLine(int fd) {
+    std::array<std::uint8_t, bufferSize> buffer{};
+    std::size_t length = 0;
+    std::uint8_t c = 0;
+    bool answered = true;
+    for (;;) {
+        const ssize_t n = ::read(fd, &c, 1);
+        if (n < 0 && errno == EINTR && caughtSignal == 0) continue;
+        if (n < 0 || caughtSignal != 0) {
+            answered = false;
+            break;
+        }
+        if (n == 0) {
+            answered = length > 0;
+            break;
+        }
+        if (c == '\n' || c == '\r') break;
+        if (length < bufferSize - 1) buffer[length++] = c;
+    }
+    std::optional<SecretText> result;
+    if (answered) result = validUtf8(buffer.data(), length);
+    wipe(buffer.data(), buffer.size());
+    wipe(&c, 1);
+    return result;
+}
+
 }  // namespace
 
 std::optional<SecretText> readPassphrase(std::string_view prompt) {
-    const int fd = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    termios saved{};
-    if (::tcgetattr(fd, &saved) != 0) {
-        ::close(fd);
-        return std::nullopt;
-    }
-    termios quiet = saved;
-    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    quiet.c_lflag |= ECHONL;
-    // Echo goes off before the prompt shows, so nothing typed after the prompt is echoed or lost.
-    ::tcsetattr(fd, TCSAFLUSH, &quiet);
-    (void)::write(fd, prompt.data(), prompt.size());
-
-    std::array<std::uint8_t, bufferSize> buffer{};
-    std::size_t length = 0;
-    bool ended = false;
-    std::uint8_t c = 0;
-    while (::read(fd, &c, 1) == 1) {
-        if (c == '\n' || c == '\r') {
-            ended = true;
-            break;
+    for (;;) {
+        std::optional<SecretText> answer;
+        {
+            const SignalHold hold;
+            Terminal terminal;
+            if (!terminal.echoOff()) return std::nullopt;
+            terminal.show(prompt);
+            answer = readLine(terminal.fd());
         }
-        if (length < bufferSize - 1) buffer[length++] = c;
+        const int signal = caughtSignal;
+        if (signal == 0) return answer;
+        ::raise(signal);
+        // Stopped and continued (job control): ask again, as the terminal may have been used.
+        if (!isStop(signal)) return std::nullopt;
     }
-    ::tcsetattr(fd, TCSAFLUSH, &saved);
-    ::close(fd);
-    std::optional<SecretText> result;
-    if (ended || length > 0) result = validUtf8(buffer.data(), length);
-    wipe(buffer.data(), buffer.size());
-    return result;
 }
 
 }  // namespace keyloft::platform

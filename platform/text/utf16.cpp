@@ -1,53 +1,42 @@
 #include "platform/text/utf16.hpp"
 
-#include <unicode/normalizer2.h>
-#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+
+#include <limits>
 
 #include "keyloft/error.hpp"
 
 namespace keyloft::platform {
-namespace {
 
-// The UnicodeString's buffer may hold a password; overwrite it before it is released.
-struct WipedText {
-    explicit WipedText(std::string_view utf8)
-        : text(icu::UnicodeString::fromUTF8(
-              icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())))) {}
-    WipedText(const WipedText&) = delete;
-    WipedText& operator=(const WipedText&) = delete;
-    ~WipedText() {
-        if (text.length() > 0)
-            wipe(text.getBuffer(text.length()), static_cast<std::size_t>(text.length()) * 2);
-    }
-    icu::UnicodeString text;
-};
-
-}  // namespace
+SecretUtf16 utf16Units(std::string_view utf8) {
+    if (utf8.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()))
+        throw PlatformError("text too long for UTF-16 conversion");
+    const auto sourceLength = static_cast<int32_t>(utf8.size());
+    constexpr UChar32 replacement = 0xFFFD;
+    // Measuring first lets ICU write straight into wiped storage, with no buffer of its own.
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t length = 0;
+    u_strFromUTF8WithSub(nullptr, 0, &length, utf8.data(), sourceLength, replacement, nullptr,
+                         &status);
+    if (status != U_BUFFER_OVERFLOW_ERROR && U_FAILURE(status))
+        throw PlatformError("text cannot be converted to UTF-16");
+    SecretUtf16 units(static_cast<std::size_t>(length));
+    status = U_ZERO_ERROR;
+    u_strFromUTF8WithSub(units.data(), length, &length, utf8.data(), sourceLength, replacement,
+                         nullptr, &status);
+    if (U_FAILURE(status)) throw PlatformError("text cannot be converted to UTF-16");
+    return units;
+}
 
 SecretBytes utf16BigEndian(std::string_view utf8) {
-    const WipedText text(utf8);
+    const SecretUtf16 units = utf16Units(utf8);
     SecretBytes out;
-    out.reserve(static_cast<std::size_t>(text.text.length()) * 2);
-    for (int32_t i = 0; i < text.text.length(); ++i) {
-        const char16_t unit = text.text.charAt(i);
+    out.reserve(units.size() * 2);
+    for (const char16_t unit : units) {
         out.push_back(static_cast<std::uint8_t>(unit >> 8U));
         out.push_back(static_cast<std::uint8_t>(unit & 0xFFU));
     }
     return out;
-}
-
-bool canonicallyEqual(std::string_view a, std::string_view b) {
-    UErrorCode status = U_ZERO_ERROR;
-    const icu::Normalizer2* nfd = icu::Normalizer2::getNFDInstance(status);
-    if (U_FAILURE(status)) throw PlatformError("Unicode normalization is not available");
-    const WipedText first(a);
-    const WipedText second(b);
-    WipedText normalFirst("");
-    WipedText normalSecond("");
-    normalFirst.text = nfd->normalize(first.text, status);
-    normalSecond.text = nfd->normalize(second.text, status);
-    if (U_FAILURE(status)) throw PlatformError("Unicode normalization failed");
-    return normalFirst.text == normalSecond.text;
 }
 
 }  // namespace keyloft::platform

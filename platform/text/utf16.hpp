@@ -1,15 +1,20 @@
 #pragma once
 
 #include <string_view>
+#include <vector>
 
 #include "platform/crypto/secret.hpp"
 
 namespace keyloft::platform {
 
-// UTF-16 big-endian of UTF-8 text, without byte-order mark; invalid UTF-8 becomes U+FFFD.
-SecretBytes utf16BigEndian(std::string_view utf8);
+// UTF-16 code units of a password, in wiped storage.
+using SecretUtf16 = std::vector<char16_t, WipingAllocator<char16_t>>;
 
-// Unicode text equality, canonically equivalent spellings being equal.
-bool canonicallyEqual(std::string_view a, std::string_view b);
+// UTF-16 of UTF-8 text, surrogate pairs beyond U+FFFF; invalid UTF-8 becomes U+FFFD.
+// Throws PlatformError when the text cannot be converted (more than 2^31 bytes).
+SecretUtf16 utf16Units(std::string_view utf8);
+
+// The same as big-endian bytes, without byte-order mark.
+SecretBytes utf16BigEndian(std::string_view utf8);
 
 }  // namespace keyloft::platform
