@@ -171,4 +171,15 @@ std::optional<BerTlvRecord> parseRecord(ByteView bytes) {
     return record;
 }
 
+std::optional<BerTlvRecord::Children> parseContents(ByteView content) {
+    Cursor cursor{content};
+    BerTlvRecord::Children children;
+    while (cursor.position < content.size()) {
+        auto record = parseOne(cursor);
+        if (!record) return std::nullopt;
+        children.push_back(std::move(*record));
+    }
+    return children;
+}
+
 }  // namespace keyloft::der

@@ -79,7 +79,10 @@ BerTlvRecord wrapInOctetString(const BerTlvRecord& record);
 const BerTlvRecord& nullRecord();
 const BerTlvRecord& booleanTrueRecord();
 
-// One complete record filling the whole input, or nothing.
+// One complete record filling the whole input, or nothing. The record is primitive: its content
+// is kept as bytes, which parseContents splits when it holds records.
 std::optional<BerTlvRecord> parseRecord(ByteView bytes);
+// The records that exactly fill a constructed record's content, or nothing.
+std::optional<BerTlvRecord::Children> parseContents(ByteView content);
 
 }  // namespace keyloft::der

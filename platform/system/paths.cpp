@@ -24,8 +24,12 @@ std::filesystem::path dataHome() {
 
 }  // namespace
 
+std::filesystem::path dataFolderLocation() {
+    return dataHome() / "keyloft";
+}
+
 std::filesystem::path dataFolder() {
-    const auto folder = dataHome() / "keyloft";
+    const auto folder = dataFolderLocation();
     std::error_code error;
     std::filesystem::create_directories(folder.parent_path(), error);
     if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {

@@ -135,7 +135,15 @@ void Connection::execute(std::string_view sql) const {
 }
 
 void Connection::transaction(const std::function<void()>& work) const {
-    execute("BEGIN IMMEDIATE");
+    runInTransaction("BEGIN IMMEDIATE", work);
+}
+
+void Connection::readTransaction(const std::function<void()>& work) const {
+    runInTransaction("BEGIN DEFERRED", work);
+}
+
+void Connection::runInTransaction(std::string_view begin, const std::function<void()>& work) const {
+    execute(begin);
     try {
         work();
         execute("COMMIT");
@@ -143,6 +151,12 @@ void Connection::transaction(const std::function<void()>& work) const {
         sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         throw;
     }
+}
+
+std::int64_t Connection::dataVersion() const {
+    auto query = prepare("PRAGMA data_version");
+    if (!query.step()) fail(db_.get(), "cannot read the data version");
+    return query.integer(0);
 }
 
 }  // namespace keyloft::platform::sqlite

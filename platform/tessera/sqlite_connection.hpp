@@ -58,8 +58,14 @@ class Connection {
     void execute(std::string_view sql) const;
     // Runs the work in one write transaction, rolled back when the work throws.
     void transaction(const std::function<void()>& work) const;
+    // Runs the work in one read transaction: every query in it sees the same committed state.
+    void readTransaction(const std::function<void()>& work) const;
+    // Changes whenever another connection commits to the database.
+    std::int64_t dataVersion() const;
 
   private:
+    void runInTransaction(std::string_view begin, const std::function<void()>& work) const;
+
     struct Closer {
         void operator()(sqlite3* db) const { sqlite3_close(db); }
     };

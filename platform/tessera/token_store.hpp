@@ -34,6 +34,7 @@ class TesseraTokenConfiguration {
 
   private:
     friend class TesseraTokenDriverConfiguration;
+    friend class TesseraTokenWatcher;
     TesseraTokenConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver,
                               std::string instance)
         : db_(std::move(db)), driver_(std::move(driver)), instance_(std::move(instance)) {}
