@@ -1,5 +1,6 @@
 #include "keys/key_handle.hpp"
 
+#include "keyloft/error.hpp"
 #include "platform/crypto/digest.hpp"
 
 namespace keyloft::keys {
@@ -25,6 +26,25 @@ Bytes KeyHandle::applicationLabel() const {
 Bytes KeyHandle::sign(platform::SignatureAlgorithm algorithm, ByteView message) const {
     return softwareKey() != nullptr ? softwareKey()->sign(algorithm, message)
                                     : processorKey()->sign(algorithm, message);
+}
+
+platform::SecretBytes KeyHandle::agree(ByteView peerPoint) const {
+    return softwareKey() != nullptr ? softwareKey()->agree(peerPoint)
+                                    : processorKey()->agree(peerPoint);
+}
+
+const platform::SoftwareKey& KeyHandle::rsaKey() const {
+    if (softwareKey() == nullptr) throw PlatformError("the key processor holds no RSA keys");
+    return *softwareKey();
+}
+
+Bytes KeyHandle::signRsaPss(ByteView digest, const platform::RsaPssParameters& parameters) const {
+    return rsaKey().signRsaPss(digest, parameters);
+}
+
+platform::SecretBytes KeyHandle::decryptRsaOaep(
+    ByteView ciphertext, const platform::RsaOaepParameters& parameters) const {
+    return rsaKey().decryptRsaOaep(ciphertext, parameters);
 }
 
 }  // namespace keyloft::keys

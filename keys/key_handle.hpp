@@ -22,6 +22,12 @@ class KeyHandle {
     // The application label: SHA-1 of the public key's external representation.
     Bytes applicationLabel() const;
     Bytes sign(platform::SignatureAlgorithm algorithm, ByteView message) const;
+    // ECDH with a peer's uncompressed point: the shared x-coordinate.
+    platform::SecretBytes agree(ByteView peerPoint) const;
+    // RSA keys, which are always software keys; PlatformError for a processor key.
+    Bytes signRsaPss(ByteView digest, const platform::RsaPssParameters& parameters) const;
+    platform::SecretBytes decryptRsaOaep(ByteView ciphertext,
+                                         const platform::RsaOaepParameters& parameters) const;
 
     const platform::SoftwareKey* softwareKey() const {
         return std::get_if<platform::SoftwareKey>(&key_);
@@ -29,6 +35,8 @@ class KeyHandle {
     const platform::ProcessorKey* processorKey() const;
 
   private:
+    const platform::SoftwareKey& rsaKey() const;
+
     std::variant<platform::SoftwareKey, std::unique_ptr<platform::ProcessorKey>> key_;
 };
 

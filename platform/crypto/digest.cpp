@@ -1,5 +1,7 @@
 #include "platform/crypto/digest.hpp"
 
+#include "platform/crypto/message_digest.hpp"
+
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -19,6 +21,30 @@ Bytes digest(const EVP_MD* md, ByteView data) {
 }
 
 }  // namespace
+
+const EVP_MD* messageDigest(DigestAlgorithm algorithm) {
+    switch (algorithm) {
+        case DigestAlgorithm::sha1:
+            return EVP_sha1();
+        case DigestAlgorithm::sha224:
+            return EVP_sha224();
+        case DigestAlgorithm::sha256:
+            return EVP_sha256();
+        case DigestAlgorithm::sha384:
+            return EVP_sha384();
+        case DigestAlgorithm::sha512:
+            return EVP_sha512();
+    }
+    throw PlatformError("unknown digest algorithm");
+}
+
+Bytes digest(DigestAlgorithm algorithm, ByteView data) {
+    return digest(messageDigest(algorithm), data);
+}
+
+std::size_t digestSize(DigestAlgorithm algorithm) {
+    return static_cast<std::size_t>(EVP_MD_get_size(messageDigest(algorithm)));
+}
 
 Bytes sha1(ByteView data) {
     return digest(EVP_sha1(), data);

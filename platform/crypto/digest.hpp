@@ -4,6 +4,11 @@
 
 namespace keyloft::platform {
 
+enum class DigestAlgorithm { sha1, sha224, sha256, sha384, sha512 };
+
+Bytes digest(DigestAlgorithm algorithm, ByteView data);
+std::size_t digestSize(DigestAlgorithm algorithm);
+
 Bytes sha1(ByteView data);
 Bytes sha256(ByteView data);
 Bytes sha384(ByteView data);

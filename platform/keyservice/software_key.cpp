@@ -6,8 +6,11 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <limits>
+
 #include "keyloft/error.hpp"
 #include "platform/crypto/digest.hpp"
+#include "platform/crypto/message_digest.hpp"
 
 namespace keyloft::platform {
 namespace {
@@ -50,7 +53,7 @@ Bytes encodedPublicPoint(EVP_PKEY* key) {
 
 struct AlgorithmUse {
     std::string_view keyType;
-    const EVP_MD* digest;
+    const EVP_MD* digest;  // nullptr: the input is already the digest
 };
 
 AlgorithmUse useOf(SignatureAlgorithm algorithm) {
@@ -59,6 +62,10 @@ AlgorithmUse useOf(SignatureAlgorithm algorithm) {
             return {keyTypeEC, EVP_sha384()};
         case SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384:
             return {keyTypeRSA, EVP_sha384()};
+        case SignatureAlgorithm::ecdsaSignatureDigestX962:
+            return {keyTypeEC, nullptr};
+        case SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw:
+            return {keyTypeRSA, nullptr};
     }
     throw PlatformError("unknown signature algorithm");
 }
@@ -71,6 +78,33 @@ bool onSupportedCurve(EVP_PKEY* key) {
            EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, name, sizeof name,
                                           nullptr) == 1 &&
            OBJ_txt2nid(name) == EC_curve_nist2nid(expected);
+}
+
+// EVP_PKEY_sign over input that is already a digest, after configure(context) set the scheme.
+template <class Configure>
+Bytes signDigest(EVP_PKEY* key, ByteView digest, Configure configure) {
+    openssl::PkeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key, nullptr));
+    std::size_t size = 0;
+    if (!context || EVP_PKEY_sign_init(context.get()) != 1 || !configure(context.get()) ||
+        EVP_PKEY_sign(context.get(), nullptr, &size, digest.data(), digest.size()) != 1) {
+        throw PlatformError("signing failed");
+    }
+    Bytes signature(size);
+    if (EVP_PKEY_sign(context.get(), signature.data(), &size, digest.data(), digest.size()) != 1)
+        throw PlatformError("signing failed");
+    signature.resize(size);
+    return signature;
+}
+
+// OpenSSL takes ownership of the label, so it gets its own copy.
+bool setOaepLabel(EVP_PKEY_CTX* context, ByteView label) {
+    if (label.empty()) return true;
+    void* copy = OPENSSL_memdup(label.data(), label.size());
+    if (copy == nullptr) return false;
+    if (EVP_PKEY_CTX_set0_rsa_oaep_label(context, copy, static_cast<int>(label.size())) == 1)
+        return true;
+    OPENSSL_free(copy);
+    return false;
 }
 
 template <class Encoder>
@@ -235,6 +269,12 @@ bool SoftwareKey::supports(SignatureAlgorithm algorithm) const {
 
 Bytes SoftwareKey::sign(SignatureAlgorithm algorithm, ByteView message) const {
     if (!supports(algorithm)) throw PlatformError("algorithm not supported by the key");
+    if (useOf(algorithm).digest == nullptr) {
+        return signDigest(key_.get(), message, [&](EVP_PKEY_CTX* context) {
+            return keyType_ != keyTypeRSA ||
+                   EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PADDING) == 1;
+        });
+    }
     openssl::MdContext context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* parameters = nullptr;
     std::size_t size = 0;
@@ -253,6 +293,45 @@ Bytes SoftwareKey::sign(SignatureAlgorithm algorithm, ByteView message) const {
     }
     signature.resize(size);
     return signature;
+}
+
+Bytes SoftwareKey::signRsaPss(ByteView digest, const RsaPssParameters& parameters) const {
+    if (keyType_ != keyTypeRSA) throw PlatformError("RSA-PSS needs an RSA key");
+    if (digest.size() != digestSize(parameters.hash))
+        throw PlatformError("the digest does not match its algorithm");
+    // OpenSSL reads negative salt lengths as special values; a length that large fits no key.
+    if (parameters.saltLength > static_cast<std::size_t>(std::numeric_limits<int>::max()))
+        throw PlatformError("the salt does not fit the key");
+    return signDigest(key_.get(), digest, [&](EVP_PKEY_CTX* context) {
+        return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
+               EVP_PKEY_CTX_set_signature_md(context, messageDigest(parameters.hash)) == 1 &&
+               EVP_PKEY_CTX_set_rsa_mgf1_md(context, messageDigest(parameters.mgf1Hash)) == 1 &&
+               EVP_PKEY_CTX_set_rsa_pss_saltlen(context, static_cast<int>(parameters.saltLength)) ==
+                   1;
+    });
+}
+
+SecretBytes SoftwareKey::decryptRsaOaep(ByteView ciphertext,
+                                        const RsaOaepParameters& parameters) const {
+    if (keyType_ != keyTypeRSA) throw PlatformError("RSA-OAEP needs an RSA key");
+    openssl::PkeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key_.get(), nullptr));
+    std::size_t size = 0;
+    if (!context || EVP_PKEY_decrypt_init(context.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) != 1 ||
+        EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), messageDigest(parameters.hash)) != 1 ||
+        EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), messageDigest(parameters.mgf1Hash)) != 1 ||
+        !setOaepLabel(context.get(), parameters.label) ||
+        EVP_PKEY_decrypt(context.get(), nullptr, &size, ciphertext.data(), ciphertext.size()) !=
+            1) {
+        throw PlatformError("decryption failed");
+    }
+    SecretBytes plaintext(size);
+    if (EVP_PKEY_decrypt(context.get(), plaintext.data(), &size, ciphertext.data(),
+                         ciphertext.size()) != 1) {
+        throw PlatformError("decryption failed");
+    }
+    plaintext.resize(size);
+    return plaintext;
 }
 
 SecretBytes SoftwareKey::agree(ByteView peerPoint) const {

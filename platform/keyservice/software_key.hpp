@@ -7,6 +7,7 @@
 #include "platform/crypto/key_types.hpp"
 #include "platform/crypto/openssl_handles.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/keyservice/rsa_parameters.hpp"
 #include "platform/keyservice/signature_algorithm.hpp"
 
 namespace keyloft::platform {
@@ -41,6 +42,12 @@ class SoftwareKey {
     Bytes sign(SignatureAlgorithm algorithm, ByteView message) const;
     // ECDH with a peer's uncompressed point on the same curve: the shared x-coordinate.
     SecretBytes agree(ByteView peerPoint) const;
+
+    // RSA keys only; PlatformError for other keys, a digest of the wrong size, or parameters the
+    // key cannot take.
+    Bytes signRsaPss(ByteView digest, const RsaPssParameters& parameters) const;
+    // RSA keys only. Any failure is the same PlatformError, telling nothing of the padding.
+    SecretBytes decryptRsaOaep(ByteView ciphertext, const RsaOaepParameters& parameters) const;
 
     EVP_PKEY* handle() const { return key_.get(); }
 

@@ -1,0 +1,13 @@
+#include "der/digest_info.hpp"
+
+#include "der/ber_tlv_record.hpp"
+#include "der/object_identifiers.hpp"
+
+namespace keyloft::der {
+
+Bytes encodeDigestInfo(ByteView hashOid, ByteView digest) {
+    return encode(sequenceRecord(
+        {sequenceRecord({oidRecord(hashOid), nullRecord()}), octetStringRecord(digest)}));
+}
+
+}  // namespace keyloft::der

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <openssl/types.h>
+
+#include "platform/crypto/digest.hpp"
+
+namespace keyloft::platform {
+
+// OpenSSL's description of the digest, for the key service's own use.
+const EVP_MD* messageDigest(DigestAlgorithm algorithm);
+
+}  // namespace keyloft::platform
