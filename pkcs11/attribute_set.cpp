@@ -1,0 +1,66 @@
+#include "pkcs11/attribute_set.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/crypto/secret.hpp"
+
+namespace keyloft::pkcs11 {
+
+Bytes ulongValue(CK_ULONG value) {
+    Bytes bytes(sizeof value);
+    std::memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
+
+Bytes boolValue(bool value) {
+    return {static_cast<std::uint8_t>(value ? CK_TRUE : CK_FALSE)};
+}
+
+AttributeSet::~AttributeSet() {
+    for (auto& [type, value] : values_) {
+        if (value) platform::wipe(value->data(), value->size());
+    }
+}
+
+const Bytes* AttributeSet::find(CK_ATTRIBUTE_TYPE type) const {
+    const auto found = values_.find(type);
+    if (found == values_.end() || !found->second) return nullptr;
+    return &*found->second;
+}
+
+bool AttributeSet::matches(std::span<const CK_ATTRIBUTE> searchTemplate) const {
+    return std::all_of(searchTemplate.begin(), searchTemplate.end(), [&](const CK_ATTRIBUTE& a) {
+        const Bytes* value = find(a.type);
+        if (value == nullptr || value->size() != a.ulValueLen) return false;
+        return value->empty() ||
+               (a.pValue != nullptr && std::memcmp(value->data(), a.pValue, value->size()) == 0);
+    });
+}
+
+CK_RV AttributeSet::copyInto(std::span<CK_ATTRIBUTE> request) const {
+    // Every attribute is answered even after a failure; the last failure is the one reported.
+    CK_RV rv = CKR_OK;
+    for (auto& attribute : request) {
+        const auto found = values_.find(attribute.type);
+        if (found == values_.end()) {
+            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            rv = CKR_ATTRIBUTE_TYPE_INVALID;
+        } else if (!found->second) {
+            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            rv = CKR_ATTRIBUTE_SENSITIVE;
+        } else if (attribute.pValue == nullptr) {
+            attribute.ulValueLen = found->second->size();
+        } else if (attribute.ulValueLen < found->second->size()) {
+            attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
+            rv = CKR_BUFFER_TOO_SMALL;
+        } else {
+            std::copy(found->second->begin(), found->second->end(),
+                      static_cast<std::uint8_t*>(attribute.pValue));
+            attribute.ulValueLen = found->second->size();
+        }
+    }
+    return rv;
+}
+
+}  // namespace keyloft::pkcs11

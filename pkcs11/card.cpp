@@ -1,0 +1,48 @@
+#include "pkcs11/card.hpp"
+
+#include "keys/key_access.hpp"
+
+namespace keyloft::pkcs11 {
+
+void Card::checkSlot(CK_SLOT_ID slot) {
+    if (slot != slotID) throw CryptokiError(CKR_SLOT_ID_INVALID);
+}
+
+CK_SESSION_HANDLE Card::openSession(CK_FLAGS flags) {
+    const CK_SESSION_HANDLE handle = nextSession_++;
+    sessions_.emplace(handle, Session{.flags = flags});
+    return handle;
+}
+
+Session& Card::session(CK_SESSION_HANDLE handle) {
+    const auto found = sessions_.find(handle);
+    if (found == sessions_.end()) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
+    return found->second;
+}
+
+void Card::closeSession(CK_SESSION_HANDLE handle) {
+    if (sessions_.erase(handle) == 0) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
+    objects_.dropSessionObjects(handle);
+    // Logging in is the application's state; it ends with its last session.
+    if (sessions_.empty()) loggedIn_ = false;
+}
+
+void Card::closeAllSessions() {
+    for (const auto& [handle, session] : sessions_) objects_.dropSessionObjects(handle);
+    sessions_.clear();
+    loggedIn_ = false;
+}
+
+const TokenObject& Card::key(CK_OBJECT_HANDLE handle) const {
+    const TokenObject* object = objects_.find(handle);
+    if (object == nullptr || !object->key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
+    return *object;
+}
+
+keys::KeyHandle Card::privateKey(const KeyFacts& key) const {
+    const keys::KeyStorage* stored = objects_.storedKey(key);
+    if (stored == nullptr) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
+    return keys::keyHandle(*stored, std::make_shared<keys::AuthenticationContext>()).first;
+}
+
+}  // namespace keyloft::pkcs11

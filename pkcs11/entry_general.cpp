@@ -1,0 +1,213 @@
+// Entry points for the module, its slot, its token and sessions.
+#include <algorithm>
+
+#include "pkcs11/mechanisms.hpp"
+#include "pkcs11/module_state.hpp"
+#include "pkcs11/token_info.hpp"
+#include "platform/tessera/token_watcher.hpp"
+
+using namespace keyloft;
+using namespace keyloft::pkcs11;
+
+namespace {
+
+// The application's locking choices. The module always locks with its own mutex, which serves
+// both an application that asks for OS locking and one that gives no threading guarantees.
+CK_RV checkInitializeArguments(const CK_C_INITIALIZE_ARGS* args) {
+    if (args == nullptr) return CKR_OK;
+    if (args->pReserved != nullptr) return CKR_ARGUMENTS_BAD;
+    const int given = (args->CreateMutex != nullptr) + (args->DestroyMutex != nullptr) +
+                      (args->LockMutex != nullptr) + (args->UnlockMutex != nullptr);
+    if (given != 0 && given != 4) return CKR_ARGUMENTS_BAD;
+    // Only the application's own mutexes would be safe, and the module cannot use them.
+    if (given == 4 && (args->flags & CKF_OS_LOCKING_OK) == 0) return CKR_CANT_LOCK;
+    return CKR_OK;
+}
+
+}  // namespace
+
+extern "C" {
+
+CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
+    const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
+    if (rv != CKR_OK) return rv;
+    try {
+        auto& state = moduleState();
+        const std::lock_guard guard(state.lock);
+        if (state.card) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
+        std::shared_ptr<platform::TesseraTokenWatcher> watcher =
+            platform::TesseraTokenWatcher::userToken();
+        state.card = std::make_unique<Card>([watcher] { return watcher->changes(); });
+        return CKR_OK;
+    } catch (const std::bad_alloc&) {
+        return CKR_HOST_MEMORY;
+    } catch (const std::exception& error) {
+        platform::logError(std::string("PKCS#11 module cannot start: ") + error.what());
+        return CKR_GENERAL_ERROR;
+    }
+}
+
+CK_RV C_Finalize(CK_VOID_PTR pReserved) {
+    if (pReserved != nullptr) return CKR_ARGUMENTS_BAD;
+    auto& state = moduleState();
+    const std::lock_guard guard(state.lock);
+    if (!state.card) return CKR_CRYPTOKI_NOT_INITIALIZED;
+    state.card.reset();
+    return CKR_OK;
+}
+
+CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
+    return onCard([&](Card&) {
+        require(pInfo);
+        *pInfo = moduleInfo();
+    });
+}
+
+CK_RV C_GetSlotList(CK_BBOOL, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount) {
+    return onCard([&](Card&) {
+        require(pulCount);
+        // The token is always present, so both kinds of list hold the one slot.
+        const CK_ULONG offered = *pulCount;
+        *pulCount = 1;
+        if (pSlotList == nullptr) return;
+        if (offered < 1) throw CryptokiError(CKR_BUFFER_TOO_SMALL);
+        pSlotList[0] = Card::slotID;
+    });
+}
+
+CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
+    return onCard([&](Card&) {
+        Card::checkSlot(slotID);
+        require(pInfo);
+        *pInfo = slotInfo();
+    });
+}
+
+CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
+    return onCard([&](Card& card) {
+        Card::checkSlot(slotID);
+        require(pInfo);
+        *pInfo = tokenInfo(card.sessionCount());
+    });
+}
+
+CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList,
+                         CK_ULONG_PTR pulCount) {
+    return onCard([&](Card&) {
+        Card::checkSlot(slotID);
+        require(pulCount);
+        const auto all = mechanisms();
+        const CK_ULONG offered = *pulCount;
+        *pulCount = all.size();
+        if (pMechanismList == nullptr) return;
+        if (offered < all.size()) throw CryptokiError(CKR_BUFFER_TOO_SMALL);
+        std::transform(all.begin(), all.end(), pMechanismList,
+                       [](const Mechanism& mechanism) { return mechanism.type; });
+    });
+}
+
+CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo) {
+    return onCard([&](Card&) {
+        Card::checkSlot(slotID);
+        require(pInfo);
+        const Mechanism* mechanism = findMechanism(type);
+        if (mechanism == nullptr) throw CryptokiError(CKR_MECHANISM_INVALID);
+        *pInfo = mechanismInfo(*mechanism);
+    });
+}
+
+CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
+    return onCard([&](Card&) {
+        Card::checkSlot(slotID);
+        throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
+    });
+}
+
+CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG) {
+    return onCard([&](Card& card) {
+        card.session(hSession);
+        throw CryptokiError(CKR_SESSION_READ_ONLY);
+    });
+}
+
+CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
+    return onCard([&](Card& card) {
+        card.session(hSession);
+        throw CryptokiError(CKR_SESSION_READ_ONLY);
+    });
+}
+
+CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
+                    CK_SESSION_HANDLE_PTR phSession) {
+    return onCard([&](Card& card) {
+        Card::checkSlot(slotID);
+        require(phSession);
+        if ((flags & CKF_SERIAL_SESSION) == 0)
+            throw CryptokiError(CKR_SESSION_PARALLEL_NOT_SUPPORTED);
+        if ((flags & CKF_RW_SESSION) != 0) throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
+        *phSession = card.openSession(flags);
+    });
+}
+
+CK_RV C_CloseSession(CK_SESSION_HANDLE hSession) {
+    return onCard([&](Card& card) { card.closeSession(hSession); });
+}
+
+CK_RV C_CloseAllSessions(CK_SLOT_ID slotID) {
+    return onCard([&](Card& card) {
+        Card::checkSlot(slotID);
+        card.closeAllSessions();
+    });
+}
+
+CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
+    return onCard([&](Card& card) {
+        const Session& session = card.session(hSession);
+        require(pInfo);
+        pInfo->slotID = Card::slotID;
+        pInfo->state = card.loggedIn() ? CKS_RO_USER_FUNCTIONS : CKS_RO_PUBLIC_SESSION;
+        pInfo->flags = session.flags;
+        pInfo->ulDeviceError = 0;
+    });
+}
+
+CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin,
+              CK_ULONG ulPinLen) {
+    return onCard([&](Card& card) {
+        card.session(hSession);
+        arrayArgument(pPin, ulPinLen);
+        switch (userType) {
+            case CKU_USER:
+                // The token has no PIN: logging in changes nothing but the session state.
+                if (card.loggedIn()) throw CryptokiError(CKR_USER_ALREADY_LOGGED_IN);
+                card.setLoggedIn(true);
+                return;
+            case CKU_SO:
+                throw CryptokiError(CKR_SESSION_READ_ONLY_EXISTS);
+            case CKU_CONTEXT_SPECIFIC:
+                throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
+            default:
+                throw CryptokiError(CKR_USER_TYPE_INVALID);
+        }
+    });
+}
+
+CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
+    return onCard([&](Card& card) {
+        card.session(hSession);
+        if (!card.loggedIn()) throw CryptokiError(CKR_USER_NOT_LOGGED_IN);
+        card.setLoggedIn(false);
+    });
+}
+
+CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
+    return onCard([&](Card&) {
+        if (pReserved != nullptr) throw CryptokiError(CKR_ARGUMENTS_BAD);
+        require(pSlot);
+        // The token never leaves its slot.
+        if ((flags & CKF_DONT_BLOCK) != 0) throw CryptokiError(CKR_NO_EVENT);
+        throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,150 @@
+// Entry points for what the card does not do: verification, encryption and digests are the
+// application's own work on public data, and the card makes no keys.
+#include "pkcs11/module_state.hpp"
+
+using namespace keyloft::pkcs11;
+
+namespace {
+
+CK_RV unsupported() {
+    return onCard([](Card&) { throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED); });
+}
+
+CK_RV notParallel() {
+    return onCard([](Card&) { throw CryptokiError(CKR_FUNCTION_NOT_PARALLEL); });
+}
+
+}  // namespace
+
+extern "C" {
+
+CK_RV C_GetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_SetOperationState(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_OBJECT_HANDLE,
+                          CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_EncryptInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_Encrypt(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_EncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_EncryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DecryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DigestInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR) {
+    return unsupported();
+}
+
+CK_RV C_Digest(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+    return unsupported();
+}
+
+CK_RV C_DigestKey(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_SignRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_Verify(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) {
+    return unsupported();
+}
+
+CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+    return unsupported();
+}
+
+CK_RV C_VerifyFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
+    return unsupported();
+}
+
+CK_RV C_VerifyRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
+    return unsupported();
+}
+
+CK_RV C_VerifyRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DigestEncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DecryptDigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_SignEncryptUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_DecryptVerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_GenerateKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
+                    CK_OBJECT_HANDLE_PTR) {
+    return unsupported();
+}
+
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
+                        CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR) {
+    return unsupported();
+}
+
+CK_RV C_WrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_OBJECT_HANDLE,
+                CK_BYTE_PTR, CK_ULONG_PTR) {
+    return unsupported();
+}
+
+CK_RV C_UnwrapKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE, CK_BYTE_PTR, CK_ULONG,
+                  CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR) {
+    return unsupported();
+}
+
+CK_RV C_GetFunctionStatus(CK_SESSION_HANDLE) {
+    return notParallel();
+}
+
+CK_RV C_CancelFunction(CK_SESSION_HANDLE) {
+    return notParallel();
+}
+
+}  // extern "C"

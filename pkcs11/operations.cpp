@@ -1,0 +1,183 @@
+#include "pkcs11/operations.hpp"
+
+#include "der/ber_tlv_record.hpp"
+#include "der/digest_info.hpp"
+#include "der/ecdsa_signature.hpp"
+#include "der/object_identifiers.hpp"
+#include "keyloft/error.hpp"
+
+namespace keyloft::pkcs11 {
+namespace {
+
+using platform::DigestAlgorithm;
+
+std::size_t fieldSize(const KeyFacts& key) {
+    return (key.sizeInBits + 7) / 8;
+}
+
+// Parameters of type T, or none at all for a mechanism that takes none.
+template <class T>
+const T* parametersOf(const CK_MECHANISM& mechanism) {
+    if (mechanism.pParameter == nullptr || mechanism.ulParameterLen != sizeof(T))
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    return static_cast<const T*>(mechanism.pParameter);
+}
+
+void expectNoParameters(const CK_MECHANISM& mechanism) {
+    if (mechanism.pParameter != nullptr || mechanism.ulParameterLen != 0)
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+}
+
+// The key object must be a private key of the mechanism's key type that allows the usage.
+const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObject& key,
+                                  CK_ATTRIBUTE_TYPE usage) {
+    const Mechanism* found = findMechanism(mechanism.mechanism);
+    if (found == nullptr) throw CryptokiError(CKR_MECHANISM_INVALID);
+    if (!key.key || key.identity.objectClass != CKO_PRIVATE_KEY)
+        throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
+    if (keyTypeOf(found->scheme) != key.key->keyType)
+        throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
+    const CK_FLAGS needed = usage == CKA_SIGN      ? CKF_SIGN
+                            : usage == CKA_DECRYPT ? CKF_DECRYPT
+                                                   : CKF_DERIVE;
+    if ((mechanismInfo(*found).flags & needed) == 0) throw CryptokiError(CKR_MECHANISM_INVALID);
+    if (!key.allows(usage)) throw CryptokiError(CKR_KEY_FUNCTION_NOT_PERMITTED);
+    return *found;
+}
+
+// The facts of a key checked for the mechanism and usage.
+KeyFacts checkedKey(const CK_MECHANISM& mechanism, const TokenObject& key,
+                    CK_ATTRIBUTE_TYPE usage) {
+    checkedMechanism(mechanism, key, usage);
+    return *key.key;
+}
+
+DigestAlgorithm digestOrInvalid(std::optional<DigestAlgorithm> digest) {
+    if (!digest) throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    return *digest;
+}
+
+ByteView digestOid(DigestAlgorithm digest) {
+    switch (digest) {
+        case DigestAlgorithm::sha1:
+            return der::oid::idSha1;
+        case DigestAlgorithm::sha224:
+            return der::oid::idSha224;
+        case DigestAlgorithm::sha256:
+            return der::oid::idSha256;
+        case DigestAlgorithm::sha384:
+            return der::oid::idSha384;
+        case DigestAlgorithm::sha512:
+            return der::oid::idSha512;
+    }
+    throw CryptokiError(CKR_GENERAL_ERROR);
+}
+
+}  // namespace
+
+SignOperation::SignOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+    : mechanism_(&checkedMechanism(mechanism, key, CKA_SIGN)), key_(*key.key) {
+    if (mechanism_->scheme != Scheme::rsaPss) {
+        expectNoParameters(mechanism);
+        return;
+    }
+    const auto* pss = parametersOf<CK_RSA_PKCS_PSS_PARAMS>(mechanism);
+    const auto hash = digestOrInvalid(digestOfMechanism(pss->hashAlg));
+    const auto mgf = digestOrInvalid(digestOfMgf(pss->mgf));
+    // The hashed variants sign with the hash they name.
+    if (mechanism_->digest && *mechanism_->digest != hash)
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    const std::size_t encodedSize = (key_.sizeInBits - 1 + 7) / 8;
+    if (pss->sLen + platform::digestSize(hash) + 2 > encodedSize)
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    pss_ = platform::RsaPssParameters{hash, mgf, pss->sLen};
+}
+
+std::size_t SignOperation::signatureSize() const {
+    return key_.keyType == CKK_EC ? 2 * fieldSize(key_) : fieldSize(key_);
+}
+
+Bytes SignOperation::sign(const keys::KeyHandle& handle) const {
+    const Bytes input =
+        mechanism_->digest ? platform::digest(*mechanism_->digest, data_) : Bytes(data_);
+    switch (mechanism_->scheme) {
+        case Scheme::ecdsa: {
+            if (input.empty()) throw CryptokiError(CKR_DATA_LEN_RANGE);
+            const Bytes signature =
+                handle.sign(platform::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
+            auto raw = der::rawEcdsaSignature(signature, fieldSize(key_));
+            if (!raw) throw CryptokiError(CKR_FUNCTION_FAILED);
+            return std::move(*raw);
+        }
+        case Scheme::rsaPkcs1: {
+            const Bytes block = mechanism_->digest
+                                    ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
+                                    : input;
+            if (block.size() + 11 > fieldSize(key_)) throw CryptokiError(CKR_DATA_LEN_RANGE);
+            return handle.sign(platform::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
+        }
+        case Scheme::rsaPss:
+            if (input.size() != platform::digestSize(pss_->hash))
+                throw CryptokiError(CKR_DATA_LEN_RANGE);
+            return handle.signRsaPss(input, *pss_);
+        case Scheme::ecdh:
+        case Scheme::rsaOaep:
+            break;
+    }
+    throw CryptokiError(CKR_MECHANISM_INVALID);
+}
+
+DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+    : key_(checkedKey(mechanism, key, CKA_DECRYPT)) {
+    const auto* oaep = parametersOf<CK_RSA_PKCS_OAEP_PARAMS>(mechanism);
+    const bool hasLabel = oaep->ulSourceDataLen != 0;
+    if ((oaep->source != CKZ_DATA_SPECIFIED && (oaep->source != 0 || hasLabel)) ||
+        (hasLabel && oaep->pSourceData == nullptr)) {
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    }
+    const auto* label = static_cast<const std::uint8_t*>(oaep->pSourceData);
+    oaep_ = {digestOrInvalid(digestOfMechanism(oaep->hashAlg)),
+             digestOrInvalid(digestOfMgf(oaep->mgf)),
+             hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
+}
+
+platform::SecretBytes DecryptOperation::decrypt(const keys::KeyHandle& handle,
+                                                ByteView ciphertext) const {
+    if (ciphertext.size() != plaintextLimit()) throw CryptokiError(CKR_ENCRYPTED_DATA_LEN_RANGE);
+    try {
+        return handle.decryptRsaOaep(ciphertext, oaep_);
+    } catch (const PlatformError&) {
+        throw CryptokiError(CKR_ENCRYPTED_DATA_INVALID);
+    }
+}
+
+EcdhDerivation::EcdhDerivation(const CK_MECHANISM& mechanism, const TokenObject& key)
+    : key_(checkedKey(mechanism, key, CKA_DERIVE)) {
+    const auto* params = parametersOf<CK_ECDH1_DERIVE_PARAMS>(mechanism);
+    if (params->kdf != CKD_NULL || params->ulSharedDataLen != 0 || params->pPublicData == nullptr)
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    const ByteView given(params->pPublicData, params->ulPublicDataLen);
+    const std::size_t pointSize = 1 + 2 * fieldSize(key_);
+    if (given.size() == pointSize && given[0] == 0x04) {
+        peerPoint_.assign(given.begin(), given.end());
+        return;
+    }
+    // Applications also pass the point as CKA_EC_POINT holds it, inside an OCTET STRING.
+    const auto wrapped = der::parseRecord(given);
+    if (!wrapped || wrapped->tag() != der::tag::octetString ||
+        wrapped->bytes().size() != pointSize || wrapped->bytes()[0] != 0x04) {
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    }
+    peerPoint_ = wrapped->bytes();
+}
+
+platform::SecretBytes EcdhDerivation::derive(const keys::KeyHandle& handle) const {
+    try {
+        return handle.agree(peerPoint_);
+    } catch (const PlatformError&) {
+        // A point that is not on the key's curve.
+        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    }
+}
+
+}  // namespace keyloft::pkcs11

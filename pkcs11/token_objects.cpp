@@ -1,0 +1,208 @@
+#include "pkcs11/token_objects.hpp"
+
+#include <map>
+
+#include "der/ber_tlv_record.hpp"
+#include "der/object_identifiers.hpp"
+#include "keys/key_access.hpp"
+#include "pkcs11/mechanisms.hpp"
+#include "platform/crypto/key_types.hpp"
+#include "x509/certificate_fields.hpp"
+
+namespace keyloft::pkcs11 {
+namespace {
+
+// CK_CERTIFICATE_CATEGORY_UNSPECIFIED, which the header does not name.
+constexpr CK_ULONG certificateCategoryUnspecified = 0;
+
+Bytes textValue(const std::optional<std::string>& text) {
+    return text ? Bytes(text->begin(), text->end()) : Bytes{};
+}
+
+Bytes mechanismList(CK_KEY_TYPE keyType) {
+    const auto types = mechanismsFor(keyType);
+    const auto* first = reinterpret_cast<const std::uint8_t*>(types.data());
+    return Bytes(first, first + types.size() * sizeof(CK_MECHANISM_TYPE));
+}
+
+// Attributes every object here shares: token objects nobody can change through the module.
+AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
+                              const std::optional<std::string>& label) {
+    AttributeSet attributes;
+    attributes.setUlong(CKA_CLASS, objectClass);
+    attributes.setBool(CKA_TOKEN, true);
+    attributes.setBool(CKA_PRIVATE, false);
+    attributes.setBool(CKA_MODIFIABLE, false);
+    attributes.setBool(CKA_COPYABLE, false);
+    attributes.setBool(CKA_DESTROYABLE, false);
+    attributes.set(CKA_LABEL, textValue(label));
+    attributes.set(CKA_ID, Bytes(objectID.begin(), objectID.end()));
+    return attributes;
+}
+
+TokenObject certificateObject(const platform::TesseraTokenCertificateItem& item) {
+    auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, item.label);
+    attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
+    attributes.setBool(CKA_TRUSTED, false);
+    attributes.setUlong(CKA_CERTIFICATE_CATEGORY, certificateCategoryUnspecified);
+    attributes.set(CKA_VALUE, item.certificate);
+    attributes.set(CKA_START_DATE, {});
+    attributes.set(CKA_END_DATE, {});
+    const auto fields = x509::certificateFields(item.certificate);
+    attributes.set(CKA_SUBJECT, fields ? fields->subject : Bytes{});
+    attributes.set(CKA_ISSUER, fields ? fields->issuer : Bytes{});
+    attributes.set(CKA_SERIAL_NUMBER, fields ? fields->serialNumber : Bytes{});
+    return {{CKO_CERTIFICATE, item.objectID, 0}, std::move(attributes), std::nullopt};
+}
+
+struct RsaNumbers {
+    Bytes modulus;
+    Bytes exponent;
+};
+
+// Unsigned big-endian, without the sign byte DER may put in front.
+Bytes magnitude(const der::BerTlvRecord& integer) {
+    ByteView bytes(integer.bytes());
+    while (bytes.size() > 1 && bytes[0] == 0) bytes = bytes.subspan(1);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::optional<RsaNumbers> rsaNumbers(ByteView rsaPublicKey) {
+    const auto parsed = der::parseRecord(rsaPublicKey);
+    if (!parsed || parsed->tag() != der::tag::sequence) return std::nullopt;
+    const auto numbers = der::parseContents(parsed->bytes());
+    if (!numbers || numbers->size() != 2) return std::nullopt;
+    const auto& modulus = (*numbers)[0];
+    const auto& exponent = (*numbers)[1];
+    if (modulus.tag() != der::tag::integer || exponent.tag() != der::tag::integer)
+        return std::nullopt;
+    return RsaNumbers{magnitude(modulus), magnitude(exponent)};
+}
+
+// Attributes of the public key itself, shared by both key objects; false when the key cannot
+// be described.
+bool describeKey(const platform::TesseraTokenKeyItem& item, AttributeSet& attributes,
+                 CK_KEY_TYPE& keyType) {
+    if (!item.publicKeyData) return false;
+    if (item.keyType == platform::keyTypeEC) {
+        const ByteView curve = der::curveOidForSize(item.keySizeInBits);
+        if (curve.empty()) return false;
+        keyType = CKK_EC;
+        attributes.set(CKA_EC_PARAMS, der::encode(der::oidRecord(curve)));
+        return true;
+    }
+    if (item.keyType == platform::keyTypeRSA) {
+        const auto numbers = rsaNumbers(*item.publicKeyData);
+        if (!numbers) return false;
+        keyType = CKK_RSA;
+        attributes.set(CKA_MODULUS, numbers->modulus);
+        attributes.set(CKA_PUBLIC_EXPONENT, numbers->exponent);
+        return true;
+    }
+    return false;
+}
+
+struct Capabilities {
+    bool sign;
+    bool decrypt;
+    bool derive;
+};
+
+// Unset flags take the defaults the tool itself writes for the key type.
+Capabilities capabilitiesOf(const platform::TesseraTokenKeyItem& item, CK_KEY_TYPE keyType) {
+    return {item.canSign.value_or(true), item.canDecrypt.value_or(keyType == CKK_RSA),
+            item.canPerformKeyExchange.value_or(keyType == CKK_EC)};
+}
+
+void appendKeyObjects(const platform::TesseraTokenKeyItem& item,
+                      const keys::StoredKeyMap& storedKeys, std::vector<TokenObject>& objects) {
+    AttributeSet keyAttributes;
+    CK_KEY_TYPE keyType = 0;
+    if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
+    const auto fields = x509::certificateFields(item.certificate);
+    const Capabilities can = capabilitiesOf(item, keyType);
+    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash};
+
+    auto shared = [&](CK_OBJECT_CLASS objectClass) {
+        auto attributes = commonAttributes(objectClass, item.objectID, item.label);
+        attributes.setUlong(CKA_KEY_TYPE, keyType);
+        attributes.set(CKA_SUBJECT, fields ? fields->subject : Bytes{});
+        attributes.set(CKA_PUBLIC_KEY_INFO, fields ? fields->subjectPublicKeyInfo : Bytes{});
+        attributes.set(CKA_START_DATE, {});
+        attributes.set(CKA_END_DATE, {});
+        attributes.setBool(CKA_DERIVE, can.derive);
+        attributes.set(CKA_ALLOWED_MECHANISMS, mechanismList(keyType));
+        for (const auto type : {CKA_EC_PARAMS, CKA_MODULUS, CKA_PUBLIC_EXPONENT}) {
+            if (const Bytes* value = keyAttributes.find(type)) attributes.set(type, *value);
+        }
+        return attributes;
+    };
+
+    auto publicKey = shared(CKO_PUBLIC_KEY);
+    publicKey.setBool(CKA_VERIFY, can.sign);
+    publicKey.setBool(CKA_ENCRYPT, can.decrypt);
+    publicKey.setBool(CKA_VERIFY_RECOVER, false);
+    publicKey.setBool(CKA_WRAP, false);
+    publicKey.setBool(CKA_TRUSTED, false);
+    publicKey.setBool(CKA_LOCAL, false);
+    publicKey.setUlong(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
+    if (keyType == CKK_EC) {
+        publicKey.set(CKA_EC_POINT, der::encode(der::octetStringRecord(*item.publicKeyData)));
+    } else {
+        publicKey.setUlong(CKA_MODULUS_BITS, facts.sizeInBits);
+    }
+    objects.push_back({{CKO_PUBLIC_KEY, item.objectID, 0}, std::move(publicKey), facts});
+
+    const auto stored = storedKeys.find(*item.publicKeyHash);
+    if (stored == storedKeys.end()) return;
+    // A key bound to the key processor was made there and can never leave it; a wrapped key
+    // can be exported by the tool, and may have been imported.
+    const bool bound = !keys::protectionOf(stored->second).exportable;
+    auto privateKey = shared(CKO_PRIVATE_KEY);
+    privateKey.setBool(CKA_SIGN, can.sign);
+    privateKey.setBool(CKA_DECRYPT, can.decrypt);
+    privateKey.setBool(CKA_SIGN_RECOVER, false);
+    privateKey.setBool(CKA_UNWRAP, false);
+    privateKey.setBool(CKA_SENSITIVE, true);
+    privateKey.setBool(CKA_EXTRACTABLE, false);
+    privateKey.setBool(CKA_ALWAYS_SENSITIVE, bound);
+    privateKey.setBool(CKA_NEVER_EXTRACTABLE, bound);
+    privateKey.setBool(CKA_WRAP_WITH_TRUSTED, false);
+    privateKey.setBool(CKA_ALWAYS_AUTHENTICATE, false);
+    privateKey.setBool(CKA_LOCAL, bound);
+    privateKey.setUlong(CKA_KEY_GEN_MECHANISM,
+                        bound ? CKM_EC_KEY_PAIR_GEN : CK_UNAVAILABLE_INFORMATION);
+    for (const auto type : {CKA_VALUE, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2,
+                            CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT}) {
+        privateKey.setSensitive(type);
+    }
+    objects.push_back({{CKO_PRIVATE_KEY, item.objectID, 0}, std::move(privateKey), facts});
+}
+
+}  // namespace
+
+bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
+    const Bytes* value = attributes.find(usage);
+    return value != nullptr && value->size() == 1 && (*value)[0] == CK_TRUE;
+}
+
+std::vector<TokenObject> tokenObjects(const platform::TesseraTokenItems& items,
+                                      const keys::StoredKeyMap& storedKeys) {
+    std::vector<TokenObject> objects;
+    for (const auto& item : items) {
+        if (const auto* certificate = std::get_if<platform::TesseraTokenCertificateItem>(&item)) {
+            objects.push_back(certificateObject(*certificate));
+        } else {
+            appendKeyObjects(std::get<platform::TesseraTokenKeyItem>(item), storedKeys, objects);
+        }
+    }
+    // Objects of one class may share an id; their order in the list tells them apart.
+    std::map<std::pair<CK_OBJECT_CLASS, Bytes>, std::size_t> seen;
+    for (auto& object : objects) {
+        object.identity.occurrence =
+            seen[{object.identity.objectClass, object.identity.objectID}]++;
+    }
+    return objects;
+}
+
+}  // namespace keyloft::pkcs11
