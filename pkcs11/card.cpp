@@ -39,10 +39,23 @@ const TokenObject& Card::key(CK_OBJECT_HANDLE handle) const {
     return *object;
 }
 
-keys::KeyHandle Card::privateKey(const KeyFacts& key) const {
+std::shared_ptr<const keys::KeyHandle> Card::privateKey(Session& session,
+                                                        const KeyFacts& key) const {
     const keys::KeyStorage* stored = objects_.storedKey(key);
     if (stored == nullptr) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
-    return keys::keyHandle(*stored, std::make_shared<keys::AuthenticationContext>()).first;
+    auto reach = [&] {
+        return std::make_shared<const keys::KeyHandle>(
+            keys::keyHandle(*stored, std::make_shared<keys::AuthenticationContext>()).first);
+    };
+    if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on)
+        return reach();
+    // Unwrapping costs more than the signature itself; a session that signs again reuses the
+    // key, unless the tool replaced it since.
+    const auto kept = session.keys.find(key.publicKeyHash);
+    if (kept != session.keys.end() && kept->second.storage == *stored) return kept->second.handle;
+    auto handle = reach();
+    session.keys.insert_or_assign(key.publicKeyHash, SessionKey{*stored, handle});
+    return handle;
 }
 
 }  // namespace keyloft::pkcs11

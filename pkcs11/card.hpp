@@ -32,10 +32,11 @@ class Card {
 
     // A key object of the session's reach; throws CKR_KEY_HANDLE_INVALID.
     const TokenObject& key(CK_OBJECT_HANDLE handle) const;
-    // The private key behind a key object, reached with a fresh authentication context, so that
-    // a protected key asks for presence at each operation. Throws CKR_KEY_HANDLE_INVALID when
-    // its stored key has gone.
-    keys::KeyHandle privateKey(const KeyFacts& key) const;
+    // The private key behind a key object. A key without biometry protection is reached once per
+    // session and kept with it; a protected one is reached for each operation with a fresh
+    // authentication context, so that it asks for presence every time. Throws
+    // CKR_KEY_HANDLE_INVALID when its stored key has gone.
+    std::shared_ptr<const keys::KeyHandle> privateKey(Session& session, const KeyFacts& key) const;
 
   private:
     ObjectStore objects_;

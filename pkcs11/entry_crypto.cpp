@@ -25,10 +25,10 @@ void stepOf(std::optional<Operation>& operation, Step&& step) {
 }
 
 // The signature, written when the caller's buffer takes it; true when the operation is done.
-bool finishSigning(const Card& card, SignOperation& operation, CK_BYTE_PTR pSignature,
-                   CK_ULONG_PTR pulSignatureLen) {
+bool finishSigning(const Card& card, Session& session, SignOperation& operation,
+                   CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
     if (!roomFor(operation.signatureSize(), pSignature, pulSignatureLen)) return false;
-    const Bytes signature = operation.sign(card.privateKey(operation.key()));
+    const Bytes signature = operation.sign(*card.privateKey(session, operation.key()));
     deliver(signature, pSignature, pulSignatureLen);
     return true;
 }
@@ -54,13 +54,14 @@ CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJ
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
              CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
     return onCard([&](Card& card) {
-        stepOf(card.session(hSession).signing, [&](SignOperation& operation) {
+        Session& session = card.session(hSession);
+        stepOf(session.signing, [&](SignOperation& operation) {
             const auto data = arrayArgument(pData, ulDataLen);
             require(pulSignatureLen);
             // The data joins the operation only for the call that signs.
             SignOperation whole = operation;
             whole.update(data);
-            return finishSigning(card, whole, pSignature, pulSignatureLen);
+            return finishSigning(card, session, whole, pSignature, pulSignatureLen);
         });
     });
 }
@@ -77,8 +78,9 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
                   CK_ULONG_PTR pulSignatureLen) {
     return onCard([&](Card& card) {
-        stepOf(card.session(hSession).signing, [&](SignOperation& operation) {
-            return finishSigning(card, operation, pSignature, pulSignatureLen);
+        Session& session = card.session(hSession);
+        stepOf(session.signing, [&](SignOperation& operation) {
+            return finishSigning(card, session, operation, pSignature, pulSignatureLen);
         });
     });
 }
@@ -93,7 +95,8 @@ CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen,
                 CK_BYTE_PTR pData, CK_ULONG_PTR pulDataLen) {
     return onCard([&](Card& card) {
-        stepOf(card.session(hSession).decrypting, [&](DecryptOperation& operation) {
+        Session& session = card.session(hSession);
+        stepOf(session.decrypting, [&](DecryptOperation& operation) {
             const auto ciphertext = arrayArgument(pEncryptedData, ulEncryptedDataLen);
             require(pulDataLen);
             // Without a buffer the caller learns the most the plaintext can take.
@@ -101,7 +104,8 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
                 *pulDataLen = operation.plaintextLimit();
                 return false;
             }
-            const auto plaintext = operation.decrypt(card.privateKey(operation.key()), ciphertext);
+            const auto plaintext =
+                operation.decrypt(*card.privateKey(session, operation.key()), ciphertext);
             roomFor(plaintext.size(), pData, pulDataLen);
             deliver(plaintext, pData, pulDataLen);
             return true;
@@ -113,12 +117,12 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                   CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount,
                   CK_OBJECT_HANDLE_PTR phKey) {
     return onCard([&](Card& card) {
-        card.session(hSession);
+        Session& session = card.session(hSession);
         require(pMechanism);
         require(phKey);
         const auto keyTemplate = arrayArgument(pTemplate, ulAttributeCount);
         const EcdhDerivation derivation(*pMechanism, card.key(hBaseKey));
-        const auto secret = derivation.derive(card.privateKey(derivation.key()));
+        const auto secret = derivation.derive(*card.privateKey(session, derivation.key()));
         *phKey =
             card.objects().addSessionObject(hSession, derivedSecretObject(secret, keyTemplate));
     });

@@ -1,11 +1,21 @@
 #pragma once
 
+#include <map>
+#include <memory>
 #include <optional>
 #include <vector>
+
+#include "keys/stored_key_records.hpp"
 
 #include "pkcs11/operations.hpp"
 
 namespace keyloft::pkcs11 {
+
+// A private key the session reached, kept while its stored key stays the same.
+struct SessionKey {
+    keys::KeyStorage storage;
+    std::shared_ptr<const keys::KeyHandle> handle;
+};
 
 // One application session and the operations it has started.
 struct Session {
@@ -14,6 +24,7 @@ struct Session {
     std::size_t searchPosition = 0;
     std::optional<SignOperation> signing;
     std::optional<DecryptOperation> decrypting;
+    std::map<Bytes, SessionKey> keys;  // by public-key hash
 };
 
 }  // namespace keyloft::pkcs11

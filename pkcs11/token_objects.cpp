@@ -102,6 +102,16 @@ bool describeKey(const platform::TesseraTokenKeyItem& item, AttributeSet& attrib
     return false;
 }
 
+TokenObject keyObject(CK_OBJECT_CLASS objectClass, const Bytes& objectID, AttributeSet attributes,
+                      const KeyFacts& facts) {
+    TokenObject object;
+    object.identity.objectClass = objectClass;
+    object.identity.objectID = objectID;
+    object.attributes = std::move(attributes);
+    object.key = facts;
+    return object;
+}
+
 struct Capabilities {
     bool sign;
     bool decrypt;
@@ -151,7 +161,7 @@ void appendKeyObjects(const platform::TesseraTokenKeyItem& item,
     } else {
         publicKey.setUlong(CKA_MODULUS_BITS, facts.sizeInBits);
     }
-    objects.push_back({{CKO_PUBLIC_KEY, item.objectID, 0}, std::move(publicKey), facts});
+    objects.push_back(keyObject(CKO_PUBLIC_KEY, item.objectID, std::move(publicKey), facts));
 
     const auto stored = storedKeys.find(*item.publicKeyHash);
     if (stored == storedKeys.end()) return;
@@ -176,7 +186,7 @@ void appendKeyObjects(const platform::TesseraTokenKeyItem& item,
                             CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT}) {
         privateKey.setSensitive(type);
     }
-    objects.push_back({{CKO_PRIVATE_KEY, item.objectID, 0}, std::move(privateKey), facts});
+    objects.push_back(keyObject(CKO_PRIVATE_KEY, item.objectID, std::move(privateKey), facts));
 }
 
 }  // namespace

@@ -13,9 +13,9 @@ namespace keyloft::pkcs11 {
 
 // Names an object across re-reads of the item list, so that its handle survives them.
 struct ObjectIdentity {
-    CK_OBJECT_CLASS objectClass;
+    CK_OBJECT_CLASS objectClass = 0;
     Bytes objectID;
-    std::size_t occurrence;  // among objects of the same class and id, in item order
+    std::size_t occurrence = 0;  // among objects of the same class and id, in item order
 
     auto operator<=>(const ObjectIdentity&) const = default;
 };
