@@ -13,6 +13,10 @@ import pytest
 KEYLOFT = os.environ.get("KEYLOFT") or str(
     pathlib.Path(__file__).resolve().parents[2] / "build" / "keyloft")
 PAM_CONFDIR = os.environ.get("KEYLOFT_TEST_PAM_CONFDIR", "")
+PKCS11_MODULE = os.environ.get("KEYLOFT_PKCS11") or str(
+    pathlib.Path(__file__).resolve().parents[2] / "build" / "pkcs11" / "libkeyloft-pkcs11.so")
+# What an instrumented module needs preloaded (an LD_PRELOAD list) into programs that are not.
+PKCS11_PRELOAD = os.environ.get("KEYLOFT_PKCS11_PRELOAD", "")
 
 
 class Card:
@@ -69,6 +73,24 @@ class Card:
 
     def out(self, *args, **kwargs):
         return self.run(*args, **kwargs).stdout
+
+    def client_env(self, **extra):
+        """The environment of a program that loads the PKCS#11 module; the host program's own
+        leaks are not the module's, so leak checking is off there."""
+        if PKCS11_PRELOAD:
+            asan = os.environ.get("ASAN_OPTIONS", "")
+            extra = dict(LD_PRELOAD=PKCS11_PRELOAD,
+                         ASAN_OPTIONS=f"{asan}:detect_leaks=0" if asan else "detect_leaks=0",
+                         **extra)
+        return self.env(**extra)
+
+    def client(self, *args, check=True, stdin=None, **env):
+        """Runs a program that loads the PKCS#11 module; returns the CompletedProcess."""
+        result = subprocess.run(args, input=stdin, capture_output=True, text=True,
+                                errors="replace", cwd=self.home, env=self.client_env(**env),
+                                timeout=120, start_new_session=True)
+        assert not check or result.returncode == 0, f"{args}\n{result.stdout}\n{result.stderr}"
+        return result
 
     def db(self):
         return sqlite3.connect(f"file:{self.db_path}?mode=ro", uri=True)

@@ -2,6 +2,7 @@
 import datetime
 import hashlib
 import plistlib
+import subprocess
 
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
@@ -45,6 +46,17 @@ def make_certificate(key, common_name="Test", email=None, days=365, issuer_key=N
 
 def der(certificate):
     return certificate.public_bytes(serialization.Encoding.DER)
+
+
+def openssl_file(folder, name, key, certificate, password, legacy):
+    """A PKCS#12 file made by the openssl command from the key and certificate."""
+    (folder / f"{name}.key").write_bytes(key.private_bytes(
+        serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()))
+    (folder / f"{name}.crt").write_bytes(certificate.public_bytes(serialization.Encoding.PEM))
+    subprocess.run(["openssl", "pkcs12", "-export", *(["-legacy"] if legacy else []),
+                    "-inkey", f"{name}.key", "-in", f"{name}.crt", "-out", f"{name}.p12",
+                    "-passout", f"pass:{password}"], check=True, cwd=folder)
+    return folder / f"{name}.p12"
 
 
 def place(card, identities):

@@ -6,22 +6,12 @@ import pytest
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.serialization import pkcs12
 
-from identities import key_hash, make_certificate, make_key
+from identities import key_hash, make_certificate, make_key, openssl_file
 
 
 def created(card, kind="p-256", label="Mail"):
     card.run("create-identity", "-l", label, "-k", kind, "-CN", label)
     return card.items()[-1][1].hex().upper()
-
-
-def openssl_file(tmp_path, name, key, certificate, password, legacy):
-    (tmp_path / f"{name}.key").write_bytes(key.private_bytes(
-        serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8, serialization.NoEncryption()))
-    (tmp_path / f"{name}.crt").write_bytes(certificate.public_bytes(serialization.Encoding.PEM))
-    subprocess.run(["openssl", "pkcs12", "-export", *(["-legacy"] if legacy else []),
-                    "-inkey", f"{name}.key", "-in", f"{name}.crt", "-out", f"{name}.p12",
-                    "-passout", f"pass:{password}"], check=True, cwd=tmp_path)
-    return tmp_path / f"{name}.p12"
 
 
 @pytest.mark.parametrize("kind", ["p-256", "p-384", "p-521"])

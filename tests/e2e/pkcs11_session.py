@@ -1,0 +1,38 @@
+"""One PKCS#11 session kept open on a module while the card changes.
+
+Run as `pkcs11_session.py MODULE`; answers one JSON line per command line on standard input:
+  find              -> [[label, id hex], ...] of the private keys a fresh search finds
+  sign ID_HEX DATA  -> CKM_ECDSA signature of the hex DATA by the private key with that id, hex
+"""
+import json
+import sys
+
+import PyKCS11
+from PyKCS11 import LowLevel
+
+
+def private_keys(session, extra=()):
+    return session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY), *extra])
+
+
+def main(module):
+    library = PyKCS11.PyKCS11Lib()
+    library.load(module)
+    session = library.openSession(library.getSlotList(tokenPresent=True)[0])
+    for line in sys.stdin:
+        command, *args = line.split()
+        if command == "find":
+            answer = []
+            for key in private_keys(session):
+                label, id_ = session.getAttributeValue(key, [LowLevel.CKA_LABEL, LowLevel.CKA_ID])
+                answer.append([label, bytes(id_).hex()])
+        else:
+            (key,) = private_keys(session, [(LowLevel.CKA_ID, bytes.fromhex(args[0]))])
+            answer = bytes(session.sign(key, bytes.fromhex(args[1]),
+                                        PyKCS11.Mechanism(LowLevel.CKM_ECDSA))).hex()
+        print(json.dumps(answer), flush=True)
+    session.closeSession()
+
+
+if __name__ == "__main__":
+    main(sys.argv[1])
