@@ -1,5 +1,7 @@
 #include "pkcs11/card.hpp"
 
+#include <algorithm>
+
 #include "keys/key_access.hpp"
 
 namespace keyloft::pkcs11 {
@@ -18,6 +20,12 @@ Session& Card::session(CK_SESSION_HANDLE handle) {
     const auto found = sessions_.find(handle);
     if (found == sessions_.end()) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
     return found->second;
+}
+
+std::size_t Card::readOnlySessionCount() const {
+    return static_cast<std::size_t>(std::count_if(
+        sessions_.begin(), sessions_.end(),
+        [](const auto& entry) { return (entry.second.flags & CKF_RW_SESSION) == 0; }));
 }
 
 void Card::closeSession(CK_SESSION_HANDLE handle) {

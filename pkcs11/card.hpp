@@ -26,6 +26,7 @@ class Card {
     void closeSession(CK_SESSION_HANDLE handle);
     void closeAllSessions();
     std::size_t sessionCount() const { return sessions_.size(); }
+    std::size_t readOnlySessionCount() const;
 
     bool loggedIn() const { return loggedIn_; }
     void setLoggedIn(bool loggedIn) { loggedIn_ = loggedIn; }

@@ -87,7 +87,7 @@ CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
     return onCard([&](Card& card) {
         Card::checkSlot(slotID);
         require(pInfo);
-        *pInfo = tokenInfo(card.sessionCount());
+        *pInfo = tokenInfo(card.sessionCount(), card.sessionCount() - card.readOnlySessionCount());
     });
 }
 
@@ -144,8 +144,9 @@ CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
         require(phSession);
         if ((flags & CKF_SERIAL_SESSION) == 0)
             throw CryptokiError(CKR_SESSION_PARALLEL_NOT_SUPPORTED);
-        if ((flags & CKF_RW_SESSION) != 0) throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
-        *phSession = card.openSession(flags);
+        // Read-write sessions are granted although nothing can be written: OpenSSH, among
+        // others, opens only those. Every change is still refused per object.
+        *phSession = card.openSession(flags & (CKF_SERIAL_SESSION | CKF_RW_SESSION));
     });
 }
 
@@ -165,7 +166,10 @@ CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
         const Session& session = card.session(hSession);
         require(pInfo);
         pInfo->slotID = Card::slotID;
-        pInfo->state = card.loggedIn() ? CKS_RO_USER_FUNCTIONS : CKS_RO_PUBLIC_SESSION;
+        const bool readWrite = (session.flags & CKF_RW_SESSION) != 0;
+        pInfo->state = card.loggedIn()
+                           ? (readWrite ? CKS_RW_USER_FUNCTIONS : CKS_RO_USER_FUNCTIONS)
+                           : (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION);
         pInfo->flags = session.flags;
         pInfo->ulDeviceError = 0;
     });
@@ -183,7 +187,9 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
                 card.setLoggedIn(true);
                 return;
             case CKU_SO:
-                throw CryptokiError(CKR_SESSION_READ_ONLY_EXISTS);
+                // There is no security officer, so no PIN is the right one.
+                throw CryptokiError(card.readOnlySessionCount() > 0 ? CKR_SESSION_READ_ONLY_EXISTS
+                                                                    : CKR_PIN_INCORRECT);
             case CKU_CONTEXT_SPECIFIC:
                 throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
             default:

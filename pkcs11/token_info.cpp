@@ -49,7 +49,7 @@ CK_SLOT_INFO slotInfo() {
     return info;
 }
 
-CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount) {
+CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount, CK_ULONG readWriteSessionCount) {
     CK_TOKEN_INFO info{};
     fill(info.label, "keyloft");
     fill(info.manufacturerID, "keyloft");
@@ -59,8 +59,8 @@ CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount) {
     info.flags = CKF_WRITE_PROTECTED | CKF_TOKEN_INITIALIZED | CKF_RNG;
     info.ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
     info.ulSessionCount = sessionCount;
-    info.ulMaxRwSessionCount = 0;
-    info.ulRwSessionCount = 0;
+    info.ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;
+    info.ulRwSessionCount = readWriteSessionCount;
     info.ulMaxPinLen = 0;
     info.ulMinPinLen = 0;
     info.ulTotalPublicMemory = CK_UNAVAILABLE_INFORMATION;

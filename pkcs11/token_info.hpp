@@ -7,6 +7,6 @@ namespace keyloft::pkcs11 {
 
 CK_INFO moduleInfo();
 CK_SLOT_INFO slotInfo();
-CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount);
+CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount, CK_ULONG readWriteSessionCount);
 
 }  // namespace keyloft::pkcs11

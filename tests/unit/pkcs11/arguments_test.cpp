@@ -52,10 +52,17 @@ const Call calls[] = {
      CKR_SLOT_ID_INVALID},
     {"NullTokenInfo", [](auto& p, auto, auto) { return p.C_GetTokenInfo(0, nullptr); },
      CKR_ARGUMENTS_BAD},
-    {"ReadWriteSession",
-     [](auto& p, auto, auto) {
+    {"ReadWriteSessionStillWritesNothing",
+     [](auto& p, auto, auto k) {
          CK_SESSION_HANDLE other = 0;
-         return p.C_OpenSession(0, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &other);
+         p.C_OpenSession(0, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &other);
+         return p.C_DestroyObject(other, k);
+     },
+     CKR_ACTION_PROHIBITED},
+    {"CreateObject",
+     [](auto& p, auto s, auto) {
+         CK_OBJECT_HANDLE created;
+         return p.C_CreateObject(s, nullptr, 0, &created);
      },
      CKR_TOKEN_WRITE_PROTECTED},
     {"ParallelSession",
