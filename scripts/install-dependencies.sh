@@ -6,7 +6,10 @@ packages=(
     g++ cmake ninja-build pkg-config
     libssl-dev libsqlite3-dev libicu-dev libplist-dev libpam0g-dev libpam-modules
     libgtest-dev libgmock-dev
+    libp11-kit-dev p11-kit
     openssl openssh-client python3 python3-pytest python3-cryptography
+    # Clients the PKCS#11 module is tested with.
+    opensc openssh-server libengine-pkcs11-openssl python3-pykcs11
 )
 
 sudo=""
