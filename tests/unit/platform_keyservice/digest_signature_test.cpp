@@ -125,10 +125,10 @@ INSTANTIATE_TEST_SUITE_P(
                       RsaPssParameters{DigestAlgorithm::sha384, DigestAlgorithm::sha512, 48},
                       // The largest salt a 2048-bit key leaves room for beside a SHA-512 hash.
                       RsaPssParameters{DigestAlgorithm::sha512, DigestAlgorithm::sha256, 190}),
-    [](const auto& info) {
-        return testing::digestName(info.param.hash) + "_mgf1" +
-               testing::digestName(info.param.mgf1Hash) + "_salt" +
-               std::to_string(info.param.saltLength);
+    [](const auto& test) {
+        return testing::digestName(test.param.hash) + "_mgf1" +
+               testing::digestName(test.param.mgf1Hash) + "_salt" +
+               std::to_string(test.param.saltLength);
     });
 
 TEST(RsaPssRefusals, WrongKeyDigestOrSalt) {

@@ -57,10 +57,10 @@ INSTANTIATE_TEST_SUITE_P(
         RsaOaepParameters{DigestAlgorithm::sha384, DigestAlgorithm::sha224,
                           bytesOf("another label")},
         RsaOaepParameters{DigestAlgorithm::sha512, DigestAlgorithm::sha512, Bytes{0x00, 0xFF}}),
-    [](const auto& info) {
-        return testing::digestName(info.param.hash) + "_mgf1" +
-               testing::digestName(info.param.mgf1Hash) + "_label" +
-               std::to_string(info.param.label.size());
+    [](const auto& test) {
+        return testing::digestName(test.param.hash) + "_mgf1" +
+               testing::digestName(test.param.mgf1Hash) + "_label" +
+               std::to_string(test.param.label.size());
     });
 
 // Every way to fail reads the same, so callers cannot tell padding from label from hash.
