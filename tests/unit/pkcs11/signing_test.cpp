@@ -2,6 +2,9 @@
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
+#include <atomic>
+#include <thread>
+
 #include "card_session.hpp"
 #include "platform/crypto/digest.hpp"
 
@@ -95,6 +98,35 @@ INSTANTIATE_TEST_SUITE_P(
                       SignCase{"p-521", CKM_ECDSA_SHA512, DigestAlgorithm::sha512, false, 132},
                       SignCase{"p-256-ne", CKM_ECDSA, DigestAlgorithm::sha256, true, 64},
                       SignCase{"p-384-ne", CKM_ECDSA_SHA224, DigestAlgorithm::sha224, false, 96}));
+
+TEST_F(CardSession, SessionsOfSeveralThreadsSignAtOnce) {
+    createIdentity("threads");
+    const auto key = object(CKO_PRIVATE_KEY, "threads");
+    const auto publicKey = publicKeyOf(value(object(CKO_CERTIFICATE, "threads"), CKA_VALUE));
+    const Bytes digest = platform::digest(platform::DigestAlgorithm::sha256, bytesOf("threads"));
+    std::atomic<int> verified = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            CK_SESSION_HANDLE own = CK_INVALID_HANDLE;
+            if (p11.C_OpenSession(0, CKF_SERIAL_SESSION, nullptr, nullptr, &own) != CKR_OK) return;
+            for (int i = 0; i < 25; ++i) {
+                CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
+                Bytes signature(64);
+                CK_ULONG size = signature.size();
+                auto* input = const_cast<CK_BYTE*>(digest.data());
+                if (p11.C_SignInit(own, &mechanism, key) == CKR_OK &&
+                    p11.C_Sign(own, input, digest.size(), signature.data(), &size) == CKR_OK &&
+                    verifiesOverDigest(publicKey.get(), signature, digest)) {
+                    ++verified;
+                }
+            }
+            p11.C_CloseSession(own);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(verified, 100);
+}
 
 class Derivation : public CardSession, public ::testing::WithParamInterface<std::string> {};
 
