@@ -11,6 +11,12 @@ namespace keyloft::platform {
 inline constexpr std::string_view keyTypeEC = "ec";
 inline constexpr std::string_view keyTypeRSA = "rsa";
 
+// The name under which OpenSSL's provider makes EC keys from parameters. It is the algorithm's
+// OID rather than "EC" on purpose: OpenSSL maps "EC" to its legacy key type, and an application
+// that made a PKCS#11 engine its default (openssl -engine, engine-based openssl.cnf) would then
+// receive our key creation, which engines cannot do.
+inline constexpr const char* ecKeyManagementName = "1.2.840.10045.2.1";
+
 // What the key service reports of a public key.
 struct PublicKeyAttributes {
     std::string keyType;           // keyTypeEC, keyTypeRSA or another identifier

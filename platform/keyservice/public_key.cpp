@@ -43,7 +43,7 @@ EVP_PKEY* makeEcKey(ByteView point) {
             "EC public key data is not an uncompressed point on P-256, P-384 or P-521");
     }
     const std::unique_ptr<EVP_PKEY_CTX, ContextDeleter> context(
-        EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+        EVP_PKEY_CTX_new_from_name(nullptr, ecKeyManagementName, nullptr));
     if (!context || EVP_PKEY_fromdata_init(context.get()) != 1) {
         throw PlatformError("cannot set up EC public key creation");
     }

@@ -6,6 +6,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "keyloft/error.hpp"
@@ -117,6 +118,45 @@ SecretBytes derOf(EVP_PKEY* key, Encoder encode) {
     return out;
 }
 
+using Group = std::unique_ptr<EC_GROUP, openssl::Deleter<EC_GROUP_free>>;
+using Point = std::unique_ptr<EC_POINT, openssl::Deleter<EC_POINT_free>>;
+
+// The uncompressed public point of a private scalar. Plain group arithmetic, not a key context:
+// a key context would go to whatever engine the host application made its default.
+SecretBytes publicPointOf(int sizeInBits, ByteView scalar) {
+    const char* curve = curveNameForSize(sizeInBits);
+    const auto field = static_cast<std::size_t>(fieldBytes(sizeInBits));
+    const Group group(curve != nullptr ? EC_GROUP_new_by_curve_name(EC_curve_nist2nid(curve))
+                                       : nullptr);
+    if (!group || scalar.size() != field) throw PlatformError("invalid EC private key data");
+    const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
+    if (!k || BN_is_zero(k.get()) || BN_cmp(k.get(), EC_GROUP_get0_order(group.get())) >= 0)
+        throw PlatformError("invalid EC private key data");
+    const Point point(EC_POINT_new(group.get()));
+    SecretBytes encoded(1 + 2 * field);
+    if (!point || EC_POINT_mul(group.get(), point.get(), k.get(), nullptr, nullptr, nullptr) != 1 ||
+        EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, encoded.data(),
+                           encoded.size(), nullptr) != encoded.size()) {
+        throw PlatformError("failed to compute the public key");
+    }
+    return encoded;
+}
+
+// A key pair from a point and scalar already known to belong together.
+openssl::Pkey ecKeyPairKey(int sizeInBits, ByteView point, ByteView scalar) {
+    const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
+    openssl::ParamBuilder builder(OSSL_PARAM_BLD_new());
+    OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME,
+                                    curveNameForSize(sizeInBits), 0);
+    OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
+                                     point.size());
+    OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, k.get());
+    const openssl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
+    auto key = keyFromParams(ecKeyManagementName, params.get(), EVP_PKEY_KEYPAIR);
+    if (!key) throw PlatformError("invalid EC private key data");
+    return key;
+}
+
 }  // namespace
 
 const char* curveNameForSize(int sizeInBits) {
@@ -143,7 +183,7 @@ openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point) {
     OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
                                      point.size());
     const openssl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
-    auto key = keyFromParams("EC", params.get(), EVP_PKEY_PUBLIC_KEY);
+    auto key = keyFromParams(ecKeyManagementName, params.get(), EVP_PKEY_PUBLIC_KEY);
     if (!key) throw PlatformError("invalid public key data");
     return key;
 }
@@ -170,46 +210,20 @@ SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, By
 
     // 0x04 || X || Y || K: three values of the field size after the point prefix.
     const int sizeInBits = data.size() % 3 == 1 ? ecSizeForFieldBytes(data.size() / 3) : 0;
-    if (sizeInBits == 0 || data[0] != 0x04) throw PlatformError("invalid EC private key data");
+    if (sizeInBits == 0) throw PlatformError("invalid EC private key data");
     const std::size_t pointSize = 1 + 2 * (data.size() / 3);
-    const openssl::Bignum scalar(
-        BN_bin2bn(data.data() + pointSize, static_cast<int>(data.size() - pointSize), nullptr));
-    openssl::ParamBuilder builder(OSSL_PARAM_BLD_new());
-    OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME,
-                                    curveNameForSize(sizeInBits), 0);
-    OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, data.data(),
-                                     pointSize);
-    OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar.get());
-    const openssl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
-    auto key = keyFromParams("EC", params.get(), EVP_PKEY_KEYPAIR);
+    const ByteView point = data.first(pointSize);
+    const ByteView scalar = data.subspan(pointSize);
     // The point must belong to the scalar, or the data was damaged.
-    openssl::PkeyContext check(key ? EVP_PKEY_CTX_new_from_pkey(nullptr, key.get(), nullptr)
-                                   : nullptr);
-    if (!check || EVP_PKEY_pairwise_check(check.get()) != 1)
+    const SecretBytes expected = publicPointOf(sizeInBits, scalar);
+    if (!std::equal(point.begin(), point.end(), expected.begin(), expected.end()))
         throw PlatformError("invalid EC private key data");
-    return {std::string(keyTypeEC), std::move(key)};
+    return {std::string(keyTypeEC), ecKeyPairKey(sizeInBits, point, scalar)};
 }
 
 SoftwareKey SoftwareKey::fromPrivateScalar(int sizeInBits, ByteView scalar) {
-    using Group = std::unique_ptr<EC_GROUP, openssl::Deleter<EC_GROUP_free>>;
-    using Point = std::unique_ptr<EC_POINT, openssl::Deleter<EC_POINT_free>>;
-    const char* curve = curveNameForSize(sizeInBits);
-    const auto field = static_cast<std::size_t>(fieldBytes(sizeInBits));
-    const Group group(curve != nullptr ? EC_GROUP_new_by_curve_name(EC_curve_nist2nid(curve))
-                                       : nullptr);
-    if (!group || scalar.size() != field) throw PlatformError("invalid EC private key data");
-    const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
-    if (!k || BN_is_zero(k.get()) || BN_cmp(k.get(), EC_GROUP_get0_order(group.get())) >= 0)
-        throw PlatformError("invalid EC private key data");
-    const Point point(EC_POINT_new(group.get()));
-    SecretBytes external(1 + 2 * field);
-    if (!point || EC_POINT_mul(group.get(), point.get(), k.get(), nullptr, nullptr, nullptr) != 1 ||
-        EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, external.data(),
-                           external.size(), nullptr) != external.size()) {
-        throw PlatformError("failed to compute the public key");
-    }
-    external.insert(external.end(), scalar.begin(), scalar.end());
-    return fromExternalRepresentation(keyTypeEC, external);
+    const SecretBytes point = publicPointOf(sizeInBits, scalar);
+    return {std::string(keyTypeEC), ecKeyPairKey(sizeInBits, point, scalar)};
 }
 
 SoftwareKey SoftwareKey::adopt(openssl::Pkey key) {
