@@ -175,7 +175,7 @@ const char* curveNameForSize(int sizeInBits) {
 openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point) {
     const char* curve = curveNameForSize(sizeInBits);
     if (curve == nullptr ||
-        point.size() != static_cast<std::size_t>(1 + 2 * fieldBytes(sizeInBits))) {
+        point.size() != 1 + 2 * static_cast<std::size_t>(fieldBytes(sizeInBits))) {
         throw PlatformError("invalid public key data");
     }
     openssl::ParamBuilder builder(OSSL_PARAM_BLD_new());
