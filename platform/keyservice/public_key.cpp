@@ -7,13 +7,11 @@
 #include <openssl/x509.h>
 
 #include "keyloft/error.hpp"
+#include "platform/keyservice/software_key.hpp"
 
 namespace keyloft::platform {
 namespace {
 
-struct ContextDeleter {
-    void operator()(EVP_PKEY_CTX* context) const { EVP_PKEY_CTX_free(context); }
-};
 struct NumberDeleter {
     void operator()(BIGNUM* number) const { BN_free(number); }
 };
@@ -22,43 +20,29 @@ struct OpensslBufferDeleter {
     void operator()(unsigned char* buffer) const { OPENSSL_free(buffer); }
 };
 
-// The curve follows from the length of the uncompressed point: 1 + 2 * field size.
-const char* curveForPointLength(std::size_t length) {
+// The curve size follows from the length of the uncompressed point: 1 + 2 * field size.
+int sizeForPointLength(std::size_t length) {
     switch (length) {
         case 65:
-            return "P-256";
+            return 256;
         case 97:
-            return "P-384";
+            return 384;
         case 133:
-            return "P-521";
+            return 521;
         default:
-            return nullptr;
+            return 0;
     }
 }
 
 EVP_PKEY* makeEcKey(ByteView point) {
-    const char* curve = curveForPointLength(point.size());
-    if (curve == nullptr || point[0] != 0x04) {
+    const int sizeInBits = sizeForPointLength(point.size());
+    if (sizeInBits == 0 || point[0] != 0x04) {
         throw PlatformError(
             "EC public key data is not an uncompressed point on P-256, P-384 or P-521");
     }
-    const std::unique_ptr<EVP_PKEY_CTX, ContextDeleter> context(
-        EVP_PKEY_CTX_new_from_name(nullptr, ecKeyManagementName, nullptr));
-    if (!context || EVP_PKEY_fromdata_init(context.get()) != 1) {
-        throw PlatformError("cannot set up EC public key creation");
-    }
-    // OSSL_PARAM takes mutable pointers but only reads through them here.
-    OSSL_PARAM params[] = {
-        OSSL_PARAM_construct_utf8_string(OSSL_PKEY_PARAM_GROUP_NAME, const_cast<char*>(curve), 0),
-        OSSL_PARAM_construct_octet_string(OSSL_PKEY_PARAM_PUB_KEY,
-                                          const_cast<std::uint8_t*>(point.data()), point.size()),
-        OSSL_PARAM_construct_end(),
-    };
-    EVP_PKEY* key = nullptr;
-    if (EVP_PKEY_fromdata(context.get(), &key, EVP_PKEY_PUBLIC_KEY, params) != 1) {
-        throw PlatformError("EC public key data is not a point on its curve");
-    }
-    return key;
+    openssl::Pkey key = ecKeyFromParts(sizeInBits, point);
+    if (!key) throw PlatformError("EC public key data is not a point on its curve");
+    return key.release();
 }
 
 Number numberParameter(const EVP_PKEY* key, const char* name) {

@@ -33,16 +33,6 @@ int ecSizeForFieldBytes(std::size_t bytes) {
     }
 }
 
-openssl::Pkey keyFromParams(const char* keyType, OSSL_PARAM* params, int selection) {
-    openssl::PkeyContext context(EVP_PKEY_CTX_new_from_name(nullptr, keyType, nullptr));
-    EVP_PKEY* raw = nullptr;
-    if (!context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
-        EVP_PKEY_fromdata(context.get(), &raw, selection, params) != 1) {
-        return nullptr;
-    }
-    return openssl::Pkey(raw);
-}
-
 Bytes encodedPublicPoint(EVP_PKEY* key) {
     unsigned char* raw = nullptr;
     const std::size_t size = EVP_PKEY_get1_encoded_public_key(key, &raw);
@@ -123,7 +113,7 @@ using Point = std::unique_ptr<EC_POINT, openssl::Deleter<EC_POINT_free>>;
 
 // The uncompressed public point of a private scalar. Plain group arithmetic, not a key context:
 // a key context would go to whatever engine the host application made its default.
-SecretBytes publicPointOf(int sizeInBits, ByteView scalar) {
+Bytes publicPointOf(int sizeInBits, ByteView scalar) {
     const char* curve = curveNameForSize(sizeInBits);
     const auto field = static_cast<std::size_t>(fieldBytes(sizeInBits));
     const Group group(curve != nullptr ? EC_GROUP_new_by_curve_name(EC_curve_nist2nid(curve))
@@ -133,7 +123,7 @@ SecretBytes publicPointOf(int sizeInBits, ByteView scalar) {
     if (!k || BN_is_zero(k.get()) || BN_cmp(k.get(), EC_GROUP_get0_order(group.get())) >= 0)
         throw PlatformError("invalid EC private key data");
     const Point point(EC_POINT_new(group.get()));
-    SecretBytes encoded(1 + 2 * field);
+    Bytes encoded(1 + 2 * field);
     if (!point || EC_POINT_mul(group.get(), point.get(), k.get(), nullptr, nullptr, nullptr) != 1 ||
         EC_POINT_point2oct(group.get(), point.get(), POINT_CONVERSION_UNCOMPRESSED, encoded.data(),
                            encoded.size(), nullptr) != encoded.size()) {
@@ -145,14 +135,7 @@ SecretBytes publicPointOf(int sizeInBits, ByteView scalar) {
 // A key pair from a point and scalar already known to belong together.
 openssl::Pkey ecKeyPairKey(int sizeInBits, ByteView point, ByteView scalar) {
     const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
-    openssl::ParamBuilder builder(OSSL_PARAM_BLD_new());
-    OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME,
-                                    curveNameForSize(sizeInBits), 0);
-    OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
-                                     point.size());
-    OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, k.get());
-    const openssl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
-    auto key = keyFromParams(ecKeyManagementName, params.get(), EVP_PKEY_KEYPAIR);
+    auto key = k ? ecKeyFromParts(sizeInBits, point, k.get()) : nullptr;
     if (!key) throw PlatformError("invalid EC private key data");
     return key;
 }
@@ -172,18 +155,31 @@ const char* curveNameForSize(int sizeInBits) {
     }
 }
 
-openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point) {
+openssl::Pkey ecKeyFromParts(int sizeInBits, ByteView point, const BIGNUM* scalar) {
     const char* curve = curveNameForSize(sizeInBits);
-    if (curve == nullptr ||
-        point.size() != 1 + 2 * static_cast<std::size_t>(fieldBytes(sizeInBits))) {
-        throw PlatformError("invalid public key data");
-    }
+    if (curve == nullptr) return nullptr;
     openssl::ParamBuilder builder(OSSL_PARAM_BLD_new());
+    if (!builder) return nullptr;
     OSSL_PARAM_BLD_push_utf8_string(builder.get(), OSSL_PKEY_PARAM_GROUP_NAME, curve, 0);
     OSSL_PARAM_BLD_push_octet_string(builder.get(), OSSL_PKEY_PARAM_PUB_KEY, point.data(),
                                      point.size());
+    if (scalar != nullptr) OSSL_PARAM_BLD_push_BN(builder.get(), OSSL_PKEY_PARAM_PRIV_KEY, scalar);
     const openssl::Params params(OSSL_PARAM_BLD_to_param(builder.get()));
-    auto key = keyFromParams(ecKeyManagementName, params.get(), EVP_PKEY_PUBLIC_KEY);
+    openssl::PkeyContext context(EVP_PKEY_CTX_new_from_name(nullptr, ecKeyManagementName, nullptr));
+    EVP_PKEY* key = nullptr;
+    if (!params || !context || EVP_PKEY_fromdata_init(context.get()) != 1 ||
+        EVP_PKEY_fromdata(context.get(), &key,
+                          scalar != nullptr ? EVP_PKEY_KEYPAIR : EVP_PKEY_PUBLIC_KEY,
+                          params.get()) != 1) {
+        return nullptr;
+    }
+    return openssl::Pkey(key);
+}
+
+openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point) {
+    auto key = point.size() == 1 + 2 * static_cast<std::size_t>(fieldBytes(sizeInBits))
+                   ? ecKeyFromParts(sizeInBits, point)
+                   : nullptr;
     if (!key) throw PlatformError("invalid public key data");
     return key;
 }
@@ -215,14 +211,13 @@ SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, By
     const ByteView point = data.first(pointSize);
     const ByteView scalar = data.subspan(pointSize);
     // The point must belong to the scalar, or the data was damaged.
-    const SecretBytes expected = publicPointOf(sizeInBits, scalar);
-    if (!std::equal(point.begin(), point.end(), expected.begin(), expected.end()))
+    if (!std::ranges::equal(point, publicPointOf(sizeInBits, scalar)))
         throw PlatformError("invalid EC private key data");
     return {std::string(keyTypeEC), ecKeyPairKey(sizeInBits, point, scalar)};
 }
 
 SoftwareKey SoftwareKey::fromPrivateScalar(int sizeInBits, ByteView scalar) {
-    const SecretBytes point = publicPointOf(sizeInBits, scalar);
+    const Bytes point = publicPointOf(sizeInBits, scalar);
     return {std::string(keyTypeEC), ecKeyPairKey(sizeInBits, point, scalar)};
 }
 

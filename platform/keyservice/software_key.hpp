@@ -62,6 +62,10 @@ class SoftwareKey {
 // The OpenSSL curve name of an EC key size, or nullptr.
 const char* curveNameForSize(int sizeInBits);
 
+// An EC key on the curve of the given size from its uncompressed point and, for a key pair, its
+// private scalar; nullptr when OpenSSL refuses the values.
+openssl::Pkey ecKeyFromParts(int sizeInBits, ByteView point, const BIGNUM* scalar = nullptr);
+
 // A public EC key from its uncompressed point on the curve of the given size.
 openssl::Pkey ecPublicKeyFromPoint(int sizeInBits, ByteView point);
 
