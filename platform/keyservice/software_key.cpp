@@ -134,8 +134,11 @@ Bytes publicPointOf(int sizeInBits, ByteView scalar) {
 
 // A key pair from a point and scalar already known to belong together.
 openssl::Pkey ecKeyPairKey(int sizeInBits, ByteView point, ByteView scalar) {
-    const openssl::Bignum k(BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), nullptr));
-    auto key = k ? ecKeyFromParts(sizeInBits, point, k.get()) : nullptr;
+    // A secure number makes the parameter builder put the scalar where freeing wipes it.
+    const openssl::Bignum k(BN_secure_new());
+    const bool loaded =
+        k && BN_bin2bn(scalar.data(), static_cast<int>(scalar.size()), k.get()) != nullptr;
+    auto key = loaded ? ecKeyFromParts(sizeInBits, point, k.get()) : nullptr;
     if (!key) throw PlatformError("invalid EC private key data");
     return key;
 }
