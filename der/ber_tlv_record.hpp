@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::der {
 

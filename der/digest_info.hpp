@@ -1,6 +1,6 @@
 #pragma once
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::der {
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <optional>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::der {
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <optional>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft {
 namespace {

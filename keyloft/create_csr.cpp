@@ -1,8 +1,8 @@
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/system/files.hpp"
+#include "platform/os/files.hpp"
 #include "pubkey/hex.hpp"
 #include "x509/certification_request.hpp"
 #include "x509/pem.hpp"
@@ -18,9 +18,10 @@ void KeyloftApp::createCsr() {
     const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
     const auto record = records.find(*hashBytes);
     if (record == records.end()) throw KeyloftError::generic("No identity found for hash: <hash>");
-    const auto [key, storedKeyType] =
-        keys::keyHandle(record->second, std::make_shared<keys::AuthenticationContext>());
-    const auto publicKey = key.publicKeyAttributes();
+    const auto key =
+        keys::privateKey(record->second, std::make_shared<keys::AuthenticationContext>());
+    const auto storedKeyType = key->keyType();
+    const auto publicKey = key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("Failed to copy public key");
 
@@ -35,17 +36,17 @@ void KeyloftApp::createCsr() {
                                            {country, &KeyloftApp::country}}) {
         if (!(this->*value).empty()) subject.emplace_back(attribute, this->*value);
     }
-    const auto algorithm = storedKeyType == platform::keyTypeRSA
-                               ? platform::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
-                               : platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+    const auto algorithm = storedKeyType == keyTypeRSA
+                               ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
+                               : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
     const auto request = der::encode(x509::buildCertificationRequest(
-        subject, publicKey, [&](ByteView info) { return key.sign(algorithm, info); }));
+        subject, publicKey, [&](ByteView info) { return key->sign(algorithm, info); }));
     if (request.empty())
         throw KeyloftError::generic("Failed to genrete Certificate Signature Request");
 
     std::string path = *fileName;
     if (!path.ends_with(".csr")) path += ".csr";
-    platform::replaceFileAtomically(path, bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
+    platform::os::replaceFileAtomically(path, bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
 }
 
 }  // namespace keyloft

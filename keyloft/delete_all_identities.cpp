@@ -1,7 +1,8 @@
 #include <iostream>
 
 #include "keyloft/keyloft_app.hpp"
-#include "platform/system/terminal.hpp"
+#include "platform/os/terminal.hpp"
+#include "store/identity_writes.hpp"
 
 namespace keyloft {
 namespace {
@@ -21,14 +22,13 @@ bool equalsIgnoringCase(std::string_view text, std::string_view lowerCaseWord) {
 void KeyloftApp::deleteAllIdentities() {
     for (;;) {
         std::cout << "Are you sure you want to delete all identities (yes/no)?" << std::endl;
-        const auto answer = platform::readStandardInputLine();
+        const auto answer = platform::os::readStandardInputLine();
         // No answer can come any more: leave the card as it is.
         if (!answer) return;
         if (equalsIgnoringCase(*answer, "yes") || equalsIgnoringCase(*answer, "y")) break;
         if (equalsIgnoringCase(*answer, "no") || equalsIgnoringCase(*answer, "n")) return;
     }
-    tokenConfiguration.removeConfigurationData();
-    tokenConfiguration.replaceItems({});
+    store::removeAllIdentities(tokenConfiguration);
 }
 
 }  // namespace keyloft

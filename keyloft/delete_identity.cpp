@@ -1,7 +1,7 @@
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_lookup.hpp"
+#include "store/identity_writes.hpp"
 
 namespace keyloft {
 

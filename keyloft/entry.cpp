@@ -7,7 +7,8 @@
 #include <vector>
 
 #include "keyloft/command_line.hpp"
-#include "keyloft/error.hpp"
+#include "store/user_card.hpp"
+#include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
 
 namespace keyloft {
@@ -27,8 +28,7 @@ int runEntry(int argc, char** argv) {
         const auto parsed = parseCommandLine(arguments);
         // The option fields are checked before the store is opened, so a bad word touches nothing.
         auto fields = optionFieldsFrom(parsed.options);
-        auto app = KeyloftApp::build(std::move(fields),
-                                     platform::TesseraDriverRegistry::openUserRegistry());
+        KeyloftApp app(std::move(fields), store::userToken(store::openUserRegistry()));
         app.run(parsed.command);
     } catch (const KeyloftError& error) {
         printError(error.text());

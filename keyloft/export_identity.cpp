@@ -1,10 +1,10 @@
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "pkcs12/pfx.hpp"
-#include "platform/system/files.hpp"
-#include "platform/system/passphrase.hpp"
+#include "platform/os/files.hpp"
+#include "platform/os/passphrase.hpp"
 #include "platform/text/canonical.hpp"
 #include "pubkey/hex.hpp"
 #include "store/identity_lookup.hpp"
@@ -12,8 +12,8 @@
 namespace keyloft {
 namespace {
 
-platform::SecretText askPassphrase(std::string_view prompt) {
-    auto text = platform::readPassphrase(prompt);
+platform::crypto::SecretText askPassphrase(std::string_view prompt) {
+    auto text = platform::os::readPassphrase(prompt);
     if (!text) throw KeyloftError::generic("Cannot read passphrase");
     return std::move(*text);
 }
@@ -26,14 +26,14 @@ void KeyloftApp::exportIdentity() {
     const auto hashBytes = pubkey::fromHexString(*hash);
     if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
 
-    platform::SecretText exportPassword;
+    platform::crypto::SecretText exportPassword;
     if (password) {
         exportPassword = *password;
     } else {
         exportPassword =
             askPassphrase("Enter a password which will be used to protect the exported items:");
         const auto again = askPassphrase("Verify password:");
-        if (!platform::canonicallyEqual(platform::view(exportPassword), platform::view(again))) {
+        if (!platform::text::canonicallyEqual(platform::crypto::view(exportPassword), platform::crypto::view(again))) {
             throw KeyloftError::generic("Passwords do not match!");
         }
     }
@@ -43,16 +43,11 @@ void KeyloftApp::exportIdentity() {
     const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
     const auto notFound =
         KeyloftError::generic("Identity with public key hash <" + *hash + "> not found");
-    std::optional<Bytes> certificate;
-    for (const auto& item : tokenConfiguration.items()) {
-        const auto* candidate = std::get_if<platform::TesseraTokenCertificateItem>(&item);
-        if (candidate != nullptr &&
-            store::certificatePublicKeyHash(candidate->certificate) == *hashBytes) {
-            certificate = candidate->certificate;
-            break;
-        }
-    }
-    if (!certificate) throw notFound;
+    const auto items = tokenConfiguration.items();
+    const auto found = store::findCertificateItem(items, *hashBytes);
+    if (found == items.end()) throw notFound;
+    const auto& certificate =
+        std::get<platform::token_store::TesseraTokenCertificateItem>(*found).certificate;
     const auto record = records.find(*hashBytes);
     if (record == records.end()) throw notFound;
     if (!record->second.sealedKey) {
@@ -61,12 +56,12 @@ void KeyloftApp::exportIdentity() {
     }
     const auto& sealed = *record->second.sealedKey;
     const Bytes pfx = pkcs12::buildPKCS12(
-        platform::view(exportPassword), *certificate, sealed.pubKeyHash, pkcs12::exportIterations,
+        platform::crypto::view(exportPassword), certificate, sealed.pubKeyHash, pkcs12::exportIterations,
         [&] {
             auto [key, data] = keys::unwrapPrivateKeyWithData(sealed, nullptr);
             return pkcs12::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
         });
-    platform::writeFile(path, pfx);
+    platform::os::writeFile(path, pfx);
 }
 
 }  // namespace keyloft

@@ -11,7 +11,7 @@ namespace {
 std::size_t displayLength(const std::string& cell) {
     const bool simple = std::ranges::all_of(
         cell, [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\r'; });
-    return simple ? cell.size() : platform::userPerceivedLength(cell);
+    return simple ? cell.size() : platform::text::userPerceivedLength(cell);
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
 #include <iostream>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
-#include "keyloft/token_writes.hpp"
+#include "store/identity_writes.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/certificate/certificate.hpp"
-#include "platform/pkcs12/pkcs12_reader.hpp"
-#include "platform/system/files.hpp"
-#include "platform/system/passphrase.hpp"
+#include "platform/certificate_service/certificate.hpp"
+#include "platform/pkcs12_import/pkcs12_reader.hpp"
+#include "platform/os/files.hpp"
+#include "platform/os/passphrase.hpp"
 #include "pubkey/hex.hpp"
 
 namespace keyloft {
@@ -16,7 +16,7 @@ namespace {
 
 // The certificate's common name, else its first e-mail address, else nothing.
 std::string labelOf(ByteView certificate) {
-    const auto parsed = platform::Certificate::parse(certificate);
+    const auto parsed = platform::certificate_service::Certificate::parse(certificate);
     if (!parsed) return {};
     if (auto name = parsed->commonName()) return *name;
     const auto emails = parsed->emailAddresses();
@@ -27,25 +27,25 @@ std::string labelOf(ByteView certificate) {
 
 void KeyloftApp::importIdentities() {
     if (!fileName) throw KeyloftError::generic("'file' paramater is mandatory");
-    platform::SecretText filePassword;
+    platform::crypto::SecretText filePassword;
     if (password) {
         filePassword = *password;
     } else {
-        auto typed = platform::readPassphrase("Enter PKCS12 file password:");
+        auto typed = platform::os::readPassphrase("Enter PKCS12 file password:");
         if (!typed) throw KeyloftError::generic("Cannot read passphrase");
         filePassword = std::move(*typed);
     }
     const bool biometry = keyProtection == KeyProtection::bio;
 
-    const Bytes file = platform::readFile(*fileName);
-    auto identities = platform::readPkcs12Identities(file, platform::view(filePassword));
+    const Bytes file = platform::os::readFile(*fileName);
+    auto identities = platform::pkcs12_import::readPkcs12Identities(file, platform::crypto::view(filePassword));
     if (!identities) throw KeyloftError::generic("PKCS12 import failed");
 
     for (auto& identity : *identities) {
         const Bytes keyHash = identity.key.applicationLabel();
         keys::KeyStorage storage{.sealedKey = keys::makeSealedKey(identity.key, biometry)};
         const std::string identityLabel = labelOf(identity.certificate);
-        const auto items = makeIdentityItems(identity.certificate, keyHash, identityLabel);
+        const auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
 
         auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
         if (records.contains(keyHash)) {
@@ -54,8 +54,8 @@ void KeyloftApp::importIdentities() {
                       << "> already exist" << std::endl;
             continue;
         }
-        storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
-        appendIdentityItems(tokenConfiguration, items);
+        store::storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
+        store::appendIdentityItems(tokenConfiguration, items);
     }
 }
 

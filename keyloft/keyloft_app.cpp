@@ -1,11 +1,9 @@
 #include "keyloft/keyloft_app.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft {
 namespace {
-
-constexpr std::string_view userInstanceID = "user";
 
 std::optional<std::string> valueOf(const OptionsDictionary& options, ArgumentKey key) {
     const auto found = options.find(key);
@@ -36,7 +34,7 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options) {
 
     fields.fileName = valueOf(options, ArgumentKey::fileName);
     if (const auto password = valueOf(options, ArgumentKey::password)) {
-        fields.password = platform::secretTextOf(*password);
+        fields.password = platform::crypto::secretTextOf(*password);
     }
     fields.commonName =
         valueOf(options, ArgumentKey::commonName).value_or(fields.label.value_or(""));
@@ -52,19 +50,6 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options) {
     fields.hashEncoding =
         hashEncodingFromWord(valueOf(options, ArgumentKey::hashEncoding).value_or(defaultEncoding));
     return fields;
-}
-
-KeyloftApp KeyloftApp::build(OptionFields fields, const platform::TesseraDriverRegistry& registry) {
-    const auto drivers = registry.driverConfigurations();
-    const auto driver = drivers.find(std::string(platform::keyloftTokenDriverClassID));
-    if (driver == drivers.end()) {
-        throw KeyloftError::generic("Failed to get TesseraTokenDriver configuration");
-    }
-    auto tokens = driver->second.tokenConfigurations();
-    const auto user = tokens.find(std::string(userInstanceID));
-    auto token =
-        user != tokens.end() ? user->second : driver->second.addTokenConfiguration(userInstanceID);
-    return {std::move(fields), std::move(token)};
 }
 
 void KeyloftApp::run(Command command) {

@@ -6,7 +6,7 @@
 #include "keyloft/command_line.hpp"
 #include "keyloft/options.hpp"
 #include "platform/crypto/secret.hpp"
-#include "platform/tessera/token_store.hpp"
+#include "platform/token_store/token_store.hpp"
 
 namespace keyloft {
 
@@ -17,7 +17,7 @@ struct OptionFields {
     std::optional<KeyType> keyType;
     KeyProtection keyProtection = KeyProtection::none;
     std::optional<std::string> fileName;
-    std::optional<platform::SecretText> password;
+    std::optional<platform::crypto::SecretText> password;
     std::string commonName;
     std::string email;
     std::string organizationalUnit;
@@ -36,11 +36,8 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options);
 // one of its operations.
 class KeyloftApp : public OptionFields {
   public:
-    KeyloftApp(OptionFields fields, platform::TesseraTokenConfiguration token)
+    KeyloftApp(OptionFields fields, platform::token_store::TesseraTokenConfiguration token)
         : OptionFields(std::move(fields)), tokenConfiguration(std::move(token)) {}
-
-    // Finds the tool's driver in the registry and its "user" token, adding the token if missing.
-    static KeyloftApp build(OptionFields fields, const platform::TesseraDriverRegistry& registry);
 
     void run(Command command);
 
@@ -53,7 +50,7 @@ class KeyloftApp : public OptionFields {
     void importCertificate();
     void createCsr();
 
-    platform::TesseraTokenConfiguration tokenConfiguration;
+    platform::token_store::TesseraTokenConfiguration tokenConfiguration;
 };
 
 }  // namespace keyloft

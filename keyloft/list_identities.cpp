@@ -3,12 +3,12 @@
 #include <iostream>
 #include <map>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keyloft/identity_table.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/certificate/certificate.hpp"
+#include "platform/certificate_service/certificate.hpp"
 #include "platform/text/date_format.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/key_type_description.hpp"
@@ -31,8 +31,8 @@ struct CertificateDetails {
     std::string isValid;
 };
 
-CertificateDetails detailsOf(const platform::Certificate& certificate,
-                             const platform::ShortDateTimeFormatter& formatter,
+CertificateDetails detailsOf(const platform::certificate_service::Certificate& certificate,
+                             const platform::text::ShortDateTimeFormatter& formatter,
                              std::chrono::system_clock::time_point now) {
     CertificateDetails details;
     details.commonName = certificate.commonName().value_or("");
@@ -50,22 +50,22 @@ void KeyloftApp::listIdentities() {
     if (!hashEncoding) throw KeyloftError::generic("invalid hash encoding");
 
     const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
-    const platform::ShortDateTimeFormatter formatter;
+    const platform::text::ShortDateTimeFormatter formatter;
     const auto now = std::chrono::system_clock::now();
 
     std::vector<KeyRow> rows;
     std::map<Bytes, CertificateDetails> certificates;
     for (const auto& item : tokenConfiguration.items()) {
-        if (const auto* certificate = std::get_if<platform::TesseraTokenCertificateItem>(&item)) {
+        if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
             // One parse serves the hash and the details.
-            const auto parsed = platform::Certificate::parse(certificate->certificate);
+            const auto parsed = platform::certificate_service::Certificate::parse(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
             auto keyHash = parsed->publicKeyHash();
             if (!keyHash) throw KeyloftError::generic("Failed to retrieve public key hash");
             certificates[std::move(*keyHash)] = detailsOf(*parsed, formatter, now);
             continue;
         }
-        const auto& key = std::get<platform::TesseraTokenKeyItem>(item);
+        const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
         KeyRow row;
         row.hash = key.publicKeyHash.value_or(Bytes{});
         // A key whose record is missing still gets a row; its protection is then unknown.

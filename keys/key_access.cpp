@@ -1,23 +1,22 @@
 #include "keys/key_access.hpp"
 
-#include "keyloft/error.hpp"
-#include "platform/keyservice/ecies.hpp"
+#include "base/error.hpp"
+#include "platform/key_service/ecies.hpp"
 
 namespace keyloft::keys {
 
-std::pair<KeyHandle, std::string> keyHandle(const KeyStorage& storage,
-                                            const std::shared_ptr<AuthenticationContext>& context) {
+std::unique_ptr<platform::key_service::PrivateKey> privateKey(
+    const KeyStorage& storage, const std::shared_ptr<AuthenticationContext>& context) {
     if (storage.bastionKey) {
         const auto& record = *storage.bastionKey;
         // An unprotected key never sees the caller's context.
         auto passed = record.biometryProtection == BiometryProtection::on ? context : nullptr;
-        auto key =
-            platform::keyProcessorFor(record.keyData).rebuildKey(record.keyData, std::move(passed));
-        return {KeyHandle(std::move(key)), std::string(platform::keyTypeEC)};
+        return platform::key_processor::keyProcessorFor(record.keyData)
+            .rebuildKey(record.keyData, std::move(passed));
     }
     if (storage.sealedKey) {
-        return {KeyHandle(unwrapPrivateKey(*storage.sealedKey, context)),
-                storage.sealedKey->keyType};
+        return std::make_unique<platform::key_service::SoftwareKey>(
+            unwrapPrivateKey(*storage.sealedKey, context));
     }
     throw storedKeyNotFound();
 }
@@ -28,32 +27,31 @@ Protection protectionOf(const KeyStorage& storage) {
     throw storedKeyNotFound();
 }
 
-platform::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
+platform::crypto::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
                                            const std::shared_ptr<AuthenticationContext>& context) {
-    const auto wrapping = platform::keyProcessorFor(key.wrappingPrivateKeyData)
+    const auto wrapping = platform::key_processor::keyProcessorFor(key.wrappingPrivateKeyData)
                               .rebuildKey(key.wrappingPrivateKeyData, context);
-    return platform::ecies::decrypt(key.wrappedPrivateKey, [&](ByteView ephemeralPoint) {
+    return platform::key_service::ecies::decrypt(key.wrappedPrivateKey, [&](ByteView ephemeralPoint) {
         return wrapping->agree(ephemeralPoint);
     });
 }
 
-platform::SoftwareKey unwrapPrivateKey(const SealedKey& key,
+platform::key_service::SoftwareKey unwrapPrivateKey(const SealedKey& key,
                                        const std::shared_ptr<AuthenticationContext>& context) {
     return unwrapPrivateKeyWithData(key, context).first;
 }
 
-std::pair<platform::SoftwareKey, platform::SecretBytes> unwrapPrivateKeyWithData(
+std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes> unwrapPrivateKeyWithData(
     const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context) {
     auto data = unwrapPrivateKeyData(key, context);
-    auto software = platform::SoftwareKey::fromExternalRepresentation(key.keyType, data);
+    auto software = platform::key_service::SoftwareKey::fromExternalRepresentation(key.keyType, data);
     return {std::move(software), std::move(data)};
 }
 
 Bytes signWithStoredKey(ByteView message, const KeyStorage& storage,
-                        platform::SignatureAlgorithm algorithm) {
+                        platform::key_service::SignatureAlgorithm algorithm) {
     const auto context = std::make_shared<AuthenticationContext>();
-    const auto [handle, keyType] = keyHandle(storage, context);
-    return handle.sign(algorithm, message);
+    return privateKey(storage, context)->sign(algorithm, message);
 }
 
 }  // namespace keyloft::keys

@@ -3,17 +3,18 @@
 #include <memory>
 #include <utility>
 
-#include "keys/key_handle.hpp"
+#include "platform/key_processor/key_processor.hpp"
+#include "platform/key_service/software_key.hpp"
 #include "keys/stored_key_records.hpp"
 
 namespace keyloft::keys {
 
-using platform::AuthenticationContext;
+using platform::key_processor::AuthenticationContext;
 
-// The handle of a stored key and its key type; a processor key wins over a sealed one. Throws
-// "Stored key not found" for a record holding neither.
-std::pair<KeyHandle, std::string> keyHandle(const KeyStorage& storage,
-                                            const std::shared_ptr<AuthenticationContext>& context);
+// The private key a record reaches; a processor key wins over a sealed one. Throws "Stored key not
+// found" for a record holding neither.
+std::unique_ptr<platform::key_service::PrivateKey> privateKey(
+    const KeyStorage& storage, const std::shared_ptr<AuthenticationContext>& context);
 
 struct Protection {
     BiometryProtection biometryProtection;
@@ -22,15 +23,15 @@ struct Protection {
 Protection protectionOf(const KeyStorage& storage);
 
 // The sealed private key's external representation, opened with its wrapping key.
-platform::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
+platform::crypto::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
                                            const std::shared_ptr<AuthenticationContext>& context);
-platform::SoftwareKey unwrapPrivateKey(const SealedKey& key,
+platform::key_service::SoftwareKey unwrapPrivateKey(const SealedKey& key,
                                        const std::shared_ptr<AuthenticationContext>& context);
-std::pair<platform::SoftwareKey, platform::SecretBytes> unwrapPrivateKeyWithData(
+std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes> unwrapPrivateKeyWithData(
     const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context);
 
 // Signs with a fresh authentication context.
 Bytes signWithStoredKey(ByteView message, const KeyStorage& storage,
-                        platform::SignatureAlgorithm algorithm);
+                        platform::key_service::SignatureAlgorithm algorithm);
 
 }  // namespace keyloft::keys

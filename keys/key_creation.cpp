@@ -1,8 +1,8 @@
 #include "keys/key_creation.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
-#include "platform/keyservice/ecies.hpp"
+#include "platform/key_service/ecies.hpp"
 
 namespace keyloft::keys {
 namespace {
@@ -14,34 +14,44 @@ BiometryProtection protectionFor(bool biometry) {
 }  // namespace
 
 std::uint32_t accessControlFor(bool biometry) {
-    return platform::accessControlPrivateKeyUsage |
-           (biometry ? platform::accessControlBiometryAny : 0U);
+    return platform::key_processor::accessControlPrivateKeyUsage |
+           (biometry ? platform::key_processor::accessControlBiometryAny : 0U);
 }
 
-KeyHandle generateKey(KeyType type, bool biometry) {
+NewKey generateKey(KeyType type, bool biometry) {
+    const auto inProcessor = [&](int sizeInBits) {
+        auto key = platform::key_processor::defaultKeyProcessor().createKey(
+            sizeInBits, accessControlFor(biometry));
+        KeyStorage storage{.bastionKey = makeBastionKey(*key, biometry)};
+        return NewKey{std::move(key), std::move(storage)};
+    };
+    const auto wrapped = [&](int sizeInBits) {
+        auto key = std::make_unique<platform::key_service::SoftwareKey>(
+            platform::key_service::SoftwareKey::generateEC(sizeInBits));
+        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry)};
+        return NewKey{std::move(key), std::move(storage)};
+    };
     switch (type) {
         case KeyType::p256:
-            return KeyHandle(platform::SoftwareKey::generateEC(256));
+            return wrapped(256);
         case KeyType::p384:
-            return KeyHandle(platform::SoftwareKey::generateEC(384));
+            return wrapped(384);
         case KeyType::p521:
-            return KeyHandle(platform::SoftwareKey::generateEC(521));
+            return wrapped(521);
         case KeyType::p256ne:
-            return KeyHandle(
-                platform::defaultKeyProcessor().createKey(256, accessControlFor(biometry)));
+            return inProcessor(256);
         case KeyType::p384ne:
-            return KeyHandle(
-                platform::defaultKeyProcessor().createKey(384, accessControlFor(biometry)));
+            return inProcessor(384);
     }
     throw PlatformError("unsupported key type");
 }
 
-BastionKey makeBastionKey(const platform::ProcessorKey& key, bool biometry) {
-    return {platform::sha1(key.publicKeyAttributes().externalRepresentation),
+BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry) {
+    return {platform::crypto::sha1(key.publicKeyAttributes().externalRepresentation),
             key.objectIdentifier(), protectionFor(biometry)};
 }
 
-SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry) {
+SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry) {
     const auto plaintext = key.externalRepresentation();
     SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
     try {
@@ -51,7 +61,7 @@ SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry) {
     }
 
     const auto wrapping =
-        platform::defaultKeyProcessor().createKey(256, accessControlFor(biometry));
+        platform::key_processor::defaultKeyProcessor().createKey(256, accessControlFor(biometry));
     Bytes wrappingPoint;
     try {
         wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
@@ -64,7 +74,7 @@ SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry) {
 
     // The key service's own reason is not reported on this path.
     try {
-        sealed.wrappedPrivateKey = platform::ecies::encrypt(wrappingPoint, plaintext);
+        sealed.wrappedPrivateKey = platform::key_service::ecies::encrypt(wrappingPoint, plaintext);
     } catch (const PlatformError&) {
         throw KeyloftError::generic("failed to get key attributes");
     }

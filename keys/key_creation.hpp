@@ -1,7 +1,10 @@
 #pragma once
 
-#include "keyloft/options.hpp"
-#include "keys/key_handle.hpp"
+#include "keys/key_type.hpp"
+#include <memory>
+
+#include "platform/key_processor/key_processor.hpp"
+#include "platform/key_service/software_key.hpp"
 #include "keys/stored_key_records.hpp"
 
 namespace keyloft::keys {
@@ -9,13 +12,20 @@ namespace keyloft::keys {
 // The access-control word of a processor key: private-key usage, plus any enrolled biometry.
 std::uint32_t accessControlFor(bool biometry);
 
-// A new key pair of the type: inside the key processor for the "-ne" types, else a software key.
-KeyHandle generateKey(KeyType type, bool biometry);
+// A new key pair and the record that reaches it again.
+struct NewKey {
+    std::unique_ptr<platform::key_service::PrivateKey> key;
+    KeyStorage storage;
+};
 
-// The record of a processor key made by generateKey.
-BastionKey makeBastionKey(const platform::ProcessorKey& key, bool biometry);
+// A key pair of the type: made inside the key processor for the "-ne" types, else a software key
+// wrapped under a new processor-held key.
+NewKey generateKey(KeyType type, bool biometry);
+
+// The record of a processor key.
+BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry);
 
 // Wraps a software private key under a new processor-held P-256 wrapping key.
-SealedKey makeSealedKey(const platform::SoftwareKey& key, bool biometry);
+SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry);
 
 }  // namespace keyloft::keys

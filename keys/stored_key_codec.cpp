@@ -6,16 +6,16 @@
 #include <type_traits>
 #include <variant>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/plist/binary_plist.hpp"
-#include "platform/system/log.hpp"
+#include "platform/os/log.hpp"
 
 namespace keyloft::keys {
 namespace {
 
-using platform::PlistArray;
-using platform::PlistDictionary;
-using platform::PlistValue;
+using platform::plist::PlistArray;
+using platform::plist::PlistDictionary;
+using platform::plist::PlistValue;
 
 // Where and why the stored layout was not met; only its text reaches the diagnostic log.
 class LayoutError : public std::runtime_error {
@@ -36,7 +36,7 @@ std::string typeName(const PlistValue& value) {
     return std::visit(
         [](const auto& content) -> std::string {
             using T = std::decay_t<decltype(content)>;
-            if constexpr (std::is_same_v<T, platform::PlistUnsupported>) {
+            if constexpr (std::is_same_v<T, platform::plist::PlistUnsupported>) {
                 return content.typeName;
             } else {
                 return std::string(kindName<T>());
@@ -58,7 +58,7 @@ std::string memberPath(const std::string& path, std::string_view key) {
 
 const PlistValue& required(const PlistDictionary& dictionary, std::string_view key,
                            const std::string& path) {
-    if (const PlistValue* value = platform::findValue(dictionary, key)) return *value;
+    if (const PlistValue* value = platform::plist::findValue(dictionary, key)) return *value;
     throw LayoutError(memberPath(path, key) + ": missing");
 }
 
@@ -93,10 +93,10 @@ SealedKey decodeSealedKey(const PlistValue& value, const std::string& path) {
 KeyStorage decodeKeyStorage(const PlistValue& value, const std::string& path) {
     const auto& dictionary = expect<PlistDictionary>(value, path);
     KeyStorage storage;
-    if (const PlistValue* bastionKey = platform::findValue(dictionary, "bastionKey")) {
+    if (const PlistValue* bastionKey = platform::plist::findValue(dictionary, "bastionKey")) {
         storage.bastionKey = decodeBastionKey(*bastionKey, memberPath(path, "bastionKey"));
     }
-    if (const PlistValue* sealedKey = platform::findValue(dictionary, "sealedKey")) {
+    if (const PlistValue* sealedKey = platform::plist::findValue(dictionary, "sealedKey")) {
         storage.sealedKey = decodeSealedKey(*sealedKey, memberPath(path, "sealedKey"));
     }
     return storage;
@@ -120,7 +120,7 @@ StoredKeyMap decodeKeyPairs(const PlistValue& value) {
 KeyloftDataStorage decodeDataStorage(const PlistValue& root) {
     const auto& dictionary = expect<PlistDictionary>(root, "root");
     KeyloftDataStorage storage{.version = requiredOf<std::int64_t>(dictionary, "version", "")};
-    if (const PlistValue* keys = platform::findValue(dictionary, "keys")) {
+    if (const PlistValue* keys = platform::plist::findValue(dictionary, "keys")) {
         storage.keys = decodeKeyPairs(*keys);
     }
     return storage;
@@ -159,15 +159,15 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
     if (!configurationData) return {};
     KeyloftDataStorage storage;
     try {
-        storage = decodeDataStorage(platform::fromBinary(*configurationData));
+        storage = decodeDataStorage(platform::plist::fromBinary(*configurationData));
     } catch (const std::runtime_error& failure) {
         // Both the property-list reader (PlatformError) and the layout checks (LayoutError) land
         // here.
-        platform::logError(std::string("Failed to decode data: ") + failure.what());
+        platform::os::logError(std::string("Failed to decode data: ") + failure.what());
         throw KeyloftError::decodeDataFailed();
     }
     if (storage.version != currentDataVersion) {
-        platform::logDebug("Ignoring decoded data with different version: " +
+        platform::os::logDebug("Ignoring decoded data with different version: " +
                            std::to_string(storage.version));
         throw KeyloftError::dataVersionMismatch();
     }
@@ -182,7 +182,7 @@ Bytes encodeStoredKeys(const StoredKeyMap& keys) {
         pairs.push_back({hash});
         pairs.push_back(encodeKeyStorage(storage));
     }
-    return platform::toBinary({PlistDictionary{
+    return platform::plist::toBinary({PlistDictionary{
         {"version", {currentDataVersion}},
         {"keys", {std::move(pairs)}},
     }});

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 #include "keys/stored_key_records.hpp"
 
 namespace keyloft::keys {

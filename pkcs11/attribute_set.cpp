@@ -19,7 +19,7 @@ Bytes boolValue(bool value) {
 
 AttributeSet::~AttributeSet() {
     for (auto& [type, value] : values_) {
-        if (value) platform::wipe(value->data(), value->size());
+        if (value) platform::crypto::wipe(value->data(), value->size());
     }
 }
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <span>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 #include "pkcs11/cryptoki.hpp"
 
 namespace keyloft::pkcs11 {

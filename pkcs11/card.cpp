@@ -47,13 +47,13 @@ const TokenObject& Card::key(CK_OBJECT_HANDLE handle) const {
     return *object;
 }
 
-std::shared_ptr<const keys::KeyHandle> Card::privateKey(Session& session,
+std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(Session& session,
                                                         const KeyFacts& key) const {
     const keys::KeyStorage* stored = objects_.storedKey(key);
     if (stored == nullptr) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
     auto reach = [&] {
-        return std::make_shared<const keys::KeyHandle>(
-            keys::keyHandle(*stored, std::make_shared<keys::AuthenticationContext>()).first);
+        return std::shared_ptr<const platform::key_service::PrivateKey>(
+            keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>()));
     };
     if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on)
         return reach();

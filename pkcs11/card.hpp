@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include "keys/key_handle.hpp"
+#include "platform/key_service/private_key.hpp"
 #include "pkcs11/object_store.hpp"
 #include "pkcs11/session.hpp"
 
@@ -37,7 +37,7 @@ class Card {
     // session and kept with it; a protected one is reached for each operation with a fresh
     // authentication context, so that it asks for presence every time. Throws
     // CKR_KEY_HANDLE_INVALID when its stored key has gone.
-    std::shared_ptr<const keys::KeyHandle> privateKey(Session& session, const KeyFacts& key) const;
+    std::shared_ptr<const platform::key_service::PrivateKey> privateKey(Session& session, const KeyFacts& key) const;
 
   private:
     ObjectStore objects_;

@@ -21,7 +21,7 @@ bool boolOf(const CK_ATTRIBUTE& attribute) {
 
 }  // namespace
 
-TokenObject derivedSecretObject(const platform::SecretBytes& secret,
+TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
                                 std::span<const CK_ATTRIBUTE> keyTemplate) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, CKO_SECRET_KEY);

@@ -10,7 +10,7 @@ namespace keyloft::pkcs11 {
 // The session object holding a derived secret, shaped by the application's template: its class
 // must be a secret key, CKA_VALUE_LEN may shorten the secret, and a token object is refused.
 // Throws CryptokiError.
-TokenObject derivedSecretObject(const platform::SecretBytes& secret,
+TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
                                 std::span<const CK_ATTRIBUTE> keyTemplate);
 
 }  // namespace keyloft::pkcs11

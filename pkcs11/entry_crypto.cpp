@@ -140,7 +140,7 @@ CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_U
     return onCard([&](Card& card) {
         card.session(hSession);
         const auto out = arrayArgument(pRandomData, ulRandomLen);
-        if (!platform::randomBytes(out)) throw CryptokiError(CKR_FUNCTION_FAILED);
+        if (!platform::crypto::randomBytes(out)) throw CryptokiError(CKR_FUNCTION_FAILED);
     });
 }
 

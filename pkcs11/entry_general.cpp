@@ -4,7 +4,7 @@
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/module_state.hpp"
 #include "pkcs11/token_info.hpp"
-#include "platform/tessera/token_watcher.hpp"
+#include "store/user_card.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -35,14 +35,14 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
         auto& state = moduleState();
         const std::lock_guard guard(state.lock);
         if (state.card) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
-        std::shared_ptr<platform::TesseraTokenWatcher> watcher =
-            platform::TesseraTokenWatcher::userToken();
+        std::shared_ptr<platform::token_store::TesseraTokenWatcher> watcher =
+            store::watchUserToken();
         state.card = std::make_unique<Card>([watcher] { return watcher->changes(); });
         return CKR_OK;
     } catch (const std::bad_alloc&) {
         return CKR_HOST_MEMORY;
     } catch (const std::exception& error) {
-        platform::logError(std::string("PKCS#11 module cannot start: ") + error.what());
+        platform::os::logError(std::string("PKCS#11 module cannot start: ") + error.what());
         return CKR_GENERAL_ERROR;
     }
 }

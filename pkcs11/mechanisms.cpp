@@ -6,7 +6,7 @@
 namespace keyloft::pkcs11 {
 namespace {
 
-using platform::DigestAlgorithm;
+using platform::crypto::DigestAlgorithm;
 
 constexpr std::array table{
     Mechanism{CKM_ECDSA, Scheme::ecdsa, std::nullopt},
@@ -76,7 +76,7 @@ std::vector<CK_MECHANISM_TYPE> mechanismsFor(CK_KEY_TYPE keyType) {
     return types;
 }
 
-std::optional<platform::DigestAlgorithm> digestOfMechanism(CK_MECHANISM_TYPE type) {
+std::optional<platform::crypto::DigestAlgorithm> digestOfMechanism(CK_MECHANISM_TYPE type) {
     switch (type) {
         case CKM_SHA_1:
             return DigestAlgorithm::sha1;
@@ -93,7 +93,7 @@ std::optional<platform::DigestAlgorithm> digestOfMechanism(CK_MECHANISM_TYPE typ
     }
 }
 
-std::optional<platform::DigestAlgorithm> digestOfMgf(CK_RSA_PKCS_MGF_TYPE mgf) {
+std::optional<platform::crypto::DigestAlgorithm> digestOfMgf(CK_RSA_PKCS_MGF_TYPE mgf) {
     switch (mgf) {
         case CKG_MGF1_SHA1:
             return DigestAlgorithm::sha1;

@@ -16,7 +16,7 @@ struct Mechanism {
     CK_MECHANISM_TYPE type;
     Scheme scheme;
     // The digest the module computes over the data first; nothing when the data is the input.
-    std::optional<platform::DigestAlgorithm> digest;
+    std::optional<platform::crypto::DigestAlgorithm> digest;
 };
 
 // Every mechanism the module offers, in the order it lists them.
@@ -31,7 +31,7 @@ CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism);
 std::vector<CK_MECHANISM_TYPE> mechanismsFor(CK_KEY_TYPE keyType);
 
 // The digest named by a CKM_SHA* mechanism or CKG_MGF1_SHA* generator; nothing for others.
-std::optional<platform::DigestAlgorithm> digestOfMechanism(CK_MECHANISM_TYPE type);
-std::optional<platform::DigestAlgorithm> digestOfMgf(CK_RSA_PKCS_MGF_TYPE mgf);
+std::optional<platform::crypto::DigestAlgorithm> digestOfMechanism(CK_MECHANISM_TYPE type);
+std::optional<platform::crypto::DigestAlgorithm> digestOfMgf(CK_RSA_PKCS_MGF_TYPE mgf);
 
 }  // namespace keyloft::pkcs11

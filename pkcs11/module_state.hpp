@@ -4,9 +4,9 @@
 #include <mutex>
 #include <new>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pkcs11/card.hpp"
-#include "platform/system/log.hpp"
+#include "platform/os/log.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -34,7 +34,7 @@ CK_RV onCard(Work&& work) noexcept {
     } catch (const std::bad_alloc&) {
         return CKR_HOST_MEMORY;
     } catch (const std::exception& error) {
-        platform::logError(std::string("PKCS#11 operation failed: ") + error.what());
+        platform::os::logError(std::string("PKCS#11 operation failed: ") + error.what());
         return CKR_FUNCTION_FAILED;
     } catch (...) {
         return CKR_GENERAL_ERROR;

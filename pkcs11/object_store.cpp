@@ -1,6 +1,6 @@
 #include "pkcs11/object_store.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
 
 namespace keyloft::pkcs11 {

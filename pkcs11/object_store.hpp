@@ -8,7 +8,7 @@
 
 #include "keys/stored_key_records.hpp"
 #include "pkcs11/token_objects.hpp"
-#include "platform/tessera/token_watcher.hpp"
+#include "platform/token_store/token_watcher.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -17,7 +17,7 @@ namespace keyloft::pkcs11 {
 class ObjectStore {
   public:
     // Answers the token's state when it may have changed, nothing when it has not.
-    using Source = std::function<std::optional<platform::TesseraTokenSnapshot>()>;
+    using Source = std::function<std::optional<platform::token_store::TesseraTokenSnapshot>()>;
 
     explicit ObjectStore(Source source) : source_(std::move(source)) {}
 

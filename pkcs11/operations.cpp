@@ -4,12 +4,12 @@
 #include "der/digest_info.hpp"
 #include "der/ecdsa_signature.hpp"
 #include "der/object_identifiers.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
 
-using platform::DigestAlgorithm;
+using platform::crypto::DigestAlgorithm;
 
 std::size_t fieldSize(const KeyFacts& key) {
     return (key.sizeInBits + 7) / 8;
@@ -88,23 +88,23 @@ SignOperation::SignOperation(const CK_MECHANISM& mechanism, const TokenObject& k
     if (mechanism_->digest && *mechanism_->digest != hash)
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
     const std::size_t encodedSize = (key_.sizeInBits - 1 + 7) / 8;
-    if (pss->sLen + platform::digestSize(hash) + 2 > encodedSize)
+    if (pss->sLen + platform::crypto::digestSize(hash) + 2 > encodedSize)
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
-    pss_ = platform::RsaPssParameters{hash, mgf, pss->sLen};
+    pss_ = platform::key_service::RsaPssParameters{hash, mgf, pss->sLen};
 }
 
 std::size_t SignOperation::signatureSize() const {
     return key_.keyType == CKK_EC ? 2 * fieldSize(key_) : fieldSize(key_);
 }
 
-Bytes SignOperation::sign(const keys::KeyHandle& handle) const {
+Bytes SignOperation::sign(const platform::key_service::PrivateKey& handle) const {
     const Bytes input =
-        mechanism_->digest ? platform::digest(*mechanism_->digest, data_) : Bytes(data_);
+        mechanism_->digest ? platform::crypto::digest(*mechanism_->digest, data_) : Bytes(data_);
     switch (mechanism_->scheme) {
         case Scheme::ecdsa: {
             if (input.empty()) throw CryptokiError(CKR_DATA_LEN_RANGE);
             const Bytes signature =
-                handle.sign(platform::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
+                handle.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
             auto raw = der::rawEcdsaSignature(signature, fieldSize(key_));
             if (!raw) throw CryptokiError(CKR_FUNCTION_FAILED);
             return std::move(*raw);
@@ -114,10 +114,10 @@ Bytes SignOperation::sign(const keys::KeyHandle& handle) const {
                                     ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
                                     : input;
             if (block.size() + 11 > fieldSize(key_)) throw CryptokiError(CKR_DATA_LEN_RANGE);
-            return handle.sign(platform::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
+            return handle.sign(platform::key_service::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
         }
         case Scheme::rsaPss:
-            if (input.size() != platform::digestSize(pss_->hash))
+            if (input.size() != platform::crypto::digestSize(pss_->hash))
                 throw CryptokiError(CKR_DATA_LEN_RANGE);
             return handle.signRsaPss(input, *pss_);
         case Scheme::ecdh:
@@ -141,7 +141,7 @@ DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObj
              hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
 }
 
-platform::SecretBytes DecryptOperation::decrypt(const keys::KeyHandle& handle,
+platform::crypto::SecretBytes DecryptOperation::decrypt(const platform::key_service::PrivateKey& handle,
                                                 ByteView ciphertext) const {
     if (ciphertext.size() != plaintextLimit()) throw CryptokiError(CKR_ENCRYPTED_DATA_LEN_RANGE);
     try {
@@ -171,7 +171,7 @@ EcdhDerivation::EcdhDerivation(const CK_MECHANISM& mechanism, const TokenObject&
     peerPoint_ = wrapped->bytes();
 }
 
-platform::SecretBytes EcdhDerivation::derive(const keys::KeyHandle& handle) const {
+platform::crypto::SecretBytes EcdhDerivation::derive(const platform::key_service::PrivateKey& handle) const {
     try {
         return handle.agree(peerPoint_);
     } catch (const PlatformError&) {

@@ -2,8 +2,8 @@
 
 #include <optional>
 
-#include "keyloft/bytes.hpp"
-#include "keys/key_handle.hpp"
+#include "base/bytes.hpp"
+#include "platform/key_service/private_key.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/token_objects.hpp"
 #include "platform/crypto/secret.hpp"
@@ -20,12 +20,12 @@ class SignOperation {
     std::size_t signatureSize() const;
     void update(ByteView part) { data_.insert(data_.end(), part.begin(), part.end()); }
     // The signature over everything given so far.
-    Bytes sign(const keys::KeyHandle& handle) const;
+    Bytes sign(const platform::key_service::PrivateKey& handle) const;
 
   private:
     const Mechanism* mechanism_;
     KeyFacts key_;
-    std::optional<platform::RsaPssParameters> pss_;
+    std::optional<platform::key_service::RsaPssParameters> pss_;
     Bytes data_;
 };
 
@@ -36,11 +36,11 @@ class DecryptOperation {
     const KeyFacts& key() const { return key_; }
     // The most the plaintext can take.
     std::size_t plaintextLimit() const { return (key_.sizeInBits + 7) / 8; }
-    platform::SecretBytes decrypt(const keys::KeyHandle& handle, ByteView ciphertext) const;
+    platform::crypto::SecretBytes decrypt(const platform::key_service::PrivateKey& handle, ByteView ciphertext) const;
 
   private:
     KeyFacts key_;
-    platform::RsaOaepParameters oaep_;
+    platform::key_service::RsaOaepParameters oaep_;
 };
 
 // ECDH with the key: the peer's point from CK_ECDH1_DERIVE_PARAMS (raw or as a DER OCTET STRING),
@@ -50,7 +50,7 @@ class EcdhDerivation {
     EcdhDerivation(const CK_MECHANISM& mechanism, const TokenObject& key);
 
     const KeyFacts& key() const { return key_; }
-    platform::SecretBytes derive(const keys::KeyHandle& handle) const;
+    platform::crypto::SecretBytes derive(const platform::key_service::PrivateKey& handle) const;
 
   private:
     KeyFacts key_;

@@ -14,7 +14,7 @@ namespace keyloft::pkcs11 {
 // A private key the session reached, kept while its stored key stays the same.
 struct SessionKey {
     keys::KeyStorage storage;
-    std::shared_ptr<const keys::KeyHandle> handle;
+    std::shared_ptr<const platform::key_service::PrivateKey> handle;
 };
 
 // One application session and the operations it has started.

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "platform/crypto/digest.hpp"
-#include "platform/tessera/token_store.hpp"
+#include "store/user_card.hpp"
 #include "pubkey/hex.hpp"
 
 namespace keyloft::pkcs11 {
@@ -22,8 +22,9 @@ void fill(CK_UTF8CHAR (&field)[N], std::string_view text) {
 // Derived from the token's names, so that it stays the same across runs and machines for the
 // same card, as applications that remember tokens expect.
 std::string serialNumber() {
-    const std::string name = std::string(platform::keyloftTokenDriverClassID) + "/user";
-    const Bytes hash = platform::sha1(bytesOf(name));
+    const std::string name =
+        std::string(store::driverClassID) + "/" + std::string(store::userInstanceID);
+    const Bytes hash = platform::crypto::sha1(bytesOf(name));
     return pubkey::toHexString(ByteView(hash).first(8));
 }
 

@@ -6,7 +6,7 @@
 #include "der/object_identifiers.hpp"
 #include "keys/key_access.hpp"
 #include "pkcs11/mechanisms.hpp"
-#include "platform/crypto/key_types.hpp"
+#include "base/key_types.hpp"
 #include "x509/certificate_fields.hpp"
 
 namespace keyloft::pkcs11 {
@@ -40,7 +40,7 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     return attributes;
 }
 
-TokenObject certificateObject(const platform::TesseraTokenCertificateItem& item) {
+TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item) {
     auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, item.label);
     attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
     attributes.setBool(CKA_TRUSTED, false);
@@ -81,17 +81,17 @@ std::optional<RsaNumbers> rsaNumbers(ByteView rsaPublicKey) {
 
 // Attributes of the public key itself, shared by both key objects; false when the key cannot
 // be described.
-bool describeKey(const platform::TesseraTokenKeyItem& item, AttributeSet& attributes,
+bool describeKey(const platform::token_store::TesseraTokenKeyItem& item, AttributeSet& attributes,
                  CK_KEY_TYPE& keyType) {
     if (!item.publicKeyData) return false;
-    if (item.keyType == platform::keyTypeEC) {
+    if (item.keyType == keyTypeEC) {
         const ByteView curve = der::curveOidForSize(item.keySizeInBits);
         if (curve.empty()) return false;
         keyType = CKK_EC;
         attributes.set(CKA_EC_PARAMS, der::encode(der::oidRecord(curve)));
         return true;
     }
-    if (item.keyType == platform::keyTypeRSA) {
+    if (item.keyType == keyTypeRSA) {
         const auto numbers = rsaNumbers(*item.publicKeyData);
         if (!numbers) return false;
         keyType = CKK_RSA;
@@ -119,12 +119,12 @@ struct Capabilities {
 };
 
 // Unset flags take the defaults the tool itself writes for the key type.
-Capabilities capabilitiesOf(const platform::TesseraTokenKeyItem& item, CK_KEY_TYPE keyType) {
+Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& item, CK_KEY_TYPE keyType) {
     return {item.canSign.value_or(true), item.canDecrypt.value_or(keyType == CKK_RSA),
             item.canPerformKeyExchange.value_or(keyType == CKK_EC)};
 }
 
-void appendKeyObjects(const platform::TesseraTokenKeyItem& item,
+void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
                       const keys::StoredKeyMap& storedKeys, std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
@@ -196,14 +196,14 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
     return value != nullptr && value->size() == 1 && (*value)[0] == CK_TRUE;
 }
 
-std::vector<TokenObject> tokenObjects(const platform::TesseraTokenItems& items,
+std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
                                       const keys::StoredKeyMap& storedKeys) {
     std::vector<TokenObject> objects;
     for (const auto& item : items) {
-        if (const auto* certificate = std::get_if<platform::TesseraTokenCertificateItem>(&item)) {
+        if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
             objects.push_back(certificateObject(*certificate));
         } else {
-            appendKeyObjects(std::get<platform::TesseraTokenKeyItem>(item), storedKeys, objects);
+            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys, objects);
         }
     }
     // Objects of one class may share an id; their order in the list tells them apart.

@@ -4,10 +4,10 @@
 #include <optional>
 #include <vector>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 #include "keys/stored_key_records.hpp"
 #include "pkcs11/attribute_set.hpp"
-#include "platform/tessera/token_items.hpp"
+#include "platform/token_store/token_items.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -38,7 +38,7 @@ struct TokenObject {
 
 // The objects applications see for an item list: a certificate per certificate item; a public
 // and a private key per key item (the private key only when its stored key exists).
-std::vector<TokenObject> tokenObjects(const platform::TesseraTokenItems& items,
+std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
                                       const keys::StoredKeyMap& storedKeys);
 
 }  // namespace keyloft::pkcs11

@@ -5,7 +5,7 @@
 #include <limits>
 #include <new>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/text/utf16.hpp"
 
@@ -16,18 +16,18 @@ constexpr std::size_t blockSize = 64;  // v: SHA-1's input block
 constexpr std::size_t hashSize = 20;   // u: SHA-1's output
 
 // Repeats the bytes to the next multiple of the block size at or above their length.
-platform::SecretBytes extendToBlocks(ByteView bytes) {
+platform::crypto::SecretBytes extendToBlocks(ByteView bytes) {
     const std::size_t length = (bytes.size() + blockSize - 1) / blockSize * blockSize;
-    platform::SecretBytes out(length);
+    platform::crypto::SecretBytes out(length);
     for (std::size_t i = 0; i < length; ++i) out[i] = bytes[i % bytes.size()];
     return out;
 }
 
 // Replaces the bytes by their SHA-1 without leaving the old or the new value in freed memory.
-void hashInPlace(platform::SecretBytes& bytes) {
-    Bytes digest = platform::sha1(bytes);
+void hashInPlace(platform::crypto::SecretBytes& bytes) {
+    Bytes digest = platform::crypto::sha1(bytes);
     bytes.assign(digest.begin(), digest.end());
-    platform::wipe(digest.data(), digest.size());
+    platform::crypto::wipe(digest.data(), digest.size());
 }
 
 // block = (block + b + 1) mod 2^512, big-endian; the carry out of the top byte is dropped.
@@ -42,22 +42,22 @@ void addWithCarry(std::span<std::uint8_t> block, ByteView b) {
 
 void derive(std::string_view password, ByteView salt, std::uint32_t iterations, PbeId id,
             std::span<std::uint8_t> out) {
-    auto passwordBytes = platform::utf16BigEndian(password);
+    auto passwordBytes = platform::text::utf16BigEndian(password);
     passwordBytes.insert(passwordBytes.end(), {0, 0});
-    platform::SecretBytes input = extendToBlocks(salt);
+    platform::crypto::SecretBytes input = extendToBlocks(salt);
     const auto extendedPassword = extendToBlocks(passwordBytes);
     input.insert(input.end(), extendedPassword.begin(), extendedPassword.end());
     // A typed password and an 8-byte salt stay far below this; only a caller's bug reaches it.
     if (input.size() >= std::numeric_limits<std::uint32_t>::max()) std::abort();
 
-    platform::SecretBytes result;
+    platform::crypto::SecretBytes result;
     while (result.size() < out.size()) {
-        platform::SecretBytes a(blockSize, static_cast<std::uint8_t>(id));
+        platform::crypto::SecretBytes a(blockSize, static_cast<std::uint8_t>(id));
         a.insert(a.end(), input.begin(), input.end());
         hashInPlace(a);
         for (std::uint32_t i = 1; i < iterations; ++i) hashInPlace(a);
         result.insert(result.end(), a.begin(), a.end());
-        platform::SecretBytes b(blockSize);
+        platform::crypto::SecretBytes b(blockSize);
         for (std::size_t i = 0; i < blockSize; ++i) b[i] = a[i % hashSize];
         for (std::size_t j = 0; j < input.size(); j += blockSize)
             addWithCarry({input.data() + j, blockSize}, b);
@@ -80,15 +80,15 @@ int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::ui
     }
 }
 
-platform::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,
+platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,
                              PbeId id, std::size_t length, const std::string& failureMessage) {
-    platform::SecretBytes out(length);
+    platform::crypto::SecretBytes out(length);
     if (p12_pbe_gen(password, salt, iterations, id, out) != 0)
         throw KeyloftError::generic(failureMessage);
     return out;
 }
 
-platform::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
+platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
                                 std::uint32_t iterations) {
     return pbeKey(password, salt, iterations, PbeId::mac, hashSize, "Failed to generate pbe");
 }

@@ -1,19 +1,19 @@
 #include "pkcs12/pbe_encrypt.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pkcs12/p12_pbe_gen.hpp"
 
 namespace keyloft::pkcs12 {
 
 Bytes pbeEncrypt(ByteView plaintext, std::string_view password, ByteView salt,
-                 std::uint32_t iterations, int keyLengthInBits, platform::BlockCipher cipher,
+                 std::uint32_t iterations, int keyLengthInBits, platform::crypto::BlockCipher cipher,
                  std::size_t ivLength) {
     const auto keyLength = static_cast<std::size_t>((keyLengthInBits + 7) / 8);
     const auto key =
         pbeKey(password, salt, iterations, PbeId::key, keyLength, "Failed to generate RC2 key");
     const auto iv =
         pbeKey(password, salt, iterations, PbeId::iv, ivLength, "Failed to generate RC2 iv");
-    auto result = platform::encryptCbc(cipher, key, iv, plaintext);
+    auto result = platform::crypto::encryptCbc(cipher, key, iv, plaintext);
     if (result.status != 0) {
         throw KeyloftError::generic(
             "Algorithm: " + std::to_string(static_cast<int>(cipher)) +

@@ -1,11 +1,11 @@
 #include "pkcs12/pfx.hpp"
 
 #include "der/object_identifiers.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pkcs12/p12_pbe_gen.hpp"
 #include "pkcs12/pbe_encrypt.hpp"
 #include "platform/crypto/digest.hpp"
-#include "platform/crypto/key_types.hpp"
+#include "base/key_types.hpp"
 #include "platform/crypto/random.hpp"
 
 namespace keyloft::pkcs12 {
@@ -17,7 +17,7 @@ constexpr std::size_t saltSize = 8;
 
 Bytes randomSalt() {
     Bytes salt(saltSize);
-    if (!platform::randomBytes(salt)) throw KeyloftError::generic("failed to generate salt");
+    if (!platform::crypto::randomBytes(salt)) throw KeyloftError::generic("failed to generate salt");
     return salt;
 }
 
@@ -121,23 +121,23 @@ struct Mac {
 // HMAC-SHA1 over the AuthenticatedSafe DER, keyed from the password and a fresh salt.
 Mac pkcs12Mac(std::string_view password, ByteView authSafe, std::uint32_t iterations) {
     Bytes salt = randomSalt();
-    Bytes digest = platform::hmacSha1(pbeMacKey(password, salt, iterations), authSafe);
+    Bytes digest = platform::crypto::hmacSha1(pbeMacKey(password, salt, iterations), authSafe);
     return {std::move(digest), std::move(salt)};
 }
 
 KeyPlacement placementOf(const UnwrappedKey& key) {
-    if (key.keyType == platform::keyTypeEC) return ecPlacement(key);
-    if (key.keyType == platform::keyTypeRSA) return rsaPlacement(key);
+    if (key.keyType == keyTypeEC) return ecPlacement(key);
+    if (key.keyType == keyTypeRSA) return rsaPlacement(key);
     throw KeyloftError::generic("unsupported public key type: " + key.keyType);
 }
 
 }  // namespace
 
-platform::SecretBytes privateKeyInfo(const UnwrappedKey& key) {
+platform::crypto::SecretBytes privateKeyInfo(const UnwrappedKey& key) {
     const KeyPlacement placement = placementOf(key);
     const Bytes encoded = der::encode(
         der::sequenceRecord({der::integerRecord(0), placement.algorithm, placement.privateKey}));
-    platform::SecretBytes out(encoded.begin(), encoded.end());
+    platform::crypto::SecretBytes out(encoded.begin(), encoded.end());
     const auto secretEnd = out.end() - static_cast<std::ptrdiff_t>(placement.publicTail);
     std::copy(placement.secret.begin(), placement.secret.end(),
               secretEnd - static_cast<std::ptrdiff_t>(placement.secret.size()));
@@ -149,13 +149,13 @@ Bytes buildPKCS12(std::string_view password, ByteView certificate, ByteView pubK
     const Bytes certificateSalt = randomSalt();
     const Bytes certificateCipher =
         pbeEncrypt(certificateSafeContents(certificate, pubKeyHash), password, certificateSalt,
-                   iterations, 40, platform::BlockCipher::rc2, 8);
+                   iterations, 40, platform::crypto::BlockCipher::rc2, 8);
     const auto certificateInfo =
         encryptedDataContentInfo(certificateCipher, certificateSalt, iterations);
 
     const Bytes keySalt = randomSalt();
     const Bytes keyCipher = pbeEncrypt(privateKeyInfo(unwrap()), password, keySalt, iterations, 192,
-                                       platform::BlockCipher::tripleDes, 8);
+                                       platform::crypto::BlockCipher::tripleDes, 8);
     const auto keyInfo = shroudedKeyContentInfo(keyCipher, keySalt, pubKeyHash, iterations);
 
     const Bytes authSafe = der::encode(der::sequenceRecord({certificateInfo, keyInfo}));

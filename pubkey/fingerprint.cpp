@@ -1,6 +1,6 @@
 #include "pubkey/fingerprint.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "pubkey/base64.hpp"
 #include "pubkey/hex.hpp"
@@ -8,16 +8,16 @@
 
 namespace keyloft::pubkey {
 
-Bytes keyHash(const platform::TesseraTokenKeyItem& item, HashType type) {
+Bytes keyHash(const platform::token_store::TesseraTokenKeyItem& item, HashType type) {
     switch (type) {
         case HashType::sha1:
             if (!item.publicKeyHash) throw KeyloftError::generic("key has invalid public key hash");
             return *item.publicKeyHash;
         case HashType::sha256:
             if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
-            return platform::sha256(*item.publicKeyData);
+            return platform::crypto::sha256(*item.publicKeyData);
         case HashType::ssh:
-            return platform::sha256(sshPublicKeyBlob(item));
+            return platform::crypto::sha256(sshPublicKeyBlob(item));
     }
     throw KeyloftError::generic("invalid hash type");
 }

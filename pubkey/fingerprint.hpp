@@ -2,16 +2,16 @@
 
 #include <string>
 
-#include "keyloft/bytes.hpp"
-#include "keyloft/options.hpp"
-#include "platform/tessera/token_items.hpp"
+#include "base/bytes.hpp"
+#include "pubkey/hash_type.hpp"
+#include "platform/token_store/token_items.hpp"
 
 namespace keyloft::pubkey {
 
 // The digest shown for a key: sha1 is the item's public-key hash, sha256 hashes its public-key
 // data, ssh hashes its SSH public-key blob. Throws KeyloftError when the item lacks what the hash
 // type needs; the blob's own failures pass through.
-Bytes keyHash(const platform::TesseraTokenKeyItem& item, HashType type);
+Bytes keyHash(const platform::token_store::TesseraTokenKeyItem& item, HashType type);
 
 // hex: upper-case hex for every type. base64: padded base64 for sha1 and sha256; for ssh the
 // OpenSSH form, "SHA256:" and the base64 without its trailing "=".

@@ -1,22 +1,22 @@
 #include "pubkey/ssh_public_key.hpp"
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pubkey/ssh_wire.hpp"
 
 namespace keyloft::pubkey {
 
-Bytes sshPublicKeyBlob(const platform::TesseraTokenKeyItem& item) {
+Bytes sshPublicKeyBlob(const platform::token_store::TesseraTokenKeyItem& item) {
     if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
-    const auto key = platform::PublicKey::fromData(item.keyType, *item.publicKeyData);
+    const auto key = platform::key_service::PublicKey::fromData(item.keyType, *item.publicKeyData);
     Bytes blob;
-    if (item.keyType == platform::keyTypeEC) {
+    if (item.keyType == keyTypeEC) {
         const std::string curve = sshCurveName(key);
         const Bytes point = key.externalRepresentation();
         appendString(blob, fidoEcdsaKeyTypeName);
         appendString(blob, curve);
         appendData(blob, point);
         appendString(blob, fidoApplication);
-    } else if (item.keyType == platform::keyTypeRSA) {
+    } else if (item.keyType == keyTypeRSA) {
         const auto numbers = key.rsaNumbers();
         appendString(blob, "ssh-rsa");
         appendMPInt(blob, numbers.exponent);
@@ -27,7 +27,7 @@ Bytes sshPublicKeyBlob(const platform::TesseraTokenKeyItem& item) {
     return blob;
 }
 
-std::string sshCurveName(const platform::PublicKey& key) {
+std::string sshCurveName(const platform::key_service::PublicKey& key) {
     const auto attributes = key.attributes();
     if (!attributes) throw KeyloftError::generic("failed to copy attributes from public key");
     switch (attributes->sizeInBits) {

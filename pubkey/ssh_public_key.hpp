@@ -3,9 +3,9 @@
 #include <string>
 #include <string_view>
 
-#include "keyloft/bytes.hpp"
-#include "platform/keyservice/public_key.hpp"
-#include "platform/tessera/token_items.hpp"
+#include "base/bytes.hpp"
+#include "platform/key_service/public_key.hpp"
+#include "platform/token_store/token_items.hpp"
 
 namespace keyloft::pubkey {
 
@@ -17,10 +17,10 @@ inline constexpr std::string_view fidoApplication = "ssh:";
 // The SSH public-key blob of a token key: a FIDO ECDSA key for EC, "ssh-rsa" for RSA. Throws
 // KeyloftError for a key without data or of another type, PlatformError when the key service
 // cannot make a key of the data.
-Bytes sshPublicKeyBlob(const platform::TesseraTokenKeyItem& item);
+Bytes sshPublicKeyBlob(const platform::token_store::TesseraTokenKeyItem& item);
 
 // "nistp256", "nistp384" or "nistp521" by the key's size. Throws KeyloftError when the key
 // service reports no attributes.
-std::string sshCurveName(const platform::PublicKey& key);
+std::string sshCurveName(const platform::key_service::PublicKey& key);
 
 }  // namespace keyloft::pubkey

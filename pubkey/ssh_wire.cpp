@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft::pubkey {
 namespace {

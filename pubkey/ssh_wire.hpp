@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 // The SSH wire primitives (RFC 4251 section 5), each appended to a growing buffer. A field of
 // 2^32 bytes or more cannot be written and throws KeyloftError.

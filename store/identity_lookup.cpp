@@ -2,9 +2,8 @@
 
 #include <algorithm>
 
-#include "keyloft/error.hpp"
-#include "keys/stored_key_codec.hpp"
-#include "platform/certificate/certificate.hpp"
+#include "base/error.hpp"
+#include "platform/certificate_service/certificate.hpp"
 
 namespace keyloft::store {
 namespace {
@@ -16,40 +15,29 @@ bool sameBytes(ByteView a, ByteView b) {
 }  // namespace
 
 Bytes certificatePublicKeyHash(ByteView certificate) {
-    const auto parsed = platform::Certificate::parse(certificate);
+    const auto parsed = platform::certificate_service::Certificate::parse(certificate);
     if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
     auto hash = parsed->publicKeyHash();
     if (!hash) throw KeyloftError::generic("Failed to retrieve public key hash");
     return std::move(*hash);
 }
 
-bool itemMatchesHash(const platform::TesseraTokenItem& item, ByteView hash) {
-    if (const auto* certificate = std::get_if<platform::TesseraTokenCertificateItem>(&item)) {
+bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash) {
+    if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
         return sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
     }
-    const auto& key = std::get<platform::TesseraTokenKeyItem>(item);
+    const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
     return key.publicKeyHash && sameBytes(*key.publicKeyHash, hash);
 }
 
-void removeIdentityItems(const platform::TesseraTokenConfiguration& token, ByteView hash) {
-    const auto items = token.items();
-    platform::TesseraTokenItems kept;
-    kept.reserve(items.size());
-    try {
-        for (const auto& item : items) {
-            if (!itemMatchesHash(item, hash)) kept.push_back(item);
-        }
-    } catch (const KeyloftError&) {
-        token.replaceItems(items);
-        throw;
-    }
-    token.replaceItems(kept);
-}
-
-void removeKeyRecord(const platform::TesseraTokenConfiguration& token, ByteView hash) {
-    auto records = keys::decodeStoredKeys(token.configurationData());
-    records.erase(Bytes(hash.begin(), hash.end()));
-    token.replaceConfigurationData(keys::encodeStoredKeys(records));
+platform::token_store::TesseraTokenItems::const_iterator findCertificateItem(
+    const platform::token_store::TesseraTokenItems& items, ByteView hash) {
+    return std::ranges::find_if(items, [&](const platform::token_store::TesseraTokenItem& item) {
+        const auto* certificate =
+            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item);
+        return certificate != nullptr &&
+               sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
+    });
 }
 
 }  // namespace keyloft::store

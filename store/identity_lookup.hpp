@@ -1,8 +1,8 @@
 #pragma once
 
-#include "keyloft/bytes.hpp"
-#include "platform/tessera/token_items.hpp"
-#include "platform/tessera/token_store.hpp"
+#include "base/bytes.hpp"
+#include "platform/token_store/token_items.hpp"
+#include "platform/token_store/token_store.hpp"
 
 namespace keyloft::store {
 
@@ -12,13 +12,10 @@ Bytes certificatePublicKeyHash(ByteView certificate);
 
 // Certificate items match by the hash of their certificate, key items by their stored public-key
 // hash; a certificate that cannot be read fails the test instead of answering no.
-bool itemMatchesHash(const platform::TesseraTokenItem& item, ByteView hash);
+bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash);
 
-// Removes every item of the hash from the published list (the list is stored back even when
-// nothing matched). A failing test stores the list back whole.
-void removeIdentityItems(const platform::TesseraTokenConfiguration& token, ByteView hash);
-
-// Removes the hash's stored-key record and stores the re-encoded records.
-void removeKeyRecord(const platform::TesseraTokenConfiguration& token, ByteView hash);
+// The certificate item of the identity with the hash, or the list's end.
+platform::token_store::TesseraTokenItems::const_iterator findCertificateItem(
+    const platform::token_store::TesseraTokenItems& items, ByteView hash);
 
 }  // namespace keyloft::store

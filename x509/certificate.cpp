@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "der/object_identifiers.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft::x509 {
 namespace {
@@ -84,8 +84,8 @@ const BerTlvRecord& Name::der() const {
     return *der_;
 }
 
-BerTlvRecord subjectPublicKeyInfo(const platform::PublicKeyAttributes& publicKey) {
-    if (publicKey.keyType == platform::keyTypeEC) {
+BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
+    if (publicKey.keyType == keyTypeEC) {
         const ByteView curve = der::curveOidForSize(publicKey.sizeInBits);
         if (curve.empty()) {
             throw KeyloftError::generic("unsupported public key EC key size: " +
@@ -95,7 +95,7 @@ BerTlvRecord subjectPublicKeyInfo(const platform::PublicKeyAttributes& publicKey
             {der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}),
              der::bitStringRecord(publicKey.externalRepresentation)});
     }
-    if (publicKey.keyType == platform::keyTypeRSA) {
+    if (publicKey.keyType == keyTypeRSA) {
         return der::sequenceRecord(
             {der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}),
              der::bitStringRecord(publicKey.externalRepresentation)});
@@ -103,7 +103,7 @@ BerTlvRecord subjectPublicKeyInfo(const platform::PublicKeyAttributes& publicKey
     throw KeyloftError::generic("unsupported public key type: " + publicKey.keyType);
 }
 
-X509Certificate X509Certificate::create(const platform::PublicKeyAttributes& publicKey,
+X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey,
                                         Bytes pubKeyHash,
                                         std::optional<std::string_view> specification,
                                         bool keyManagement, const UuidSource& uuids) {

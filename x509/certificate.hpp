@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "der/ber_tlv_record.hpp"
-#include "keyloft/bytes.hpp"
-#include "platform/crypto/key_types.hpp"
+#include "base/bytes.hpp"
+#include "base/key_types.hpp"
 #include "x509/validity.hpp"
 
 namespace keyloft::x509 {
@@ -45,7 +45,7 @@ struct X509Certificate {
 
     // Throws "unsupported public key EC key size: <n>", "unsupported public key type: <type>" or
     // the validity message for a days part that is not a whole number.
-    static X509Certificate create(const platform::PublicKeyAttributes& publicKey, Bytes pubKeyHash,
+    static X509Certificate create(const PublicKeyAttributes& publicKey, Bytes pubKeyHash,
                                   std::optional<std::string_view> specification, bool keyManagement,
                                   const UuidSource& uuids);
 
@@ -54,7 +54,7 @@ struct X509Certificate {
 };
 
 // SubjectPublicKeyInfo of an EC (256/384/521) or RSA key.
-der::BerTlvRecord subjectPublicKeyInfo(const platform::PublicKeyAttributes& publicKey);
+der::BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey);
 
 // AlgorithmIdentifier of a signature OID of the table, or nothing.
 std::optional<der::BerTlvRecord> signatureAlgorithmIdentifier(ByteView signatureOid);

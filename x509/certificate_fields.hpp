@@ -2,7 +2,7 @@
 
 #include <optional>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::x509 {
 

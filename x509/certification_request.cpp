@@ -63,7 +63,7 @@ BerTlvRecord everyKeyUsage() {
 }  // namespace
 
 BerTlvRecord buildCertificationRequest(const RequestSubject& subject,
-                                       const platform::PublicKeyAttributes& publicKey,
+                                       const PublicKeyAttributes& publicKey,
                                        const Signer& sign) {
     BerTlvRecord::Children rdns;
     for (const auto& [attribute, value] : subject) {
@@ -79,7 +79,7 @@ BerTlvRecord buildCertificationRequest(const RequestSubject& subject,
         subjectPublicKeyInfo(publicKey),
         der::constructedRecord(der::tag::contextConstructed0, {extensionRequest}),
     });
-    const ByteView oid = publicKey.keyType == platform::keyTypeRSA
+    const ByteView oid = publicKey.keyType == keyTypeRSA
                              ? ByteView(der::oid::sha384WithRSAEncryption)
                              : ByteView(der::oid::ecdsaWithSHA384);
     const Bytes signature = sign(der::encode(info));

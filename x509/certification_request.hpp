@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "der/ber_tlv_record.hpp"
-#include "platform/crypto/key_types.hpp"
+#include "base/key_types.hpp"
 #include "x509/certificate.hpp"
 
 namespace keyloft::x509 {
@@ -26,7 +26,7 @@ using RequestSubject = std::vector<std::pair<SubjectAttribute, std::string>>;
 // A PKCS#10 CertificationRequest for the key, asking for every key usage, signed by the signer
 // with ecdsa-with-SHA384 (EC keys) or sha384WithRSAEncryption (RSA keys).
 der::BerTlvRecord buildCertificationRequest(const RequestSubject& subject,
-                                            const platform::PublicKeyAttributes& publicKey,
+                                            const PublicKeyAttributes& publicKey,
                                             const Signer& sign);
 
 }  // namespace keyloft::x509

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::x509 {
 

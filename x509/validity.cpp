@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
 namespace keyloft::x509 {
 namespace {

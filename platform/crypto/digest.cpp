@@ -5,9 +5,9 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 namespace {
 
 Bytes digest(const EVP_MD* md, ByteView data) {
@@ -67,4 +67,4 @@ Bytes hmacSha1(ByteView key, ByteView message) {
     return out;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 
 enum class DigestAlgorithm { sha1, sha224, sha256, sha384, sha512 };
 
@@ -14,4 +14,4 @@ Bytes sha256(ByteView data);
 Bytes sha384(ByteView data);
 Bytes hmacSha1(ByteView key, ByteView message);
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

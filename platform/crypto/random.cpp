@@ -2,9 +2,9 @@
 
 #include <openssl/rand.h>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 
 bool randomBytes(std::span<std::uint8_t> out) noexcept {
     return out.empty() || RAND_bytes(out.data(), static_cast<int>(out.size())) == 1;
@@ -18,4 +18,4 @@ std::array<std::uint8_t, 16> randomUuid() {
     return uuid;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

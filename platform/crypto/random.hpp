@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <span>
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 
 // Fills the buffer from the cryptographically secure generator; false when it fails.
 [[nodiscard]] bool randomBytes(std::span<std::uint8_t> out) noexcept;
@@ -12,4 +12,4 @@ namespace keyloft::platform {
 // The 16 bytes of a random (version 4) UUID, in its own byte order.
 std::array<std::uint8_t, 16> randomUuid();
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 
 // Overwrites memory so that no secret outlives its use.
 void wipe(void* data, std::size_t size) noexcept;
@@ -47,4 +47,4 @@ inline std::string_view view(const SecretText& text) {
     return {text.data(), text.size()};
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

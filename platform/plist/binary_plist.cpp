@@ -9,11 +9,11 @@
 #include <string_view>
 #include <type_traits>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/plist/string_check.hpp"
 #include "platform/plist/utf8_text.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 namespace {
 
 struct NodeDeleter {
@@ -216,4 +216,4 @@ Bytes toBinary(const PlistValue& value) {
     return Bytes(begin, begin + length);
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 #include "platform/plist/plist_value.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 
 // Reads a binary property list ("bplist00"); throws PlatformError when the bytes are not one.
 PlistValue fromBinary(ByteView bytes);
@@ -12,4 +12,4 @@ PlistValue fromBinary(ByteView bytes);
 // written (unsupported nodes, strings with a NUL character).
 Bytes toBinary(const PlistValue& value);
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

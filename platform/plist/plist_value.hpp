@@ -7,9 +7,9 @@
 #include <variant>
 #include <vector>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 
 struct PlistValue;
 
@@ -62,4 +62,4 @@ inline const PlistValue* findValue(const PlistDictionary& dictionary, std::strin
     return nullptr;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

@@ -4,9 +4,9 @@
 #include <optional>
 #include <vector>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 namespace {
 
 constexpr std::uint64_t headerSize = 8;
@@ -83,4 +83,4 @@ void checkBinaryPlistStrings(ByteView bytes) {
     for (const std::uint64_t offset : offsets) checkObject(bytes, offset, *tableOffset);
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

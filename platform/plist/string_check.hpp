@@ -1,8 +1,8 @@
 #pragma once
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 
 // libplist aborts the process when it is asked for a dictionary key that holds a NUL character, so
 // every string object of a binary property list is checked before libplist parses it. Throws
@@ -10,4 +10,4 @@ namespace keyloft::platform {
 // cannot be read.
 void checkBinaryPlistStrings(ByteView bytes);
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

@@ -2,7 +2,7 @@
 
 #include <optional>
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 namespace {
 
 // The length of the UTF-8 sequence that the byte begins, the smallest code point that needs that
@@ -42,4 +42,4 @@ bool isUtf8(std::string_view text) {
     return true;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

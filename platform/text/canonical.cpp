@@ -2,10 +2,10 @@
 
 #include <unicode/unorm2.h>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/text/utf16.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::text {
 namespace {
 
 // No character decomposes canonically into more than four UTF-16 code units per unit, so this
@@ -40,4 +40,4 @@ bool canonicallyEqual(std::string_view a, std::string_view b) {
     return decomposed(nfd, a) == decomposed(nfd, b);
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::text

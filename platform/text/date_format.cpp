@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::text {
 namespace {
 
 // POSIX locale name ("de_DE.UTF-8@euro") to an ICU locale; "C" and "POSIX" mean en_US_POSIX.
@@ -51,4 +51,4 @@ std::string ShortDateTimeFormatter::format(std::chrono::system_clock::time_point
     return out;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::text

@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-namespace keyloft::platform {
+namespace keyloft::platform::text {
 
 // The instant in the user's locale (LC_ALL, LC_TIME, LANG) and local time zone, short date and
 // short time styles, e.g. "1/2/26, 3:04 PM" for United States English.
@@ -22,4 +22,4 @@ class ShortDateTimeFormatter {
     std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::text

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace keyloft::platform {
+namespace keyloft::platform::text {
 
 std::size_t userPerceivedLength(std::string_view utf8) {
     const auto text = icu::UnicodeString::fromUTF8(
@@ -25,4 +25,4 @@ std::size_t userPerceivedLength(std::string_view utf8) {
     return count;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::text

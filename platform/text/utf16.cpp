@@ -4,9 +4,9 @@
 
 #include <limits>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::text {
 
 SecretUtf16 utf16Units(std::string_view utf8) {
     if (utf8.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()))
@@ -28,9 +28,9 @@ SecretUtf16 utf16Units(std::string_view utf8) {
     return units;
 }
 
-SecretBytes utf16BigEndian(std::string_view utf8) {
+crypto::SecretBytes utf16BigEndian(std::string_view utf8) {
     const SecretUtf16 units = utf16Units(utf8);
-    SecretBytes out;
+    crypto::SecretBytes out;
     out.reserve(units.size() * 2);
     for (const char16_t unit : units) {
         out.push_back(static_cast<std::uint8_t>(unit >> 8U));
@@ -39,4 +39,4 @@ SecretBytes utf16BigEndian(std::string_view utf8) {
     return out;
 }
 
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::text

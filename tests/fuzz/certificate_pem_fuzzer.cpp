@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "store/identity_lookup.hpp"
 #include "x509/pem.hpp"
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
 
 // The system log is not under test, and a line per input would flood it.

@@ -3,13 +3,13 @@
 
 #include <cstdlib>
 
-#include "keyloft/error.hpp"
-#include "platform/pkcs12/pkcs12_reader.hpp"
+#include "base/error.hpp"
+#include "platform/pkcs12_import/pkcs12_reader.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
         const auto identities =
-            keyloft::platform::readPkcs12Identities(keyloft::ByteView(data, size), "test");
+            keyloft::platform::pkcs12_import::readPkcs12Identities(keyloft::ByteView(data, size), "test");
         if (!identities) return 0;
         for (const auto& identity : *identities) {
             if (identity.certificate.empty() || identity.key.externalRepresentation().empty())

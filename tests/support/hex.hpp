@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::testing {
 

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "keyloft/bytes.hpp"
+#include "base/bytes.hpp"
 
 namespace keyloft::testing {
 

@@ -6,20 +6,21 @@
 
 #include <cstdlib>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
-#include "platform/bastion/object_identifier.hpp"
-#include "platform/keyservice/software_key.hpp"
-#include "platform/system/paths.hpp"
+#include "platform/key_processor/object_identifier.hpp"
+#include "platform/key_service/ec_key_builder.hpp"
+#include "platform/key_service/software_key.hpp"
+#include "platform/os/paths.hpp"
 #include "support/temporary_folder.hpp"
-#include "unit/platform_bastion/session_child.hpp"
+#include "unit/platform_key_processor/session_child.hpp"
 
 namespace keyloft::keys {
 namespace {
 
-using platform::SignatureAlgorithm;
-using platform::SoftwareKey;
+using platform::key_service::SignatureAlgorithm;
+using platform::key_service::SoftwareKey;
 
 constexpr auto ecdsa = SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
 constexpr auto rsaPkcs1 = SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384;
@@ -47,7 +48,7 @@ SoftwareKey rsaKey() {
 }
 
 // Verifies with OpenSSL alone, from the public key's external representation.
-bool verifies(const platform::PublicKeyAttributes& publicKey, ByteView message,
+bool verifies(const PublicKeyAttributes& publicKey, ByteView message,
               ByteView signature) {
     platform::openssl::Pkey key;
     if (publicKey.keyType == "rsa") {
@@ -56,7 +57,7 @@ bool verifies(const platform::PublicKeyAttributes& publicKey, ByteView message,
                                 static_cast<long>(publicKey.externalRepresentation.size())));
     } else {
         key =
-            platform::ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);
+            platform::key_service::ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);
     }
     platform::openssl::MdContext context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* parameters = nullptr;
@@ -68,6 +69,10 @@ bool verifies(const platform::PublicKeyAttributes& publicKey, ByteView message,
                             message.size()) == 1;
 }
 
+const platform::key_processor::ProcessorKey* processorKeyOf(const NewKey& created) {
+    return dynamic_cast<const platform::key_processor::ProcessorKey*>(created.key.get());
+}
+
 TEST_F(KeyCustody, SealedKeysUnwrapToExactlyTheSealedBytes) {
     struct Case {
         KeyType type;
@@ -77,11 +82,15 @@ TEST_F(KeyCustody, SealedKeysUnwrapToExactlyTheSealedBytes) {
     for (const auto& [type, plaintextSize, wrappedSize] :
          {Case{KeyType::p256, 97, 178}, Case{KeyType::p384, 145, 226},
           Case{KeyType::p521, 199, 280}}) {
-        const auto handle = generateKey(type, false);
-        ASSERT_NE(handle.softwareKey(), nullptr);
-        const auto& key = *handle.softwareKey();
+        const auto created = generateKey(type, false);
+        const auto* software =
+            dynamic_cast<const platform::key_service::SoftwareKey*>(created.key.get());
+        ASSERT_NE(software, nullptr);
+        ASSERT_TRUE(created.storage.sealedKey);
+        const auto& key = *software;
         const auto sealed = makeSealedKey(key, false);
-        EXPECT_EQ(sealed.pubKeyHash, handle.applicationLabel());
+        EXPECT_EQ(sealed.pubKeyHash, key.applicationLabel());
+        EXPECT_EQ(created.storage.sealedKey->pubKeyHash, key.applicationLabel());
         EXPECT_EQ(sealed.keyType, "ec");
         EXPECT_EQ(sealed.biometryProtection, BiometryProtection::off);
         EXPECT_EQ(sealed.wrappedPrivateKey.size(), wrappedSize);
@@ -130,14 +139,16 @@ TEST_F(KeyCustody, DamagedRecordsAreRefused) {
 TEST_F(KeyCustody, StoredKeysSignVerifiably) {
     const Bytes message = bytesOf("to be signed");
     for (const auto type : {KeyType::p256ne, KeyType::p384ne}) {
-        const auto handle = generateKey(type, false);
-        ASSERT_NE(handle.processorKey(), nullptr);
-        const auto record = makeBastionKey(*handle.processorKey(), false);
-        EXPECT_EQ(record.pubKeyHash, handle.applicationLabel());
+        const auto created = generateKey(type, false);
+        const auto* processorKey = processorKeyOf(created);
+        ASSERT_NE(processorKey, nullptr);
+        ASSERT_TRUE(created.storage.bastionKey);
+        const auto& record = *created.storage.bastionKey;
+        EXPECT_EQ(record.pubKeyHash, processorKey->applicationLabel());
         EXPECT_EQ(record.biometryProtection, BiometryProtection::off);
-        EXPECT_EQ(record.keyData, handle.processorKey()->objectIdentifier());
+        EXPECT_EQ(record.keyData, processorKey->objectIdentifier());
         const auto signature = signWithStoredKey(message, KeyStorage{.bastionKey = record}, ecdsa);
-        EXPECT_TRUE(verifies(handle.publicKeyAttributes(), message, signature));
+        EXPECT_TRUE(verifies(processorKey->publicKeyAttributes(), message, signature));
     }
     for (const auto& key : {SoftwareKey::generateEC(521), rsaKey()}) {
         const KeyStorage storage{.sealedKey = makeSealedKey(key, false)};
@@ -156,33 +167,32 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
         const auto processorKey = generateKey(KeyType::p256ne, biometry);
         const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), biometry);
         for (const auto& identifier :
-             {processorKey.processorKey()->objectIdentifier(), sealed.wrappingPrivateKeyData}) {
-            const auto header = platform::ObjectIdentifierHeader::decode(identifier);
+             {processorKeyOf(processorKey)->objectIdentifier(), sealed.wrappingPrivateKeyData}) {
+            const auto header = platform::key_processor::ObjectIdentifierHeader::decode(identifier);
             ASSERT_TRUE(header);
             EXPECT_EQ(header->accessControl, accessControlFor(biometry));
             EXPECT_EQ(header->sizeInBits, 256);
         }
         const auto expected = biometry ? BiometryProtection::on : BiometryProtection::off;
-        EXPECT_EQ(makeBastionKey(*processorKey.processorKey(), biometry).biometryProtection,
-                  expected);
+        EXPECT_EQ(processorKey.storage.bastionKey->biometryProtection, expected);
         EXPECT_EQ(sealed.biometryProtection, expected);
     }
-    // Software keys ignore the flag: their protection is the wrapping key's.
-    EXPECT_NE(generateKey(KeyType::p384, true).softwareKey(), nullptr);
+    // Software keys take the flag to their wrapping key.
+    EXPECT_EQ(generateKey(KeyType::p384, true).storage.sealedKey->biometryProtection,
+              BiometryProtection::on);
 }
 
 // The child has no controlling terminal, so any presence check there is refused.
 TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     const auto processorKey = generateKey(KeyType::p256ne, true);
-    const auto bastion = makeBastionKey(*processorKey.processorKey(), true);
+    const auto bastion = *processorKey.storage.bastionKey;
     const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true);
     const auto confirmed = std::make_shared<AuthenticationContext>();
     confirmed->confirmPresence();
 
     const auto outcome = testing::runInSession(
         [&] {
-            const auto [handle, keyType] = keyHandle(KeyStorage{.bastionKey = bastion}, confirmed);
-            handle.sign(ecdsa, bytesOf("m"));
+            privateKey(KeyStorage{.bastionKey = bastion}, confirmed)->sign(ecdsa, bytesOf("m"));
             unwrapPrivateKeyData(sealed, confirmed);
         },
         false);
@@ -192,9 +202,8 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     unprotectedRecord.biometryProtection = BiometryProtection::off;
     const std::vector<std::function<void()>> refused{
         [&] {
-            const auto [handle, keyType] =
-                keyHandle(KeyStorage{.bastionKey = unprotectedRecord}, confirmed);
-            handle.sign(ecdsa, bytesOf("m"));
+            privateKey(KeyStorage{.bastionKey = unprotectedRecord}, confirmed)
+                ->sign(ecdsa, bytesOf("m"));
         },
         [&] { signWithStoredKey(bytesOf("m"), KeyStorage{.bastionKey = bastion}, ecdsa); },
         [&] { unwrapPrivateKeyData(sealed, nullptr); },
@@ -210,12 +219,12 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
 TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
     const auto processor = generateKey(KeyType::p256ne, false);
     const auto software = SoftwareKey::generateEC(384);
-    KeyStorage both{.bastionKey = makeBastionKey(*processor.processorKey(), false),
+    KeyStorage both{.bastionKey = processor.storage.bastionKey,
                     .sealedKey = makeSealedKey(software, true)};
-    const auto [handle, keyType] = keyHandle(both, nullptr);
-    EXPECT_EQ(handle.applicationLabel(), processor.applicationLabel());
-    EXPECT_NE(handle.processorKey(), nullptr);
-    EXPECT_EQ(keyType, "ec");
+    const auto key = privateKey(both, nullptr);
+    EXPECT_EQ(key->applicationLabel(), processor.key->applicationLabel());
+    EXPECT_NE(dynamic_cast<const platform::key_processor::ProcessorKey*>(key.get()), nullptr);
+    EXPECT_EQ(key->keyType(), "ec");
     EXPECT_EQ(protectionOf(both).biometryProtection, BiometryProtection::off);
     EXPECT_FALSE(protectionOf(both).exportable);
     const auto sealedOnly = protectionOf(KeyStorage{.sealedKey = both.sealedKey});
@@ -223,7 +232,7 @@ TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
     EXPECT_TRUE(sealedOnly.exportable);
 
     for (const auto& lookup : std::vector<std::function<void()>>{
-             [] { keyHandle(KeyStorage{}, nullptr); }, [] { protectionOf(KeyStorage{}); }}) {
+             [] { privateKey(KeyStorage{}, nullptr); }, [] { protectionOf(KeyStorage{}); }}) {
         try {
             lookup();
             FAIL() << "an empty record was found";
@@ -237,9 +246,9 @@ TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
 TEST_F(KeyCustody, DeviceKeyAndDataFolderAreOwnerOnly) {
     generateKey(KeyType::p256ne, false);
     struct stat info {};
-    ASSERT_EQ(::stat(platform::dataFolder().c_str(), &info), 0);
+    ASSERT_EQ(::stat(platform::os::dataFolder().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0700U);
-    ASSERT_EQ(::stat((platform::dataFolder() / "bastion.key").c_str(), &info), 0);
+    ASSERT_EQ(::stat((platform::os::dataFolder() / "bastion.key").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 

@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/plist/binary_plist.hpp"
 #include "support/temporary_folder.hpp"
 
 // Recording stand-ins for the system log, linked instead of the real ones.
-namespace keyloft::platform {
+namespace keyloft::platform::os {
 std::vector<std::string> loggedErrors;
 std::vector<std::string> loggedDebug;
 void logError(std::string_view message) {
@@ -21,14 +21,14 @@ void logError(std::string_view message) {
 void logDebug(std::string_view message) {
     loggedDebug.emplace_back(message);
 }
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::os
 
 namespace keyloft::keys {
 namespace {
 
-using platform::PlistArray;
-using platform::PlistDictionary;
-using platform::PlistValue;
+using platform::plist::PlistArray;
+using platform::plist::PlistDictionary;
+using platform::plist::PlistValue;
 using Case = KeyloftError::Case;
 
 Bytes hashOf(std::uint8_t fill) {
@@ -44,15 +44,15 @@ PlistValue bastionStorage(std::uint8_t fill, std::string protection = "off",
 }
 
 Bytes rootWith(PlistValue version, PlistArray keys) {
-    return platform::toBinary(
+    return platform::plist::toBinary(
         {PlistDictionary{{"version", std::move(version)}, {"keys", {std::move(keys)}}}});
 }
 
 class StoredKeyCodec : public ::testing::Test {
   protected:
     void SetUp() override {
-        platform::loggedErrors.clear();
-        platform::loggedDebug.clear();
+        platform::os::loggedErrors.clear();
+        platform::os::loggedDebug.clear();
     }
 };
 
@@ -69,7 +69,7 @@ TEST_F(StoredKeyCodec, RoundTripKeepsEveryRecordKindAndProtection) {
     for (const StoredKeyMap& map : {StoredKeyMap{}, mixed})
         EXPECT_EQ(decodeStoredKeys(encodeStoredKeys(map)), map);
     EXPECT_TRUE(decodeStoredKeys(std::nullopt).empty());
-    EXPECT_TRUE(platform::loggedErrors.empty());
+    EXPECT_TRUE(platform::os::loggedErrors.empty());
 }
 
 // Our bytes as Python's plistlib reads them: header, then [type, content] with dictionaries as
@@ -132,8 +132,8 @@ TEST_P(StoredKeyCodecFailure, ThrowsTheCaseAndLogsOneLine) {
     }
     const std::vector<std::string> line{bad.logLine};
     const bool versionCase = bad.expected == Case::dataVersionMismatch;
-    EXPECT_EQ(platform::loggedErrors, versionCase ? std::vector<std::string>{} : line);
-    EXPECT_EQ(platform::loggedDebug, versionCase ? line : std::vector<std::string>{});
+    EXPECT_EQ(platform::os::loggedErrors, versionCase ? std::vector<std::string>{} : line);
+    EXPECT_EQ(platform::os::loggedDebug, versionCase ? line : std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -141,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadData{"NotAPropertyList", bytesOf("version=1"), Case::decodeDataFailed,
                 "Failed to decode data: data is not a binary property list"},
-        BadData{"RootIsAnArray", platform::toBinary({PlistArray{}}), Case::decodeDataFailed,
+        BadData{"RootIsAnArray", platform::plist::toBinary({PlistArray{}}), Case::decodeDataFailed,
                 "Failed to decode data: root: expected dictionary, found array"},
         BadData{"VersionIsText", rootWith({std::string("1")}, {}), Case::decodeDataFailed,
                 "Failed to decode data: version: expected integer, found string"},
@@ -170,7 +170,7 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
     // A repeated hash (the later pair wins), unknown keys, a storage with neither record.
     PlistValue annotated = bastionStorage(1, "on");
     std::get<PlistDictionary>(annotated.value).emplace_back("future", PlistValue{std::int64_t{9}});
-    const Bytes data = platform::toBinary({PlistDictionary{
+    const Bytes data = platform::plist::toBinary({PlistDictionary{
         {"version", {std::int64_t{1}}},
         {"keys",
          {PlistArray{{hashOf(1)},
@@ -187,9 +187,9 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
                   {hashOf(2), {}}}));
     // A record without "keys" holds none.
     EXPECT_TRUE(
-        decodeStoredKeys(platform::toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}}))
+        decodeStoredKeys(platform::plist::toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}}))
             .empty());
-    EXPECT_TRUE(platform::loggedErrors.empty());
+    EXPECT_TRUE(platform::os::loggedErrors.empty());
 }
 
 }  // namespace

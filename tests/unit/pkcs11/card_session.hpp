@@ -5,12 +5,15 @@
 
 #include <gtest/gtest.h>
 
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "keyloft/bytes.hpp"
-#include "keyloft/entry.hpp"
+#include "base/bytes.hpp"
 #include "pkcs11/cryptoki.hpp"
 #include "support/temporary_folder.hpp"
 
@@ -28,13 +31,33 @@ inline const std::filesystem::path& cardHome() {
     return folder.path();
 }
 
+// Runs the built tool on the card; it must succeed, printing nothing.
 inline void runTool(std::vector<std::string> words) {
     cardHome();
-    words.insert(words.begin(), "keyloft");
+    words.insert(words.begin(), KEYLOFT_TOOL);
     std::vector<char*> argv;
     for (auto& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
-    runEntry(static_cast<int>(words.size()), argv.data());
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe(pipeEnds), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
+    pid_t child = 0;
+    const int spawned = posix_spawn(&child, KEYLOFT_TOOL, &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeEnds[1]);
+    std::string output;
+    char buffer[256];
+    for (ssize_t got; (got = ::read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<std::size_t>(got));
+    ::close(pipeEnds[0]);
+    ASSERT_EQ(spawned, 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(output, "");
 }
 
 inline void createIdentity(const std::string& label, const std::string& keyType = "p-256") {

@@ -42,7 +42,7 @@ TEST_P(EveryIdentity, AppearsAsCertificateAndKeyPair) {
     const Bytes point = value(publicKey, CKA_EC_POINT);
     ASSERT_GT(point.size(), 2U);
     const std::size_t header = point[1] < 0x80 ? 2 : 2 + (point[1] & 0x7FU);
-    const Bytes id = platform::sha1(ByteView(point).subspan(header));
+    const Bytes id = platform::crypto::sha1(ByteView(point).subspan(header));
     for (const auto handle : {certificate, publicKey, privateKey})
         EXPECT_EQ(value(handle, CKA_ID), id);
 

@@ -41,7 +41,7 @@ bool verifiesOverDigest(EVP_PKEY* key, const Bytes& raw, const Bytes& digest) {
 struct SignCase {
     std::string keyType;
     CK_MECHANISM_TYPE mechanism;
-    platform::DigestAlgorithm digest;  // what the signature covers in the end
+    platform::crypto::DigestAlgorithm digest;  // what the signature covers in the end
     bool digestFirst;                  // the caller hashes (CKM_ECDSA)
     std::size_t signatureSize;
 };
@@ -56,7 +56,7 @@ TEST_P(Signing, RawSignaturesVerifyWithOpenSsl) {
     const auto publicKey = publicKeyOf(value(object(CKO_CERTIFICATE, label), CKA_VALUE));
 
     const Bytes message = bytesOf("a message to sign");
-    const Bytes digest = platform::digest(param.digest, message);
+    const Bytes digest = platform::crypto::digest(param.digest, message);
     const Bytes signature =
         sign(key, {param.mechanism, nullptr, 0}, param.digestFirst ? digest : message);
     EXPECT_EQ(signature.size(), param.signatureSize);
@@ -71,7 +71,7 @@ TEST_P(Signing, InPartsEqualsInOne) {
     const auto publicKey = publicKeyOf(value(object(CKO_CERTIFICATE, label), CKA_VALUE));
 
     Bytes input = bytesOf("a message to sign");
-    if (param.digestFirst) input = platform::digest(param.digest, input);
+    if (param.digestFirst) input = platform::crypto::digest(param.digest, input);
     CK_MECHANISM mechanism{param.mechanism, nullptr, 0};
     ASSERT_EQ(p11.C_SignInit(session, &mechanism, key), CKR_OK);
     const std::size_t half = input.size() / 2;
@@ -84,11 +84,11 @@ TEST_P(Signing, InPartsEqualsInOne) {
     ASSERT_EQ(size, param.signatureSize);
     ASSERT_EQ(p11.C_SignFinal(session, signature.data(), &size), CKR_OK);
     EXPECT_TRUE(verifiesOverDigest(publicKey.get(), signature,
-                                   platform::digest(param.digest, bytesOf("a message to sign"))));
+                                   platform::crypto::digest(param.digest, bytesOf("a message to sign"))));
     EXPECT_EQ(p11.C_SignFinal(session, signature.data(), &size), CKR_OPERATION_NOT_INITIALIZED);
 }
 
-using platform::DigestAlgorithm;
+using platform::crypto::DigestAlgorithm;
 INSTANTIATE_TEST_SUITE_P(
     KeysAndMechanisms, Signing,
     ::testing::Values(SignCase{"p-256", CKM_ECDSA, DigestAlgorithm::sha256, true, 64},
@@ -103,7 +103,7 @@ TEST_F(CardSession, SessionsOfSeveralThreadsSignAtOnce) {
     createIdentity("threads");
     const auto key = object(CKO_PRIVATE_KEY, "threads");
     const auto publicKey = publicKeyOf(value(object(CKO_CERTIFICATE, "threads"), CKA_VALUE));
-    const Bytes digest = platform::digest(platform::DigestAlgorithm::sha256, bytesOf("threads"));
+    const Bytes digest = platform::crypto::digest(platform::crypto::DigestAlgorithm::sha256, bytesOf("threads"));
     std::atomic<int> verified = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

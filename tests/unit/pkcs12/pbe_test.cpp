@@ -2,11 +2,11 @@
 #include <openssl/evp.h>
 #include <openssl/pkcs12.h>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pkcs12/p12_pbe_gen.hpp"
 #include "pkcs12/pbe_encrypt.hpp"
 #include "pkcs12/pfx.hpp"
-#include "platform/cipher/legacy_provider.hpp"
+#include "platform/crypto/legacy_provider.hpp"
 #include "support/hex.hpp"
 
 namespace keyloft::pkcs12 {
@@ -79,7 +79,7 @@ TEST(Derivation, EdgeCases) {
 }
 
 Bytes opensslDecrypt(const char* cipher, ByteView key, ByteView iv, ByteView ciphertext) {
-    platform::loadLegacyProvider();
+    platform::crypto::loadLegacyProvider();
     std::unique_ptr<EVP_CIPHER, decltype(&EVP_CIPHER_free)> algorithm(
         EVP_CIPHER_fetch(nullptr, cipher, nullptr), EVP_CIPHER_free);
     std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
@@ -103,13 +103,13 @@ TEST(PbeEncrypt, BothCiphersDecryptWithTheDerivedKeyAndIv) {
     for (const std::size_t size : {std::size_t{16}, std::size_t{17}, std::size_t{0}}) {
         const Bytes plaintext(size, 0x3C);
         const Bytes rc2 =
-            pbeEncrypt(plaintext, "pw", salt, 2048, 40, platform::BlockCipher::rc2, 8);
+            pbeEncrypt(plaintext, "pw", salt, 2048, 40, platform::crypto::BlockCipher::rc2, 8);
         EXPECT_EQ(rc2.size(), (size / 8 + 1) * 8);
         EXPECT_EQ(opensslDecrypt("RC2-40-CBC", opensslDerivation("pw", salt, 2048, 1, 5),
                                  opensslDerivation("pw", salt, 2048, 2, 8), rc2),
                   plaintext);
         const Bytes des =
-            pbeEncrypt(plaintext, "pw", salt, 2048, 192, platform::BlockCipher::tripleDes, 8);
+            pbeEncrypt(plaintext, "pw", salt, 2048, 192, platform::crypto::BlockCipher::tripleDes, 8);
         EXPECT_EQ(opensslDecrypt("DES-EDE3-CBC", opensslDerivation("pw", salt, 2048, 1, 24),
                                  opensslDerivation("pw", salt, 2048, 2, 8), des),
                   plaintext);
@@ -117,7 +117,7 @@ TEST(PbeEncrypt, BothCiphersDecryptWithTheDerivedKeyAndIv) {
 }
 
 TEST(PrivateKeyInfo, EcLayoutAndRefusals) {
-    UnwrappedKey key{"ec", 256, platform::SecretBytes(97, 0x11)};
+    UnwrappedKey key{"ec", 256, platform::crypto::SecretBytes(97, 0x11)};
     key.externalRepresentation[0] = 0x04;
     const auto info = privateKeyInfo(key);
     EXPECT_EQ(info.size(), 138U);

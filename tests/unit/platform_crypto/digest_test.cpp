@@ -4,7 +4,7 @@
 
 #include "support/hex.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::crypto {
 namespace {
 
 struct DigestCase {
@@ -45,4 +45,4 @@ TEST(Digest, NamedFunctionsAgreeWithTheAlgorithms) {
 }
 
 }  // namespace
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::crypto

@@ -4,9 +4,9 @@
 
 #include <limits>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 namespace {
 
 Bytes fromHex(std::string_view hex) {
@@ -94,4 +94,4 @@ TEST(BinaryPlist, RefusesToWriteWhatItCannotRepresent) {
 }
 
 }  // namespace
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

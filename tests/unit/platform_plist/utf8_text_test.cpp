@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace keyloft::platform {
+namespace keyloft::platform::plist {
 namespace {
 
 TEST(Utf8Text, AcceptsWellFormedTextOnly) {
@@ -17,4 +17,4 @@ TEST(Utf8Text, AcceptsWellFormedTextOnly) {
 }
 
 }  // namespace
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::plist

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "key_items.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "pubkey/key_type_description.hpp"
 #include "pubkey/ssh_public_key.hpp"
@@ -32,15 +32,15 @@ TEST(Fingerprint, HasTheLengthAndFormOfItsTypeAndEncoding) {
 
 TEST(KeyHash, TakesEachDigestFromItsSourceOrNamesWhatIsMissing) {
     const auto item = testing::keyItemFor(testing::makeRsaKey().get());
-    EXPECT_EQ(keyHash(item, HashType::sha1), platform::sha1(*item.publicKeyData));
-    EXPECT_EQ(keyHash(item, HashType::sha256), platform::sha256(*item.publicKeyData));
-    EXPECT_EQ(keyHash(item, HashType::ssh), platform::sha256(sshPublicKeyBlob(item)));
+    EXPECT_EQ(keyHash(item, HashType::sha1), platform::crypto::sha1(*item.publicKeyData));
+    EXPECT_EQ(keyHash(item, HashType::sha256), platform::crypto::sha256(*item.publicKeyData));
+    EXPECT_EQ(keyHash(item, HashType::ssh), platform::crypto::sha256(sshPublicKeyBlob(item)));
 
     auto noHash = item;
     noHash.publicKeyHash.reset();
     auto noData = item;
     noData.publicKeyData.reset();
-    const std::tuple<platform::TesseraTokenKeyItem, HashType, const char*> failing[] = {
+    const std::tuple<platform::token_store::TesseraTokenKeyItem, HashType, const char*> failing[] = {
         {noHash, HashType::sha1, "key has invalid public key hash"},
         {noData, HashType::sha256, "key has invalid public key data"},
         {noData, HashType::ssh, "key has invalid public key data"},
@@ -62,7 +62,7 @@ TEST(KeyTypeDescription, NamesTheKindSizeAndBinding) {
         {"dsa", 1024, true, "unknown"},
     };
     for (const auto& [type, bits, exportable, text] : cases) {
-        platform::TesseraTokenKeyItem item;
+        platform::token_store::TesseraTokenKeyItem item;
         item.keyType = type;
         item.keySizeInBits = bits;
         EXPECT_EQ(keyTypeDescription(item, exportable), text);

@@ -9,13 +9,13 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/tessera/token_items.hpp"
+#include "platform/token_store/token_items.hpp"
 #include "support/test_certificates.hpp"
 
 namespace keyloft::testing {
 
-inline platform::TesseraTokenKeyItem keyItemFor(EVP_PKEY* key) {
-    return platform::makeKeyItem(makeCertificate(key), Bytes(20, 0x01)).value();
+inline platform::token_store::TesseraTokenKeyItem keyItemFor(EVP_PKEY* key) {
+    return platform::token_store::makeKeyItem(makeCertificate(key), Bytes(20, 0x01)).value();
 }
 
 inline void writePublicKeyPem(EVP_PKEY* key, const std::filesystem::path& path) {

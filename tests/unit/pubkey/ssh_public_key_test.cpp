@@ -5,7 +5,7 @@
 #include <fstream>
 
 #include "key_items.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "pubkey/base64.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/hex.hpp"
@@ -74,7 +74,7 @@ TEST_F(SshBlob, RsaBlobMatchesTheWrittenExample) {
 }
 
 TEST_F(SshBlob, FingerprintIsWhatSshKeygenPrints) {
-    const auto shown = [](const platform::TesseraTokenKeyItem& item) {
+    const auto shown = [](const platform::token_store::TesseraTokenKeyItem& item) {
         return fingerprint(keyHash(item, HashType::ssh), HashType::ssh, HashEncoding::base64);
     };
     // ssh-keygen takes FIDO ECDSA keys on P-256 only; the RSA line is its own conversion of the

@@ -1,8 +1,10 @@
 #include "store/identity_lookup.hpp"
+#include "store/identity_writes.hpp"
+#include "store/user_card.hpp"
 
 #include <gtest/gtest.h>
 
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/crypto/digest.hpp"
 #include "support/temporary_folder.hpp"
@@ -11,13 +13,13 @@
 namespace keyloft::store {
 namespace {
 
-using platform::TesseraTokenItems;
+using platform::token_store::TesseraTokenItems;
 
 struct Identity {
     Bytes certificate;
     Bytes hash;
-    platform::TesseraTokenCertificateItem certificateItem;
-    platform::TesseraTokenKeyItem keyItem;
+    platform::token_store::TesseraTokenCertificateItem certificateItem;
+    platform::token_store::TesseraTokenKeyItem keyItem;
 };
 
 Identity makeIdentity(const char* curve) {
@@ -25,15 +27,15 @@ Identity makeIdentity(const char* curve) {
     Identity identity;
     identity.certificate = testing::makeCertificate(key.get());
     identity.hash = certificatePublicKeyHash(identity.certificate);
-    identity.certificateItem = *platform::makeCertificateItem(identity.certificate, identity.hash);
-    identity.keyItem = *platform::makeKeyItem(identity.certificate, identity.hash);
+    identity.certificateItem = *platform::token_store::makeCertificateItem(identity.certificate, identity.hash);
+    identity.keyItem = *platform::token_store::makeKeyItem(identity.certificate, identity.hash);
     return identity;
 }
 
 class IdentityRemoval : public ::testing::Test {
   protected:
-    platform::TesseraTokenConfiguration token() const {
-        const auto drivers = platform::TesseraDriverRegistry::open(folder.path() / "tokens.db")
+    platform::token_store::TesseraTokenConfiguration token() const {
+        const auto drivers = platform::token_store::TesseraDriverRegistry::open(folder.path() / "tokens.db", driverClassID)
                                  .driverConfigurations();
         return drivers.at("org.keyloft.token").addTokenConfiguration("user");
     }
@@ -45,7 +47,7 @@ class IdentityRemoval : public ::testing::Test {
 
 TEST(CertificatePublicKeyHash, IsTheSha1OfTheKeyBits) {
     const auto identity = makeIdentity("P-521");
-    EXPECT_EQ(identity.hash, platform::sha1(*identity.keyItem.publicKeyData));
+    EXPECT_EQ(identity.hash, platform::crypto::sha1(*identity.keyItem.publicKeyData));
     EXPECT_EQ(identity.hash.size(), 20U);
 }
 

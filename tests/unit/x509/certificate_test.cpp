@@ -8,9 +8,9 @@
 #include <deque>
 
 #include "der/object_identifiers.hpp"
-#include "keyloft/error.hpp"
+#include "base/error.hpp"
 #include "platform/crypto/random.hpp"
-#include "platform/keyservice/software_key.hpp"
+#include "platform/key_service/software_key.hpp"
 
 namespace keyloft::x509 {
 namespace {
@@ -33,7 +33,7 @@ UuidSource fixedUuids(std::deque<std::array<std::uint8_t, 16>> values) {
     };
 }
 
-X509Certificate modelFor(const platform::SoftwareKey& key,
+X509Certificate modelFor(const platform::key_service::SoftwareKey& key,
                          std::optional<std::string_view> specification,
                          bool keyManagement = false) {
     return X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(), specification,
@@ -41,7 +41,7 @@ X509Certificate modelFor(const platform::SoftwareKey& key,
 }
 
 Bytes nameDer(std::string_view specification) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     return der::encode(modelFor(key, specification).subject.der());
 }
 
@@ -55,7 +55,7 @@ TEST(Name, SpecificationTexts) {
     EXPECT_EQ(nameDer("A;B;C;D;E;F;G;H"), (Bytes{0x30, 0x00}));
     EXPECT_EQ(nameDer("|30"), (Bytes{0x30, 0x00}));
 
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto all = modelFor(key, "A;B;C;D;E;F;G").subject;
     EXPECT_EQ(all.commonName, "A");
     EXPECT_EQ(all.email, "B");
@@ -110,7 +110,7 @@ TEST(Validity, TimesAreUtcWithoutFractions) {
 }
 
 TEST(Model, SerialNeverStartsWithARedundantZero) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto model = X509Certificate::create(
         key.publicKeyAttributes(), key.applicationLabel(), std::nullopt, false,
         fixedUuids({uuid(0x00, 0x12), uuid(0x00, 0x7F), uuid(0x00, 0x80)}));
@@ -133,7 +133,7 @@ TEST(Model, SubjectPublicKeyInfoPerCurve) {
               {0x30, 0x81, 0x9B, 0x30, 0x10, 0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02,
                0x01, 0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23, 0x03, 0x81, 0x86, 0x00, 0x04}}}) {
         // A point whose first coordinate byte is 0x3F would read as an OCTET STRING record.
-        auto attributes = platform::SoftwareKey::generateEC(size).publicKeyAttributes();
+        auto attributes = platform::key_service::SoftwareKey::generateEC(size).publicKeyAttributes();
         attributes.externalRepresentation[1] = 0x3F;
         const Bytes info = der::encode(subjectPublicKeyInfo(attributes));
         EXPECT_EQ(Bytes(info.begin(), info.begin() + static_cast<std::ptrdiff_t>(prefix.size())),
@@ -144,17 +144,17 @@ TEST(Model, SubjectPublicKeyInfoPerCurve) {
 }
 
 TEST(Model, FreshSerialForEveryCertificate) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto first = X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(),
-                                               "A", false, platform::randomUuid);
+                                               "A", false, platform::crypto::randomUuid);
     const auto second = X509Certificate::create(key.publicKeyAttributes(), key.applicationLabel(),
-                                                "A", false, platform::randomUuid);
+                                                "A", false, platform::crypto::randomUuid);
     EXPECT_NE(first.serial, second.serial);
     EXPECT_EQ(first.pubKeyBERTLV, second.pubKeyBERTLV);
 }
 
 TEST(Model, RefusesUnsupportedKeys) {
-    platform::PublicKeyAttributes odd{"ec", 224, Bytes(57, 4)};
+    PublicKeyAttributes odd{"ec", 224, Bytes(57, 4)};
     try {
         X509Certificate::create(odd, {}, std::nullopt, false, fixedUuids({uuid(1, 1)}));
         FAIL();
@@ -169,11 +169,11 @@ TEST(Model, RefusesUnsupportedKeys) {
 class Built : public ::testing::TestWithParam<int> {};
 
 TEST_P(Built, OpenSslAcceptsTheCertificateAndItsSignature) {
-    const auto key = platform::SoftwareKey::generateEC(GetParam());
+    const auto key = platform::key_service::SoftwareKey::generateEC(GetParam());
     const auto model = modelFor(key, "Alice;alice@example.com;;Example;;;DE", true);
     const Bytes der =
         der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-            return key.sign(platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+            return key.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
         }));
     const unsigned char* cursor = der.data();
     std::unique_ptr<X509, decltype(&X509_free)> x509(
@@ -199,9 +199,9 @@ struct BuiltCertificate {
     X509Handle x509;
 };
 
-BuiltCertificate build(const platform::SoftwareKey& key, const X509Certificate& model) {
+BuiltCertificate build(const platform::key_service::SoftwareKey& key, const X509Certificate& model) {
     Bytes der = der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-        return key.sign(platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+        return key.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
     }));
     const unsigned char* cursor = der.data();
     X509Handle x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), X509_free);
@@ -222,7 +222,7 @@ bool contains(const Bytes& haystack, const Bytes& needle) {
 }
 
 TEST(Profile, ExtensionsByteForByteInOrder) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto model = modelFor(key, "Alice;a@b.c");
     const auto certificate = build(key, model);
     ASSERT_TRUE(certificate.x509);
@@ -256,7 +256,7 @@ TEST(Profile, ExtensionsByteForByteInOrder) {
 }
 
 TEST(Profile, SubjectAltNameOnlyWithANonEmptyEmail) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     for (const auto& [specification, present] :
          std::vector<std::pair<std::optional<std::string_view>, bool>>{
              {std::nullopt, false}, {"Bob", false}, {"Bob;", false}, {";x;;;;;", true}}) {
@@ -270,7 +270,7 @@ TEST(Profile, SubjectAltNameOnlyWithANonEmptyEmail) {
 }
 
 TEST(Profile, SerialIsTheUuid) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     for (const auto& [first, integer] : std::vector<std::pair<std::uint8_t, Bytes>>{
              {0x12, {0x02, 0x10, 0x12, 0x34}}, {0x80, {0x02, 0x11, 0x00, 0x80, 0x34}}}) {
         const auto model =
@@ -290,7 +290,7 @@ TEST(Profile, SerialIsTheUuid) {
 }
 
 TEST(Profile, NameOrderAndStringTypes) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto model = modelFor(key, "A;B;C;D;E;F;G");
     const auto certificate = build(key, model);
     ASSERT_TRUE(certificate.x509);
@@ -313,7 +313,7 @@ TEST(Profile, NameOrderAndStringTypes) {
 }
 
 TEST(Profile, ValidityFromSpecification) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     for (const auto& [specification, days] :
          std::vector<std::pair<std::optional<std::string_view>, int>>{
              {std::nullopt, 365}, {"|30", 30}, {"Bob|30|99", 30}, {"Bob|-1", -1}}) {
@@ -335,7 +335,7 @@ TEST(Profile, ValidityFromSpecification) {
 }
 
 TEST(Build, UnknownSignatureOidFailsFirst) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     bool signed_ = false;
     EXPECT_THROW(buildCertificate(modelFor(key, std::nullopt), der::oid::idSha1,
                                   [&](ByteView) {

@@ -8,7 +8,7 @@
 
 #include <memory>
 
-#include "platform/keyservice/software_key.hpp"
+#include "platform/key_service/software_key.hpp"
 #include "support/test_certificates.hpp"
 
 namespace keyloft::x509 {
@@ -21,20 +21,20 @@ struct KeyKind {
     int ecSize;  // 0 for RSA 2048
 };
 
-platform::SoftwareKey makeKey(const KeyKind& kind) {
-    if (kind.ecSize != 0) return platform::SoftwareKey::generateEC(kind.ecSize);
+platform::key_service::SoftwareKey makeKey(const KeyKind& kind) {
+    if (kind.ecSize != 0) return platform::key_service::SoftwareKey::generateEC(kind.ecSize);
     const auto rsa = keyloft::testing::makeRsaKey(2048);
     unsigned char* der = nullptr;
     const int size = i2d_PrivateKey(rsa.get(), &der);
     const Bytes external(der, der + size);
     OPENSSL_free(der);
-    return platform::SoftwareKey::fromExternalRepresentation(platform::keyTypeRSA, external);
+    return platform::key_service::SoftwareKey::fromExternalRepresentation(keyTypeRSA, external);
 }
 
-Bytes requestDer(const platform::SoftwareKey& key, const RequestSubject& subject) {
-    const auto algorithm = key.keyType() == platform::keyTypeRSA
-                               ? platform::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
-                               : platform::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+Bytes requestDer(const platform::key_service::SoftwareKey& key, const RequestSubject& subject) {
+    const auto algorithm = key.keyType() == keyTypeRSA
+                               ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
+                               : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
     return der::encode(
         buildCertificationRequest(subject, key.publicKeyAttributes(),
                                   [&](ByteView info) { return key.sign(algorithm, info); }));
@@ -77,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(Keys, Signed,
                          [](const auto& test) { return std::string(test.param.name); });
 
 TEST(Request, SubjectKeepsTheGivenOrderAndStringTypes) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto request = parse(requestDer(key, fullSubject));
     ASSERT_TRUE(request);
     const X509_NAME* name = X509_REQ_get_subject_name(request.get());
@@ -110,7 +110,7 @@ TEST(Request, SubjectKeepsTheGivenOrderAndStringTypes) {
 }
 
 TEST(Request, CountryOutsideThePrintableSetKeepsItsText) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const auto request = parse(requestDer(
         key, {{SubjectAttribute::country, "\xC3\x9C"}, {SubjectAttribute::organization, "A&B"}}));
     ASSERT_TRUE(request);
@@ -121,7 +121,7 @@ TEST(Request, CountryOutsideThePrintableSetKeepsItsText) {
 }
 
 TEST(Request, EmptySubjectIsAnEmptyName) {
-    const auto key = platform::SoftwareKey::generateEC(384);
+    const auto key = platform::key_service::SoftwareKey::generateEC(384);
     const Bytes der = requestDer(key, {});
     const auto request = parse(der);
     ASSERT_TRUE(request);
@@ -130,7 +130,7 @@ TEST(Request, EmptySubjectIsAnEmptyName) {
 }
 
 TEST(Request, AsksForEveryKeyUsage) {
-    const auto key = platform::SoftwareKey::generateEC(256);
+    const auto key = platform::key_service::SoftwareKey::generateEC(256);
     const Bytes der = requestDer(key, fullSubject);
     // extensionRequest { keyUsage critical, nine named bits: digitalSignature to decipherOnly }.
     const Bytes attribute{0x30, 0x20, 0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09,

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "base/bytes.hpp"
+#include "base/key_types.hpp"
+#include "platform/crypto/secret.hpp"
+#include "platform/key_service/private_key.hpp"
+
+// The key processor: keys made inside it never leave it; they are reached again through an opaque
+// object identifier, which names the back end that made it.
+namespace keyloft::platform::key_processor {
+
+inline constexpr std::uint32_t accessControlPrivateKeyUsage = 0x40000000;
+inline constexpr std::uint32_t accessControlBiometryAny = 0x2;
+
+// One user-authentication session: once presence is confirmed, it holds for every use under it.
+class AuthenticationContext {
+  public:
+    bool presenceConfirmed() const { return confirmed_; }
+    void confirmPresence() { confirmed_ = true; }
+
+  private:
+    bool confirmed_ = false;
+};
+
+// Asks the user to confirm presence; throws PlatformError when it cannot be confirmed.
+class PresenceGate {
+  public:
+    virtual ~PresenceGate() = default;
+    virtual void confirm() = 0;
+};
+
+// A handle to a key inside the processor. Private-key operations ask the presence gate first when
+// the key's access control demands biometry and its context has not been confirmed yet.
+// Processor keys are EC keys; the RSA operations refuse.
+class ProcessorKey : public key_service::PrivateKey {
+  public:
+    virtual const Bytes& objectIdentifier() const = 0;
+    virtual std::uint32_t accessControl() const = 0;
+    std::string keyType() const override { return std::string(keyTypeEC); }
+};
+
+class KeyProcessor {
+  public:
+    virtual ~KeyProcessor() = default;
+    // A P-256 or P-384 key under the access-control word: private-key usage, optionally with
+    // biometry; other words are refused, since the processor could not honour them.
+    virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
+                                                    std::uint32_t accessControl) = 0;
+    // Rebuilds a handle; without a context the handle makes its own.
+    virtual std::unique_ptr<ProcessorKey> rebuildKey(
+        ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) = 0;
+};
+
+// The processor that makes new keys on this machine.
+KeyProcessor& defaultKeyProcessor();
+// The processor named by an object identifier; PlatformError when no back end here knows it.
+KeyProcessor& keyProcessorFor(ByteView objectIdentifier);
+
+}  // namespace keyloft::platform::key_processor

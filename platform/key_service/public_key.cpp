@@ -1,0 +1,130 @@
+#include "platform/key_service/public_key.hpp"
+
+#include <openssl/bn.h>
+#include <openssl/core_names.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/x509.h>
+
+#include "base/error.hpp"
+#include "platform/key_service/software_key.hpp"
+#include "platform/key_service/ec_key_builder.hpp"
+
+namespace keyloft::platform::key_service {
+namespace {
+
+struct NumberDeleter {
+    void operator()(BIGNUM* number) const { BN_free(number); }
+};
+using Number = std::unique_ptr<BIGNUM, NumberDeleter>;
+struct OpensslBufferDeleter {
+    void operator()(unsigned char* buffer) const { OPENSSL_free(buffer); }
+};
+
+// The curve size follows from the length of the uncompressed point: 1 + 2 * field size.
+int sizeForPointLength(std::size_t length) {
+    switch (length) {
+        case 65:
+            return 256;
+        case 97:
+            return 384;
+        case 133:
+            return 521;
+        default:
+            return 0;
+    }
+}
+
+EVP_PKEY* makeEcKey(ByteView point) {
+    const int sizeInBits = sizeForPointLength(point.size());
+    if (sizeInBits == 0 || point[0] != 0x04) {
+        throw PlatformError(
+            "EC public key data is not an uncompressed point on P-256, P-384 or P-521");
+    }
+    openssl::Pkey key = ecKeyFromParts(sizeInBits, point);
+    if (!key) throw PlatformError("EC public key data is not a point on its curve");
+    return key.release();
+}
+
+Number numberParameter(const EVP_PKEY* key, const char* name) {
+    BIGNUM* number = nullptr;
+    if (EVP_PKEY_get_bn_param(key, name, &number) != 1) {
+        throw PlatformError("cannot read RSA public key numbers");
+    }
+    return Number(number);
+}
+
+Bytes magnitude(const BIGNUM* number) {
+    Bytes bytes(static_cast<std::size_t>(BN_num_bytes(number)));
+    BN_bn2bin(number, bytes.data());
+    return bytes;
+}
+
+}  // namespace
+
+void PublicKey::KeyDeleter::operator()(EVP_PKEY* key) const {
+    EVP_PKEY_free(key);
+}
+
+PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
+    if (data.empty()) throw PlatformError("public key data is empty");
+    if (keyType == keyTypeEC) return {std::string(keyType), Key(makeEcKey(data))};
+    if (keyType != keyTypeRSA) {
+        throw PlatformError("key service does not support key type " + std::string(keyType));
+    }
+    const unsigned char* cursor = data.data();
+    Key key(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor, static_cast<long>(data.size())));
+    if (!key || cursor != data.data() + data.size()) {
+        throw PlatformError("RSA public key data is not a DER RSAPublicKey");
+    }
+    // A key with a zero or negative modulus or exponent decodes but is no key.
+    for (const char* name : {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}) {
+        const Number number = numberParameter(key.get(), name);
+        if (BN_is_zero(number.get()) || BN_is_negative(number.get())) {
+            throw PlatformError("RSA public key data holds a number that is not positive");
+        }
+    }
+    return {std::string(keyType), std::move(key)};
+}
+
+std::optional<PublicKeyAttributes> PublicKey::attributes() const {
+    const int bits = EVP_PKEY_get_bits(key_.get());
+    if (bits <= 0) return std::nullopt;
+    try {
+        return PublicKeyAttributes{keyType_, bits, externalRepresentation()};
+    } catch (const PlatformError&) {
+        return std::nullopt;
+    }
+}
+
+Bytes PublicKey::externalRepresentation() const {
+    if (keyType_ == keyTypeEC) {
+        std::size_t length = 0;
+        if (EVP_PKEY_get_octet_string_param(key_.get(), OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY, nullptr,
+                                            0, &length) != 1) {
+            throw PlatformError("failed to copy external representation of EC public key");
+        }
+        Bytes point(length);
+        if (EVP_PKEY_get_octet_string_param(key_.get(), OSSL_PKEY_PARAM_ENCODED_PUBLIC_KEY,
+                                            point.data(), point.size(), &length) != 1) {
+            throw PlatformError("failed to copy external representation of EC public key");
+        }
+        point.resize(length);
+        return point;
+    }
+    unsigned char* rawDer = nullptr;
+    const int length = i2d_PublicKey(key_.get(), &rawDer);
+    const std::unique_ptr<unsigned char, OpensslBufferDeleter> der(rawDer);
+    if (length <= 0 || !der) {
+        throw PlatformError("failed to copy external representation of RSA public key");
+    }
+    return Bytes(der.get(), der.get() + length);
+}
+
+PublicKey::RsaNumbers PublicKey::rsaNumbers() const {
+    if (keyType_ != keyTypeRSA) throw PlatformError("key is not an RSA public key");
+    return {magnitude(numberParameter(key_.get(), OSSL_PKEY_PARAM_RSA_N).get()),
+            magnitude(numberParameter(key_.get(), OSSL_PKEY_PARAM_RSA_E).get())};
+}
+
+}  // namespace keyloft::platform::key_service

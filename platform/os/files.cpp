@@ -1,0 +1,144 @@
+#include "platform/os/files.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "base/error.hpp"
+
+namespace keyloft::platform::os {
+namespace {
+
+[[noreturn]] void fail(std::string_view what, const std::filesystem::path& path, int error) {
+    throw PlatformError(std::string(what) + " '" + path.string() + "': " + std::strerror(error));
+}
+
+class FileDescriptor {
+  public:
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+
+  private:
+    int fd_;
+};
+
+void writeAll(int fd, ByteView content, const std::filesystem::path& path) {
+    std::size_t done = 0;
+    while (done < content.size()) {
+        const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            fail("Cannot write file", path, errno);
+        }
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+void closeChecked(FileDescriptor& fd, const std::filesystem::path& path) {
+    if (::close(fd.release()) != 0) fail("Cannot write file", path, errno);
+}
+
+bool isValidUtf8(std::string_view text) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        std::size_t extra = 0;
+        unsigned minimum = 0;
+        unsigned codePoint = 0;
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        if ((c & 0xE0U) == 0xC0) {
+            extra = 1, minimum = 0x80, codePoint = c & 0x1FU;
+        } else if ((c & 0xF0U) == 0xE0) {
+            extra = 2, minimum = 0x800, codePoint = c & 0x0FU;
+        } else if ((c & 0xF8U) == 0xF0) {
+            extra = 3, minimum = 0x10000, codePoint = c & 0x07U;
+        } else {
+            return false;
+        }
+        if (i + extra >= text.size()) return false;
+        for (std::size_t j = 1; j <= extra; ++j) {
+            const auto next = static_cast<unsigned char>(text[i + j]);
+            if ((next & 0xC0U) != 0x80) return false;
+            codePoint = (codePoint << 6U) | (next & 0x3FU);
+        }
+        if (codePoint < minimum || codePoint > 0x10FFFF ||
+            (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+            return false;
+        }
+        i += extra + 1;
+    }
+    return true;
+}
+
+}  // namespace
+
+Bytes readFile(const std::filesystem::path& path) {
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) fail("Cannot read file", path, errno);
+    Bytes content;
+    std::uint8_t buffer[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            fail("Cannot read file", path, errno);
+        }
+        if (n == 0) break;
+        content.insert(content.end(), buffer, buffer + n);
+    }
+    return content;
+}
+
+std::string readTextFile(const std::filesystem::path& path) {
+    const Bytes content = readFile(path);
+    std::string text(content.begin(), content.end());
+    if (!isValidUtf8(text)) {
+        throw PlatformError("Cannot read file '" + path.string() + "': it is not a text file");
+    }
+    return text;
+}
+
+void writeFile(const std::filesystem::path& path, ByteView content) {
+    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    if (fd.get() < 0) fail("Cannot write file", path, errno);
+    writeAll(fd.get(), content, path);
+    closeChecked(fd, path);
+}
+
+void replaceFileAtomically(const std::filesystem::path& path, ByteView content) {
+    auto temporary = path;
+    temporary += ".tmp-XXXXXX";
+    std::string pattern = temporary.string();
+    FileDescriptor fd(::mkstemp(pattern.data()));
+    if (fd.get() < 0) fail("Cannot write file", path, errno);
+    try {
+        // mkstemp makes the file 0600; give it the mode a new file of this user would get.
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        ::fchmod(fd.get(), 0666 & ~mask);
+        writeAll(fd.get(), content, path);
+        if (::fsync(fd.get()) != 0) fail("Cannot write file", path, errno);
+        closeChecked(fd, path);
+        if (::rename(pattern.c_str(), path.c_str()) != 0) fail("Cannot write file", path, errno);
+    } catch (...) {
+        ::unlink(pattern.c_str());
+        throw;
+    }
+}
+
+}  // namespace keyloft::platform::os

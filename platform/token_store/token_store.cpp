@@ -1,0 +1,189 @@
+#include "platform/token_store/token_store.hpp"
+
+#include "platform/token_store/sqlite_connection.hpp"
+
+namespace keyloft::platform::token_store {
+namespace {
+
+constexpr std::string_view schema = R"sql(
+CREATE TABLE drivers (
+  class_id TEXT PRIMARY KEY
+);
+CREATE TABLE tokens (
+  driver      TEXT NOT NULL REFERENCES drivers(class_id),
+  instance    TEXT NOT NULL,
+  config_data BLOB,
+  PRIMARY KEY (driver, instance)
+);
+CREATE TABLE items (
+  driver           TEXT    NOT NULL,
+  instance         TEXT    NOT NULL,
+  position         INTEGER NOT NULL,
+  kind             TEXT    NOT NULL CHECK (kind IN ('certificate', 'key')),
+  object_id        BLOB    NOT NULL,
+  label            TEXT,
+  certificate      BLOB    NOT NULL,
+  can_sign         INTEGER,
+  can_decrypt      INTEGER,
+  can_key_exchange INTEGER,
+  PRIMARY KEY (driver, instance, position),
+  FOREIGN KEY (driver, instance) REFERENCES tokens(driver, instance)
+);
+)sql";
+
+std::optional<bool> flagAt(const sqlite::Statement& row, int column) {
+    if (row.isNull(column)) return std::nullopt;
+    return row.integer(column) != 0;
+}
+
+std::optional<std::string> textAt(const sqlite::Statement& row, int column) {
+    if (row.isNull(column)) return std::nullopt;
+    return row.text(column);
+}
+
+// A store is created by the first process that finds it without tables; the driver ships with
+// the tool, so it is registered in the same transaction.
+void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippedDriver) {
+    db.transaction([&] {
+        auto count = db.prepare("SELECT count(*) FROM sqlite_master WHERE type='table'");
+        count.step();
+        if (count.integer(0) != 0) return;
+        db.execute(schema);
+        db.prepare("INSERT INTO drivers (class_id) VALUES (?)")
+            .bind(1, shippedDriver)
+            .run();
+    });
+}
+
+}  // namespace
+
+TesseraTokenItems TesseraTokenConfiguration::items() const {
+    auto query = db_->prepare(
+        "SELECT kind, object_id, label, certificate, can_sign, can_decrypt, can_key_exchange"
+        " FROM items WHERE driver = ? AND instance = ? ORDER BY position");
+    query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+    TesseraTokenItems items;
+    while (query.step()) {
+        if (query.text(0) == "certificate") {
+            items.emplace_back(
+                TesseraTokenCertificateItem{query.blob(1), textAt(query, 2), query.blob(3)});
+            continue;
+        }
+        TesseraTokenKeyItem key{.objectID = query.blob(1),
+                                .label = textAt(query, 2),
+                                .certificate = query.blob(3),
+                                .canSign = flagAt(query, 4),
+                                .canDecrypt = flagAt(query, 5),
+                                .canPerformKeyExchange = flagAt(query, 6)};
+        deriveKeyFields(key);
+        items.emplace_back(std::move(key));
+    }
+    return items;
+}
+
+void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) const {
+    db_->transaction([&] {
+        db_->prepare("DELETE FROM items WHERE driver = ? AND instance = ?")
+            .bind(1, std::string_view(driver_))
+            .bind(2, std::string_view(instance_))
+            .run();
+        auto insert = db_->prepare(
+            "INSERT INTO items (driver, instance, position, kind, object_id, label, certificate,"
+            " can_sign, can_decrypt, can_key_exchange) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+        std::int64_t position = 0;
+        for (const auto& item : items) {
+            insert.reset();
+            insert.bind(1, std::string_view(driver_))
+                .bind(2, std::string_view(instance_))
+                .bind(3, position++);
+            std::visit(
+                [&](const auto& value) {
+                    using Item = std::decay_t<decltype(value)>;
+                    insert.bind(5, ByteView(value.objectID)).bindOptional(6, value.label);
+                    insert.bind(7, ByteView(value.certificate));
+                    if constexpr (std::is_same_v<Item, TesseraTokenKeyItem>) {
+                        insert.bind(4, std::string_view("key"))
+                            .bindOptional(8, value.canSign)
+                            .bindOptional(9, value.canDecrypt)
+                            .bindOptional(10, value.canPerformKeyExchange);
+                    } else {
+                        insert.bind(4, std::string_view("certificate"))
+                            .bindNull(8)
+                            .bindNull(9)
+                            .bindNull(10);
+                    }
+                },
+                item);
+            insert.run();
+        }
+    });
+}
+
+std::optional<Bytes> TesseraTokenConfiguration::configurationData() const {
+    auto query = db_->prepare("SELECT config_data FROM tokens WHERE driver = ? AND instance = ?");
+    query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+    if (!query.step() || query.isNull(0)) return std::nullopt;
+    return query.blob(0);
+}
+
+void TesseraTokenConfiguration::replaceConfigurationData(ByteView data) const {
+    db_->transaction([&] {
+        db_->prepare("UPDATE tokens SET config_data = ? WHERE driver = ? AND instance = ?")
+            .bind(1, data)
+            .bind(2, std::string_view(driver_))
+            .bind(3, std::string_view(instance_))
+            .run();
+    });
+}
+
+void TesseraTokenConfiguration::removeConfigurationData() const {
+    db_->transaction([&] {
+        db_->prepare("UPDATE tokens SET config_data = NULL WHERE driver = ? AND instance = ?")
+            .bind(1, std::string_view(driver_))
+            .bind(2, std::string_view(instance_))
+            .run();
+    });
+}
+
+std::map<std::string, TesseraTokenConfiguration>
+TesseraTokenDriverConfiguration::tokenConfigurations() const {
+    auto query = db_->prepare("SELECT instance FROM tokens WHERE driver = ?");
+    query.bind(1, std::string_view(driver_));
+    std::map<std::string, TesseraTokenConfiguration> tokens;
+    while (query.step()) {
+        auto instance = query.text(0);
+        tokens.emplace(instance, TesseraTokenConfiguration(db_, driver_, instance));
+    }
+    return tokens;
+}
+
+TesseraTokenConfiguration TesseraTokenDriverConfiguration::addTokenConfiguration(
+    std::string_view instanceID) const {
+    db_->transaction([&] {
+        db_->prepare("INSERT OR IGNORE INTO tokens (driver, instance) VALUES (?, ?)")
+            .bind(1, std::string_view(driver_))
+            .bind(2, instanceID)
+            .run();
+    });
+    return TesseraTokenConfiguration(db_, driver_, std::string(instanceID));
+}
+
+TesseraDriverRegistry TesseraDriverRegistry::open(const std::filesystem::path& path,
+                                                  std::string_view shippedDriver) {
+    auto db = std::make_shared<const sqlite::Connection>(path);
+    createSchemaIfMissing(*db, shippedDriver);
+    return TesseraDriverRegistry(std::move(db));
+}
+
+std::map<std::string, TesseraTokenDriverConfiguration> TesseraDriverRegistry::driverConfigurations()
+    const {
+    std::map<std::string, TesseraTokenDriverConfiguration> drivers;
+    auto query = db_->prepare("SELECT class_id FROM drivers");
+    while (query.step()) {
+        auto classID = query.text(0);
+        drivers.emplace(classID, TesseraTokenDriverConfiguration(db_, classID));
+    }
+    return drivers;
+}
+
+}  // namespace keyloft::platform::token_store

@@ -1,0 +1,39 @@
+#include "store/user_card.hpp"
+
+#include <string>
+
+#include "base/error.hpp"
+#include "platform/os/paths.hpp"
+
+namespace keyloft::store {
+namespace {
+
+constexpr std::string_view storeFileName = "tokens.db";
+
+}  // namespace
+
+platform::token_store::TesseraDriverRegistry openUserRegistry() {
+    return platform::token_store::TesseraDriverRegistry::open(
+        platform::os::dataFolder() / storeFileName, driverClassID);
+}
+
+platform::token_store::TesseraTokenConfiguration userToken(
+    const platform::token_store::TesseraDriverRegistry& registry) {
+    const auto drivers = registry.driverConfigurations();
+    const auto driver = drivers.find(std::string(driverClassID));
+    if (driver == drivers.end()) {
+        throw KeyloftError::generic("Failed to get TesseraTokenDriver configuration");
+    }
+    auto tokens = driver->second.tokenConfigurations();
+    const auto user = tokens.find(std::string(userInstanceID));
+    return user != tokens.end() ? user->second
+                                : driver->second.addTokenConfiguration(userInstanceID);
+}
+
+std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchUserToken() {
+    return std::make_unique<platform::token_store::TesseraTokenWatcher>(
+        platform::os::dataFolderLocation() / storeFileName, std::string(driverClassID),
+        std::string(userInstanceID));
+}
+
+}  // namespace keyloft::store

@@ -1,0 +1,142 @@
+#include "platform/token_store/token_store.hpp"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include "base/error.hpp"
+#include "support/temporary_folder.hpp"
+#include "support/test_certificates.hpp"
+
+namespace keyloft::platform::token_store {
+namespace {
+
+constexpr std::string_view driver = "org.keyloft.token";
+
+class TokenStore : public ::testing::Test {
+  protected:
+    std::filesystem::path dbPath() const { return folder.path() / "tokens.db"; }
+
+    TesseraTokenConfiguration userToken() const {
+        const auto drivers = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+        return drivers.at(std::string(driver)).addTokenConfiguration("user");
+    }
+
+    void sql(const std::string& statement) const {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(dbPath().c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, statement.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
+        sqlite3_close(db);
+    }
+
+    testing::TemporaryFolder folder;
+};
+
+TEST_F(TokenStore, NewStoreHoldsTheToolsDriverAndNoToken) {
+    const auto registry = TesseraDriverRegistry::open(dbPath(), driver);
+    const auto drivers = registry.driverConfigurations();
+    ASSERT_EQ(drivers.size(), 1U);
+    EXPECT_TRUE(drivers.at(std::string(driver)).tokenConfigurations().empty());
+
+    struct stat info {};
+    ASSERT_EQ(::stat(dbPath().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
+}
+
+TEST_F(TokenStore, AddedTokenStartsEmptyAndIsFoundAfterReopening) {
+    const auto token = userToken();
+    EXPECT_TRUE(token.items().empty());
+    EXPECT_FALSE(token.configurationData());
+
+    const auto reopened = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    const auto tokens = reopened.at(std::string(driver)).tokenConfigurations();
+    ASSERT_EQ(tokens.size(), 1U);
+    EXPECT_EQ(tokens.begin()->first, "user");
+}
+
+TEST_F(TokenStore, ItemListIsReplacedAsAWholeAndKeepsOrderAndFields) {
+    const auto ec = testing::makeEcKey("P-384");
+    const auto rsa = testing::makeRsaKey();
+    const Bytes ecCertificate = testing::makeCertificate(ec.get(), "ec");
+    const Bytes rsaCertificate = testing::makeCertificate(rsa.get(), "rsa");
+    const Bytes id1(20, 0x11);
+    const Bytes id2(20, 0x22);
+
+    auto certificateItem = *makeCertificateItem(ecCertificate, id1);
+    certificateItem.label = "Mail";
+    auto ecKey = *makeKeyItem(ecCertificate, id1);
+    ecKey.canSign = true;
+    ecKey.canDecrypt = false;
+    ecKey.canPerformKeyExchange = true;
+    auto rsaKey = *makeKeyItem(rsaCertificate, id2);  // no label, flags left to the default
+
+    const auto token = userToken();
+    token.replaceItems({certificateItem, ecKey, rsaKey});
+    const auto items = userToken().items();
+    ASSERT_EQ(items.size(), 3U);
+    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(items[0]), certificateItem);
+    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[1]), ecKey);
+    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]), rsaKey);
+
+    const auto& loadedEc = std::get<TesseraTokenKeyItem>(items[1]);
+    EXPECT_EQ(loadedEc.keyType, "ec");
+    EXPECT_EQ(loadedEc.keySizeInBits, 384);
+    EXPECT_EQ(loadedEc.publicKeyData->size(), 97U);
+    EXPECT_EQ(loadedEc.publicKeyHash->size(), 20U);
+    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]).keyType, "rsa");
+    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]).keySizeInBits, 2048);
+    EXPECT_FALSE(std::get<TesseraTokenKeyItem>(items[2]).canSign);
+
+    token.replaceItems({rsaKey});
+    EXPECT_EQ(userToken().items(), TesseraTokenItems{rsaKey});
+    token.replaceItems({});
+    EXPECT_TRUE(userToken().items().empty());
+}
+
+TEST_F(TokenStore, ConfigurationDataIsReplacedAndRemoved) {
+    const auto token = userToken();
+    token.replaceConfigurationData(Bytes{1, 2, 3});
+    EXPECT_EQ(userToken().configurationData(), (Bytes{1, 2, 3}));
+    token.replaceConfigurationData(Bytes{});
+    EXPECT_EQ(userToken().configurationData(), Bytes{});
+    token.removeConfigurationData();
+    EXPECT_FALSE(userToken().configurationData());
+}
+
+TEST_F(TokenStore, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
+    userToken();
+    sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', 0, 'key', x'01', NULL, x'3000', 1, "
+        "0, 1)");
+    const auto items = userToken().items();
+    ASSERT_EQ(items.size(), 1U);
+    const auto& key = std::get<TesseraTokenKeyItem>(items[0]);
+    EXPECT_FALSE(key.publicKeyHash);
+    EXPECT_FALSE(key.publicKeyData);
+    EXPECT_EQ(key.keyType, "");
+    EXPECT_FALSE(makeKeyItem(Bytes{0x30, 0x00}, Bytes{1}));
+    EXPECT_FALSE(makeCertificateItem(Bytes{0x30, 0x00}, Bytes{1}));
+}
+
+TEST_F(TokenStore, OtherTokensAreLeftAlone) {
+    userToken();
+    sql("INSERT INTO drivers VALUES ('org.example.other')");
+    sql("INSERT INTO tokens VALUES ('org.example.other', 'user', x'AA')");
+    sql("INSERT INTO tokens VALUES ('org.keyloft.token', 'spare', x'BB')");
+    userToken().replaceConfigurationData(Bytes{0xCC});
+    userToken().replaceItems({});
+
+    const auto drivers = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    EXPECT_EQ(drivers.at("org.example.other").tokenConfigurations().at("user").configurationData(),
+              Bytes{0xAA});
+    EXPECT_EQ(drivers.at("org.keyloft.token").tokenConfigurations().at("spare").configurationData(),
+              Bytes{0xBB});
+}
+
+TEST_F(TokenStore, AnUnreadableFileIsAPlatformError) {
+    std::filesystem::create_directories(dbPath());
+    EXPECT_THROW(TesseraDriverRegistry::open(dbPath(), driver), PlatformError);
+}
+
+}  // namespace
+}  // namespace keyloft::platform::token_store
