@@ -7,16 +7,11 @@
 #include <openssl/x509v3.h>
 
 #include "platform/crypto/digest.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 
 namespace keyloft::platform::certificate_service {
 namespace {
 
-struct X509Deleter {
-    void operator()(X509* x) const { X509_free(x); }
-};
-struct GeneralNamesDeleter {
-    void operator()(GENERAL_NAMES* names) const { GENERAL_NAMES_free(names); }
-};
 std::string asn1Text(const ASN1_STRING* value) {
     unsigned char* utf8 = nullptr;
     const int length = ASN1_STRING_to_UTF8(&utf8, value);
@@ -46,12 +41,12 @@ std::optional<PublicKeyAttributes> ecPublicKey(const EVP_PKEY* key, ByteView poi
 }  // namespace
 
 struct Certificate::Handle {
-    std::unique_ptr<X509, X509Deleter> x509;
+    openssl::X509Certificate x509;
 };
 
 std::optional<Certificate> Certificate::parse(ByteView der) {
     const unsigned char* cursor = der.data();
-    std::unique_ptr<X509, X509Deleter> x509(
+    openssl::X509Certificate x509(
         d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
     if (!x509 || cursor != der.data() + der.size()) return std::nullopt;
     auto handle = std::make_shared<Handle>();
@@ -98,7 +93,7 @@ std::vector<std::string> Certificate::emailAddresses() const {
         addresses.push_back(
             asn1Text(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index))));
     }
-    const std::unique_ptr<GENERAL_NAMES, GeneralNamesDeleter> names(static_cast<GENERAL_NAMES*>(
+    const openssl::GeneralNames names(static_cast<GENERAL_NAMES*>(
         X509_get_ext_d2i(handle_->x509.get(), NID_subject_alt_name, nullptr, nullptr)));
     for (int i = 0; names && i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);

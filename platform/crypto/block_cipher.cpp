@@ -11,7 +11,7 @@
 namespace keyloft::platform::crypto {
 namespace {
 
-using Cipher = std::unique_ptr<EVP_CIPHER, openssl::Deleter<EVP_CIPHER_free>>;
+using openssl::Cipher;
 
 constexpr int noReason = -1;
 constexpr std::size_t blockSize = 8;

@@ -10,7 +10,7 @@
 namespace keyloft::platform::crypto {
 namespace {
 
-using Provider = std::unique_ptr<OSSL_PROVIDER, openssl::Deleter<OSSL_PROVIDER_unload>>;
+using openssl::Provider;
 
 // Loading "legacy" explicitly stops the implicit loading of "default", so both are loaded; they
 // stay for the life of the process and are unloaded at its end.

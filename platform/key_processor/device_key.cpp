@@ -10,6 +10,7 @@
 
 #include "base/error.hpp"
 #include "platform/crypto/random.hpp"
+#include "platform/os/file_descriptor.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -22,14 +23,13 @@ constexpr std::size_t deviceKeySize = 32;
 }
 
 std::optional<crypto::SecretBytes> readKey(const std::filesystem::path& file) {
-    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const os::FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.isOpen()) {
         if (errno == ENOENT) return std::nullopt;
         fail(file, "read");
     }
     crypto::SecretBytes key(deviceKeySize + 1);
-    const ssize_t n = ::read(fd, key.data(), key.size());
-    ::close(fd);
+    const ssize_t n = ::read(fd.get(), key.data(), key.size());
     if (n != static_cast<ssize_t>(deviceKeySize)) {
         throw PlatformError("Key processor: the device key " + file.string() + " is damaged");
     }
@@ -46,15 +46,16 @@ crypto::SecretBytes loadOrCreateDeviceKey(const std::filesystem::path& file) {
     if (!crypto::randomBytes(key)) throw PlatformError("Key processor: the random generator failed");
     // mkstemp creates the file with mode 0600 and a name no other process holds.
     std::string temporary = file.string() + ".XXXXXX";
-    const int fd = ::mkstemp(temporary.data());
-    if (fd < 0) fail(file, "create");
-    const bool written =
-        ::write(fd, key.data(), key.size()) == static_cast<ssize_t>(key.size()) && ::fsync(fd) == 0;
+    os::FileDescriptor fd(::mkstemp(temporary.data()));
+    if (!fd.isOpen()) fail(file, "create");
+    const bool written = ::write(fd.get(), key.data(), key.size()) ==
+                             static_cast<ssize_t>(key.size()) &&
+                         ::fsync(fd.get()) == 0;
     // link() never replaces an existing file, so the first process to get there wins and the
     // others read its key.
     const bool linked = written && ::link(temporary.c_str(), file.c_str()) == 0;
     const int error = errno;
-    ::close(fd);
+    fd.reset();
     ::unlink(temporary.c_str());
     errno = error;
     if (!written) fail(file, "write");

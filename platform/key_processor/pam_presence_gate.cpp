@@ -1,9 +1,7 @@
 #include "platform/key_processor/pam_presence_gate.hpp"
 
-#include <fcntl.h>
 #include <pwd.h>
 #include <security/pam_appl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -11,6 +9,7 @@
 #include <string>
 
 #include "base/error.hpp"
+#include "platform/os/controlling_terminal.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -21,49 +20,32 @@ constexpr const char* serviceName = "keyloft";
     throw PlatformError("User presence could not be confirmed: " + why);
 }
 
-class Terminal {
+using os::ControllingTerminal;
+
+// Shows the prompt and reads one line; without echo, echo is off from before the prompt shows.
+std::optional<crypto::SecretText> ask(ControllingTerminal& terminal, std::string_view prompt,
+                                      bool echo) {
+    if (!echo) terminal.echoOff();
+    terminal.write(prompt);
+    auto line = terminal.readLine();
+    terminal.restoreEcho();
+    return line;
+}
+
+// Ends the PAM transaction with the last status, however the confirmation ends.
+class PamTransaction {
   public:
-    Terminal() : fd_(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-    ~Terminal() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    bool isOpen() const { return fd_ >= 0; }
+    explicit PamTransaction(pam_handle_t* handle) : handle_(handle) {}
+    PamTransaction(const PamTransaction&) = delete;
+    PamTransaction& operator=(const PamTransaction&) = delete;
+    ~PamTransaction() { pam_end(handle_, status_); }
 
-    void write(std::string_view text) const {
-        while (!text.empty()) {
-            const ssize_t n = ::write(fd_, text.data(), text.size());
-            if (n <= 0) return;
-            text.remove_prefix(static_cast<std::size_t>(n));
-        }
-    }
-
-    // Shows the prompt and reads one line; nothing on failure. Without echo, echo goes off before
-    // the prompt is shown (typed-ahead input is dropped) and comes back whatever happens.
-    std::optional<crypto::SecretText> ask(std::string_view prompt, bool echo) const {
-        termios saved{};
-        const bool quiet = !echo && ::tcgetattr(fd_, &saved) == 0;
-        if (quiet) {
-            termios noEcho = saved;
-            noEcho.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            ::tcsetattr(fd_, TCSAFLUSH, &noEcho);
-        }
-        write(prompt);
-        crypto::SecretText line;
-        char c = 0;
-        bool ok = true;
-        while ((ok = ::read(fd_, &c, 1) == 1) && c != '\n') line.push_back(c);
-        if (quiet) {
-            ::tcsetattr(fd_, TCSAFLUSH, &saved);
-            write("\n");
-        }
-        if (!ok && line.empty()) return std::nullopt;
-        return line;
-    }
+    pam_handle_t* get() const { return handle_; }
+    int record(int status) { return status_ = status; }
 
   private:
-    int fd_;
+    pam_handle_t* handle_;
+    int status_ = PAM_SUCCESS;
 };
 
 // Answers may hold a password: wiped before they are freed.
@@ -77,7 +59,7 @@ void dropAnswers(pam_response* answers, int count) {
 
 // PAM owns and frees the replies, so they are allocated with malloc.
 int converse(int count, const pam_message** messages, pam_response** replies, void* data) {
-    const auto& terminal = *static_cast<const Terminal*>(data);
+    auto& terminal = *static_cast<ControllingTerminal*>(data);
     auto* answers = static_cast<pam_response*>(
         std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
     if (answers == nullptr) return PAM_BUF_ERR;
@@ -87,7 +69,7 @@ int converse(int count, const pam_message** messages, pam_response** replies, vo
         switch (message.msg_style) {
             case PAM_PROMPT_ECHO_OFF:
             case PAM_PROMPT_ECHO_ON: {
-                auto line = terminal.ask(text, message.msg_style == PAM_PROMPT_ECHO_ON);
+                auto line = ask(terminal, text, message.msg_style == PAM_PROMPT_ECHO_ON);
                 if (line) line->push_back('\0');
                 answers[i].resp = line ? strdup(line->data()) : nullptr;
                 if (answers[i].resp == nullptr) {
@@ -113,7 +95,7 @@ std::string currentUser() {
 }  // namespace
 
 void PamPresenceGate::confirm() {
-    Terminal terminal;
+    ControllingTerminal terminal;
     if (!terminal.isOpen()) refuse("no controlling terminal");
     terminal.write("Confirm your presence to use the key.\n");
 
@@ -125,11 +107,10 @@ void PamPresenceGate::confirm() {
                                                 configurationFolder_->c_str(), &handle)
                             : pam_start(serviceName, user.c_str(), &conversation, &handle);
     if (started != PAM_SUCCESS) refuse("PAM could not start");
-    int result = pam_authenticate(handle, 0);
-    if (result == PAM_SUCCESS) result = pam_acct_mgmt(handle, 0);
-    const std::string reason = pam_strerror(handle, result);
-    pam_end(handle, result);
-    if (result != PAM_SUCCESS) refuse(reason);
+    PamTransaction transaction(handle);
+    int result = transaction.record(pam_authenticate(handle, 0));
+    if (result == PAM_SUCCESS) result = transaction.record(pam_acct_mgmt(handle, 0));
+    if (result != PAM_SUCCESS) refuse(pam_strerror(handle, result));
 }
 
 }  // namespace keyloft::platform::key_processor

@@ -9,8 +9,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-using Group = std::unique_ptr<EC_GROUP, openssl::Deleter<EC_GROUP_free>>;
-using Point = std::unique_ptr<EC_POINT, openssl::Deleter<EC_POINT_free>>;
+using Group = openssl::EcGroup;
+using Point = openssl::EcPoint;
 
 }  // namespace
 

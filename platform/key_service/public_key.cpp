@@ -13,13 +13,6 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-struct NumberDeleter {
-    void operator()(BIGNUM* number) const { BN_free(number); }
-};
-using Number = std::unique_ptr<BIGNUM, NumberDeleter>;
-struct OpensslBufferDeleter {
-    void operator()(unsigned char* buffer) const { OPENSSL_free(buffer); }
-};
 
 // The curve size follows from the length of the uncompressed point: 1 + 2 * field size.
 int sizeForPointLength(std::size_t length) {
@@ -46,12 +39,12 @@ EVP_PKEY* makeEcKey(ByteView point) {
     return key.release();
 }
 
-Number numberParameter(const EVP_PKEY* key, const char* name) {
+openssl::Bignum numberParameter(const EVP_PKEY* key, const char* name) {
     BIGNUM* number = nullptr;
     if (EVP_PKEY_get_bn_param(key, name, &number) != 1) {
         throw PlatformError("cannot read RSA public key numbers");
     }
-    return Number(number);
+    return openssl::Bignum(number);
 }
 
 Bytes magnitude(const BIGNUM* number) {
@@ -61,10 +54,6 @@ Bytes magnitude(const BIGNUM* number) {
 }
 
 }  // namespace
-
-void PublicKey::KeyDeleter::operator()(EVP_PKEY* key) const {
-    EVP_PKEY_free(key);
-}
 
 PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
     if (data.empty()) throw PlatformError("public key data is empty");
@@ -79,7 +68,7 @@ PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
     }
     // A key with a zero or negative modulus or exponent decodes but is no key.
     for (const char* name : {OSSL_PKEY_PARAM_RSA_N, OSSL_PKEY_PARAM_RSA_E}) {
-        const Number number = numberParameter(key.get(), name);
+        const openssl::Bignum number = numberParameter(key.get(), name);
         if (BN_is_zero(number.get()) || BN_is_negative(number.get())) {
             throw PlatformError("RSA public key data holds a number that is not positive");
         }
@@ -114,7 +103,7 @@ Bytes PublicKey::externalRepresentation() const {
     }
     unsigned char* rawDer = nullptr;
     const int length = i2d_PublicKey(key_.get(), &rawDer);
-    const std::unique_ptr<unsigned char, OpensslBufferDeleter> der(rawDer);
+    const openssl::Buffer der(rawDer);
     if (length <= 0 || !der) {
         throw PlatformError("failed to copy external representation of RSA public key");
     }

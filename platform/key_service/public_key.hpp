@@ -9,6 +9,7 @@
 
 #include "base/bytes.hpp"
 #include "base/key_types.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 
 namespace keyloft::platform::key_service {
 
@@ -38,10 +39,7 @@ class PublicKey {
     RsaNumbers rsaNumbers() const;
 
   private:
-    struct KeyDeleter {
-        void operator()(EVP_PKEY* key) const;
-    };
-    using Key = std::unique_ptr<EVP_PKEY, KeyDeleter>;
+    using Key = openssl::Pkey;
 
     PublicKey(std::string keyType, Key key) : keyType_(std::move(keyType)), key_(std::move(key)) {}
 

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/error.hpp"
+#include "platform/os/file_descriptor.hpp"
 
 namespace keyloft::platform::os {
 namespace {
@@ -18,21 +19,6 @@ namespace {
 [[noreturn]] void fail(std::string_view what, const std::filesystem::path& path, int error) {
     throw PlatformError(std::string(what) + " '" + path.string() + "': " + std::strerror(error));
 }
-
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-  private:
-    int fd_;
-};
 
 void writeAll(int fd, ByteView content, const std::filesystem::path& path) {
     std::size_t done = 0;

@@ -1,12 +1,12 @@
 #include "platform/os/passphrase.hpp"
 
-#include <fcntl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
+
+#include "platform/os/controlling_terminal.hpp"
 
 namespace keyloft::platform::os {
 namespace {
@@ -48,35 +48,6 @@ class SignalHold {
 
   private:
     std::array<struct sigaction, heldSignals.size()> saved_{};
-};
-
-class Terminal {
-  public:
-    Terminal() : fd_(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
-    Terminal(const Terminal&) = delete;
-    Terminal& operator=(const Terminal&) = delete;
-    ~Terminal() {
-        if (quiet_) ::tcsetattr(fd_, TCSAFLUSH, &saved_);
-        if (fd_ >= 0) ::close(fd_);
-    }
-
-    // Echo goes off before the prompt shows, so nothing typed after the prompt is echoed; input
-    // typed ahead is discarded. False when there is no terminal or echo cannot be turned off.
-    bool echoOff() {
-        if (fd_ < 0 || ::tcgetattr(fd_, &saved_) != 0) return false;
-        termios quiet = saved_;
-        quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-        quiet.c_lflag |= ECHONL;
-        quiet_ = ::tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
-        return quiet_;
-    }
-    void show(std::string_view text) const { (void)::write(fd_, text.data(), text.size()); }
-    int fd() const { return fd_; }
-
-  private:
-    int fd_;
-    termios saved_{};
-    bool quiet_ = false;
 };
 
 // Replaces every byte that does not start a valid UTF-8 sequence with U+FFFD.
@@ -145,9 +116,9 @@ std::optional<crypto::SecretText> readPassphrase(std::string_view prompt) {
         std::optional<crypto::SecretText> answer;
         {
             const SignalHold hold;
-            Terminal terminal;
+            ControllingTerminal terminal;
             if (!terminal.echoOff()) return std::nullopt;
-            terminal.show(prompt);
+            terminal.write(prompt);
             answer = readLine(terminal.fd());
         }
         const int signal = caughtSignal;

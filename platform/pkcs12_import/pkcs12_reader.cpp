@@ -10,20 +10,11 @@
 namespace keyloft::platform::pkcs12_import {
 namespace {
 
-using Pkcs12 = std::unique_ptr<PKCS12, openssl::Deleter<PKCS12_free>>;
-using X509Handle = std::unique_ptr<X509, openssl::Deleter<X509_free>>;
-using Pkcs8 = std::unique_ptr<PKCS8_PRIV_KEY_INFO, openssl::Deleter<PKCS8_PRIV_KEY_INFO_free>>;
-
-struct AuthSafesDeleter {
-    void operator()(STACK_OF(PKCS7) * safes) const { sk_PKCS7_pop_free(safes, PKCS7_free); }
-};
-struct BagsDeleter {
-    void operator()(STACK_OF(PKCS12_SAFEBAG) * bags) const {
-        sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
-    }
-};
-using AuthSafes = std::unique_ptr<STACK_OF(PKCS7), AuthSafesDeleter>;
-using Bags = std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), BagsDeleter>;
+using openssl::Pkcs12;
+using openssl::Pkcs8;
+using X509Handle = openssl::X509Certificate;
+using AuthSafes = openssl::AuthenticatedSafes;
+using Bags = openssl::SafeBags;
 
 struct FoundKey {
     openssl::Pkey key;

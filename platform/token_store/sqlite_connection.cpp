@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/error.hpp"
+#include "platform/os/file_descriptor.hpp"
 
 namespace keyloft::platform::token_store::sqlite {
 namespace {
@@ -14,10 +15,8 @@ namespace {
 constexpr int busyTimeoutMilliseconds = 10000;
 
 void createPrivateFile(const std::filesystem::path& path) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd >= 0) {
-        ::close(fd);
-    } else if (errno != EEXIST) {
+    const os::FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd.isOpen() && errno != EEXIST) {
         throw PlatformError("Cannot create the token store " + path.string() + ": " +
                             std::strerror(errno));
     }
