@@ -1,6 +1,7 @@
 #include "pkcs12/pfx.hpp"
 
 #include "der/object_identifiers.hpp"
+#include "der/public_key_algorithm.hpp"
 #include "base/error.hpp"
 #include "pkcs12/p12_pbe_gen.hpp"
 #include "pkcs12/pbe_encrypt.hpp"
@@ -84,12 +85,7 @@ struct KeyPlacement {
 };
 
 KeyPlacement ecPlacement(const UnwrappedKey& key) {
-    // 192-bit keys have no curve identifier here; naming another curve would mislabel them.
-    const ByteView curve = der::curveOidForSize(key.sizeInBits);
-    if (curve.empty()) {
-        throw KeyloftError::generic("unsupported public key EC key size: " +
-                                    std::to_string(key.sizeInBits));
-    }
+    const auto algorithm = der::publicKeyAlgorithm(key.keyType, key.sizeInBits);
     const std::size_t field = (static_cast<std::size_t>(key.sizeInBits) + 7) / 8;
     const auto& data = key.externalRepresentation;
     if (data.size() != 1 + 3 * field || data[0] != 0x04)
@@ -103,13 +99,12 @@ KeyPlacement ecPlacement(const UnwrappedKey& key) {
         der::octetStringRecord(Bytes(field)),
         publicKey,
     });
-    return {der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}),
-            der::wrapInOctetString(ecPrivateKey), scalar, der::encode(publicKey).size()};
+    return {algorithm, der::wrapInOctetString(ecPrivateKey), scalar, der::encode(publicKey).size()};
 }
 
 KeyPlacement rsaPlacement(const UnwrappedKey& key) {
     const auto& data = key.externalRepresentation;
-    return {der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}),
+    return {der::publicKeyAlgorithm(key.keyType, key.sizeInBits),
             der::octetStringRecord(Bytes(data.size())), data, 0};
 }
 

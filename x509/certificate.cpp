@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "der/object_identifiers.hpp"
+#include "der/public_key_algorithm.hpp"
 #include "base/error.hpp"
 
 namespace keyloft::x509 {
@@ -85,22 +86,8 @@ const BerTlvRecord& Name::der() const {
 }
 
 BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
-    if (publicKey.keyType == keyTypeEC) {
-        const ByteView curve = der::curveOidForSize(publicKey.sizeInBits);
-        if (curve.empty()) {
-            throw KeyloftError::generic("unsupported public key EC key size: " +
-                                        std::to_string(publicKey.sizeInBits));
-        }
-        return der::sequenceRecord(
-            {der::sequenceRecord({der::oidRecord(der::oid::idEcPublicKey), der::oidRecord(curve)}),
-             der::bitStringRecord(publicKey.externalRepresentation)});
-    }
-    if (publicKey.keyType == keyTypeRSA) {
-        return der::sequenceRecord(
-            {der::sequenceRecord({der::oidRecord(der::oid::rsaEncryption), der::nullRecord()}),
-             der::bitStringRecord(publicKey.externalRepresentation)});
-    }
-    throw KeyloftError::generic("unsupported public key type: " + publicKey.keyType);
+    return der::sequenceRecord({der::publicKeyAlgorithm(publicKey.keyType, publicKey.sizeInBits),
+                                der::bitStringRecord(publicKey.externalRepresentation)});
 }
 
 X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey,
