@@ -1,13 +1,19 @@
 #!/usr/bin/env python3
-"""Times `keyloft list-identities` on cards of 100, 1,000 and 10,000 identities, and
-`keyloft create-identity` on an empty and on a full card.
+"""Times `keyloft list-identities` and a PKCS#11 search over all objects on cards of 100, 1,000
+and 10,000 identities, `keyloft create-identity` on an empty and on a full card, and
+`keyloft import-identities` of a PKCS#12 file of 1,000 identities.
 
 The cards are filled directly through SQLite and plistlib (certificates made with Python's
-cryptography), so that filling a large card does not depend on the tool's own speed.
+cryptography), so that filling a large card does not depend on the tool's own speed. The PKCS#11
+search runs in a client that keeps the module loaded; "after a change" times
+the search that follows a write to the store (the module reads the card again), "unchanged" one
+that follows none.
 
-Usage: bench/list_identities.py [path/to/keyloft]   (default: build/keyloft)
+Usage: bench/list_identities.py [path/to/keyloft [path/to/libkeyloft-pkcs11.so]]
+       (default: build/keyloft and the module built beside it)
 """
 import datetime
+import json
 import os
 import pathlib
 import plistlib
@@ -24,9 +30,57 @@ from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.x509.oid import NameOID
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tests" / "e2e"))
+
+from pkcs12_bundle import pkcs12_bundle  # noqa: E402
+
 KEYLOFT = sys.argv[1] if len(sys.argv) > 1 else str(ROOT / "build" / "keyloft")
+MODULE = sys.argv[2] if len(sys.argv) > 2 else str(
+    pathlib.Path(KEYLOFT).resolve().parent / "pkcs11" / "libkeyloft-pkcs11.so")
 SIZES = (100, 1000, 10000)
 RUNS = 5
+IMPORTED = 1000
+
+# Runs in its own process with the card's environment, so the module finds that card. Calls the
+# module through ctypes, so that the time is the module's, not a Python wrapper's per object.
+SEARCH = """
+import ctypes, json, sqlite3, sys, time
+ulong = ctypes.c_ulong
+module = ctypes.CDLL(sys.argv[1])
+assert module.C_Initialize(None) == 0
+slots, count = (ulong * 8)(), ulong(8)
+assert module.C_GetSlotList(ctypes.c_ubyte(1), slots, ctypes.byref(count)) == 0
+session = ulong()
+assert module.C_OpenSession(slots[0], ulong(4), None, None, ctypes.byref(session)) == 0
+handles = (ulong * 4096)()
+db = sqlite3.connect(sys.argv[2])
+# A write to a table of its own: a real change (a no-op UPDATE leaves the store's data version
+# as it was), and none to the identities.
+db.execute("CREATE TABLE IF NOT EXISTS bench_writes (n INTEGER)")
+
+
+def search():
+    assert module.C_FindObjectsInit(session, None, ulong(0)) == 0
+    found, got = 0, ulong(1)
+    while got.value:
+        assert module.C_FindObjects(session, handles, ulong(len(handles)), ctypes.byref(got)) == 0
+        found += got.value
+    assert module.C_FindObjectsFinal(session) == 0
+    return found
+
+
+samples = {"changed": [], "unchanged": []}
+for _ in range(int(sys.argv[3])):
+    with db:  # any committed write makes the module read the card again
+        db.execute("INSERT INTO bench_writes VALUES (1)")
+    for kind in ("changed", "unchanged"):
+        start = time.perf_counter()
+        objects = search()
+        samples[kind].append(time.perf_counter() - start)
+module.C_CloseSession(session)
+module.C_Finalize(None)
+print(json.dumps({"objects": objects, **samples}))
+"""
 
 
 def env_for(home):
@@ -38,14 +92,17 @@ def run(home, *args):
                           check=True, stdin=subprocess.DEVNULL)
 
 
-def identity(index, key):
+def identity_certificate(index, key):
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, f"Person {index}")])
     now = datetime.datetime.now(datetime.timezone.utc)
-    cert = (x509.CertificateBuilder().subject_name(name).issuer_name(name)
+    return (x509.CertificateBuilder().subject_name(name).issuer_name(name)
             .public_key(key.public_key()).serial_number(index + 1)
             .not_valid_before(now).not_valid_after(now + datetime.timedelta(days=365))
             .sign(key, hashes.SHA256()))
-    der = cert.public_bytes(serialization.Encoding.DER)
+
+
+def identity(index, key):
+    der = identity_certificate(index, key).public_bytes(serialization.Encoding.DER)
     point = key.public_key().public_bytes(serialization.Encoding.X962,
                                           serialization.PublicFormat.UncompressedPoint)
     digest = hashes.Hash(hashes.SHA1())
@@ -59,6 +116,13 @@ def fill(home, count):
     rows, pairs = [], []
     for index in range(count):
         der, hash_ = identity(index, key)
+        if index == 0:
+            # The module finds a key's record by the hash of the certificate's key, the same for
+            # every identity here: one more record under it gives each its private key object.
+            pairs += [hash_, {"sealedKey": {"pubKeyHash": hash_, "keyType": "ec",
+                                            "wrappedPrivateKey": bytes(178),
+                                            "wrappingPrivateKeyData": bytes(80),
+                                            "biometryProtection": "off"}}]
         # Distinct object ids and record keys, as on a real card.
         hash_ = index.to_bytes(4, "big") + hash_[4:]
         label = f"identity {count - index:05d}"
@@ -88,9 +152,33 @@ def timed(home, *args, runs=RUNS):
     return statistics.median(samples), min(samples)
 
 
+def searched(home, count):
+    """Median seconds of a search over all objects after a change and without one."""
+    result = subprocess.run([sys.executable, "-c", SEARCH, MODULE,
+                             str(home / "data" / "keyloft" / "tokens.db"), str(RUNS)],
+                            env=env_for(home), capture_output=True, text=True, check=True)
+    samples = json.loads(result.stdout)
+    assert samples["objects"] == 3 * count, samples["objects"]
+    return statistics.median(samples["changed"]), statistics.median(samples["unchanged"])
+
+
+def bundle(folder, count):
+    """A PKCS#12 file of count fresh P-256 identities, password "pw"."""
+    pairs = []
+    for index in range(count):
+        key = ec.generate_private_key(ec.SECP256R1())
+        pairs.append((key, identity_certificate(index, key)))
+    path = folder / "bundle.p12"
+    path.write_bytes(pkcs12_bundle(pairs, "pw"))
+    return path
+
+
 def main():
+    search = pathlib.Path(MODULE).exists()
     print(f"keyloft: {KEYLOFT}")
-    print(f"{'identities':>10} {'list median ms':>15} {'list min ms':>12} {'ms per 1000':>12}")
+    print(f"module:  {MODULE if search else 'none, PKCS#11 searches skipped'}")
+    print(f"{'identities':>10} {'list median ms':>15} {'list min ms':>12} {'ms per 1000':>12}"
+          f" {'search after change ms':>23} {'search unchanged ms':>20}")
     for count in SIZES:
         with tempfile.TemporaryDirectory() as folder:
             home = pathlib.Path(folder)
@@ -98,8 +186,10 @@ def main():
             median, best = timed(home, "list-identities")
             lines = run(home, "list-identities").stdout.count("\n")
             assert lines == count + 1, lines
+            changed, unchanged = searched(home, count) if search else (float("nan"),) * 2
             print(f"{count:>10} {median * 1000:>15.1f} {best * 1000:>12.1f} "
-                  f"{median * 1000 / count * 1000:>12.1f}")
+                  f"{median * 1000 / count * 1000:>12.1f} {changed * 1000:>23.1f}"
+                  f" {unchanged * 1000:>20.1f}")
     for count in (0, 1000):
         with tempfile.TemporaryDirectory() as folder:
             home = pathlib.Path(folder)
@@ -107,6 +197,15 @@ def main():
             median, best = timed(home, "create-identity", "-l", "bench", "-k", "p-256")
             print(f"create-identity p-256 on a card of {count} identities: "
                   f"median {median * 1000:.1f} ms, min {best * 1000:.1f} ms")
+    with tempfile.TemporaryDirectory() as folder:
+        home = pathlib.Path(folder)
+        fill(home, 0)
+        path = bundle(home, IMPORTED)
+        seconds, _ = timed(home, "import-identities", "-f", str(path), "-p", "pw", runs=1)
+        lines = run(home, "list-identities").stdout.count("\n")
+        assert lines == IMPORTED + 1, lines
+        print(f"import-identities of {IMPORTED} identities onto an empty card: {seconds:.2f} s"
+              f" ({seconds * 1000 / IMPORTED:.1f} ms per identity)")
 
 
 if __name__ == "__main__":

@@ -36,9 +36,10 @@ void KeyloftApp::createCsr() {
                                            {country, &KeyloftApp::country}}) {
         if (!(this->*value).empty()) subject.emplace_back(attribute, this->*value);
     }
-    const auto algorithm = storedKeyType == keyTypeRSA
-                               ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
-                               : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+    const auto algorithm =
+        storedKeyType == keyTypeRSA
+            ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
+            : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
     const auto request = der::encode(x509::buildCertificationRequest(
         subject, publicKey, [&](ByteView info) { return key->sign(algorithm, info); }));
     if (request.empty())
@@ -46,7 +47,8 @@ void KeyloftApp::createCsr() {
 
     std::string path = *fileName;
     if (!path.ends_with(".csr")) path += ".csr";
-    platform::os::replaceFileAtomically(path, bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
+    platform::os::replaceFileAtomically(path,
+                                        bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
 }
 
 }  // namespace keyloft

@@ -1,12 +1,12 @@
-#include "der/object_identifiers.hpp"
 #include "base/error.hpp"
+#include "der/object_identifiers.hpp"
 #include "keyloft/keyloft_app.hpp"
-#include "store/identity_writes.hpp"
 #include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/certificate_service/certificate.hpp"
 #include "platform/crypto/random.hpp"
+#include "store/identity_writes.hpp"
 #include "x509/certificate.hpp"
 
 namespace keyloft {
@@ -29,7 +29,8 @@ void KeyloftApp::createIdentity() {
     const auto certificate =
         der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
             return keys::signWithStoredKey(
-                tbs, storage, platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
+                tbs, storage,
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
         }));
     if (!platform::certificate_service::Certificate::parse(certificate))
         throw KeyloftError::generic("Failed to create certificate");

@@ -6,10 +6,10 @@
 #include <string_view>
 #include <vector>
 
-#include "keyloft/command_line.hpp"
-#include "store/user_card.hpp"
 #include "base/error.hpp"
+#include "keyloft/command_line.hpp"
 #include "keyloft/keyloft_app.hpp"
+#include "store/user_card.hpp"
 
 namespace keyloft {
 namespace {

@@ -33,7 +33,8 @@ void KeyloftApp::exportIdentity() {
         exportPassword =
             askPassphrase("Enter a password which will be used to protect the exported items:");
         const auto again = askPassphrase("Verify password:");
-        if (!platform::text::canonicallyEqual(platform::crypto::view(exportPassword), platform::crypto::view(again))) {
+        if (!platform::text::canonicallyEqual(platform::crypto::view(exportPassword),
+                                              platform::crypto::view(again))) {
             throw KeyloftError::generic("Passwords do not match!");
         }
     }
@@ -56,8 +57,8 @@ void KeyloftApp::exportIdentity() {
     }
     const auto& sealed = *record->second.sealedKey;
     const Bytes pfx = pkcs12::buildPKCS12(
-        platform::crypto::view(exportPassword), certificate, sealed.pubKeyHash, pkcs12::exportIterations,
-        [&] {
+        platform::crypto::view(exportPassword), certificate, sealed.pubKeyHash,
+        pkcs12::exportIterations, [&] {
             auto [key, data] = keys::unwrapPrivateKeyWithData(sealed, nullptr);
             return pkcs12::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
         });

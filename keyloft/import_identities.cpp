@@ -2,14 +2,14 @@
 
 #include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
-#include "store/identity_writes.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/certificate_service/certificate.hpp"
-#include "platform/pkcs12_import/pkcs12_reader.hpp"
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
+#include "platform/pkcs12_import/pkcs12_reader.hpp"
 #include "pubkey/hex.hpp"
+#include "store/identity_writes.hpp"
 
 namespace keyloft {
 namespace {
@@ -38,7 +38,8 @@ void KeyloftApp::importIdentities() {
     const bool biometry = keyProtection == KeyProtection::bio;
 
     const Bytes file = platform::os::readFile(*fileName);
-    auto identities = platform::pkcs12_import::readPkcs12Identities(file, platform::crypto::view(filePassword));
+    auto identities =
+        platform::pkcs12_import::readPkcs12Identities(file, platform::crypto::view(filePassword));
     if (!identities) throw KeyloftError::generic("PKCS12 import failed");
 
     for (auto& identity : *identities) {

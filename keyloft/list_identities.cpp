@@ -56,9 +56,11 @@ void KeyloftApp::listIdentities() {
     std::vector<KeyRow> rows;
     std::map<Bytes, CertificateDetails> certificates;
     for (const auto& item : tokenConfiguration.items()) {
-        if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+        if (const auto* certificate =
+                std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
             // One parse serves the hash and the details.
-            const auto parsed = platform::certificate_service::Certificate::parse(certificate->certificate);
+            const auto parsed =
+                platform::certificate_service::Certificate::parse(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
             auto keyHash = parsed->publicKeyHash();
             if (!keyHash) throw KeyloftError::generic("Failed to retrieve public key hash");

@@ -28,7 +28,6 @@ enum class ArgumentKey {
     country,
 };
 
-
 std::string_view word(ArgumentKey key);
 
 std::optional<ArgumentKey> argumentKeyFromWord(std::string_view word);

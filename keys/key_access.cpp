@@ -27,24 +27,26 @@ Protection protectionOf(const KeyStorage& storage) {
     throw storedKeyNotFound();
 }
 
-platform::crypto::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
-                                           const std::shared_ptr<AuthenticationContext>& context) {
+platform::crypto::SecretBytes unwrapPrivateKeyData(
+    const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context) {
     const auto wrapping = platform::key_processor::keyProcessorFor(key.wrappingPrivateKeyData)
                               .rebuildKey(key.wrappingPrivateKeyData, context);
-    return platform::key_service::ecies::decrypt(key.wrappedPrivateKey, [&](ByteView ephemeralPoint) {
-        return wrapping->agree(ephemeralPoint);
-    });
+    return platform::key_service::ecies::decrypt(
+        key.wrappedPrivateKey,
+        [&](ByteView ephemeralPoint) { return wrapping->agree(ephemeralPoint); });
 }
 
-platform::key_service::SoftwareKey unwrapPrivateKey(const SealedKey& key,
-                                       const std::shared_ptr<AuthenticationContext>& context) {
+platform::key_service::SoftwareKey unwrapPrivateKey(
+    const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context) {
     return unwrapPrivateKeyWithData(key, context).first;
 }
 
-std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes> unwrapPrivateKeyWithData(
-    const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context) {
+std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes>
+unwrapPrivateKeyWithData(const SealedKey& key,
+                         const std::shared_ptr<AuthenticationContext>& context) {
     auto data = unwrapPrivateKeyData(key, context);
-    auto software = platform::key_service::SoftwareKey::fromExternalRepresentation(key.keyType, data);
+    auto software =
+        platform::key_service::SoftwareKey::fromExternalRepresentation(key.keyType, data);
     return {std::move(software), std::move(data)};
 }
 

@@ -3,9 +3,9 @@
 #include <memory>
 #include <utility>
 
+#include "keys/stored_key_records.hpp"
 #include "platform/key_processor/key_processor.hpp"
 #include "platform/key_service/software_key.hpp"
-#include "keys/stored_key_records.hpp"
 
 namespace keyloft::keys {
 
@@ -23,12 +23,13 @@ struct Protection {
 Protection protectionOf(const KeyStorage& storage);
 
 // The sealed private key's external representation, opened with its wrapping key.
-platform::crypto::SecretBytes unwrapPrivateKeyData(const SealedKey& key,
-                                           const std::shared_ptr<AuthenticationContext>& context);
-platform::key_service::SoftwareKey unwrapPrivateKey(const SealedKey& key,
-                                       const std::shared_ptr<AuthenticationContext>& context);
-std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes> unwrapPrivateKeyWithData(
+platform::crypto::SecretBytes unwrapPrivateKeyData(
     const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context);
+platform::key_service::SoftwareKey unwrapPrivateKey(
+    const SealedKey& key, const std::shared_ptr<AuthenticationContext>& context);
+std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes>
+unwrapPrivateKeyWithData(const SealedKey& key,
+                         const std::shared_ptr<AuthenticationContext>& context);
 
 // Signs with a fresh authentication context.
 Bytes signWithStoredKey(ByteView message, const KeyStorage& storage,

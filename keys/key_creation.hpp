@@ -1,11 +1,11 @@
 #pragma once
 
-#include "keys/key_type.hpp"
 #include <memory>
+#include "keys/key_type.hpp"
 
+#include "keys/stored_key_records.hpp"
 #include "platform/key_processor/key_processor.hpp"
 #include "platform/key_service/software_key.hpp"
-#include "keys/stored_key_records.hpp"
 
 namespace keyloft::keys {
 

@@ -7,8 +7,8 @@
 #include <variant>
 
 #include "base/error.hpp"
-#include "platform/plist/binary_plist.hpp"
 #include "platform/os/log.hpp"
+#include "platform/plist/binary_plist.hpp"
 
 namespace keyloft::keys {
 namespace {
@@ -168,7 +168,7 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
     }
     if (storage.version != currentDataVersion) {
         platform::os::logDebug("Ignoring decoded data with different version: " +
-                           std::to_string(storage.version));
+                               std::to_string(storage.version));
         throw KeyloftError::dataVersionMismatch();
     }
     // Never written without "keys", but such a record holds no keys.

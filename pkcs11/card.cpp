@@ -47,8 +47,8 @@ const TokenObject& Card::key(CK_OBJECT_HANDLE handle) const {
     return *object;
 }
 
-std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(Session& session,
-                                                        const KeyFacts& key) const {
+std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(
+    Session& session, const KeyFacts& key) const {
     const keys::KeyStorage* stored = objects_.storedKey(key);
     if (stored == nullptr) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
     auto reach = [&] {

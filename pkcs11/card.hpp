@@ -2,9 +2,9 @@
 
 #include <map>
 
-#include "platform/key_service/private_key.hpp"
 #include "pkcs11/object_store.hpp"
 #include "pkcs11/session.hpp"
+#include "platform/key_service/private_key.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -37,7 +37,8 @@ class Card {
     // session and kept with it; a protected one is reached for each operation with a fresh
     // authentication context, so that it asks for presence every time. Throws
     // CKR_KEY_HANDLE_INVALID when its stored key has gone.
-    std::shared_ptr<const platform::key_service::PrivateKey> privateKey(Session& session, const KeyFacts& key) const;
+    std::shared_ptr<const platform::key_service::PrivateKey> privateKey(Session& session,
+                                                                        const KeyFacts& key) const;
 
   private:
     ObjectStore objects_;

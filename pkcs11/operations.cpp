@@ -1,10 +1,10 @@
 #include "pkcs11/operations.hpp"
 
+#include "base/error.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "der/digest_info.hpp"
 #include "der/ecdsa_signature.hpp"
 #include "der/object_identifiers.hpp"
-#include "base/error.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -103,8 +103,8 @@ Bytes SignOperation::sign(const platform::key_service::PrivateKey& handle) const
     switch (mechanism_->scheme) {
         case Scheme::ecdsa: {
             if (input.empty()) throw CryptokiError(CKR_DATA_LEN_RANGE);
-            const Bytes signature =
-                handle.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
+            const Bytes signature = handle.sign(
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
             auto raw = der::rawEcdsaSignature(signature, fieldSize(key_));
             if (!raw) throw CryptokiError(CKR_FUNCTION_FAILED);
             return std::move(*raw);
@@ -114,7 +114,8 @@ Bytes SignOperation::sign(const platform::key_service::PrivateKey& handle) const
                                     ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
                                     : input;
             if (block.size() + 11 > fieldSize(key_)) throw CryptokiError(CKR_DATA_LEN_RANGE);
-            return handle.sign(platform::key_service::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
+            return handle.sign(
+                platform::key_service::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
         }
         case Scheme::rsaPss:
             if (input.size() != platform::crypto::digestSize(pss_->hash))
@@ -141,8 +142,8 @@ DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObj
              hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
 }
 
-platform::crypto::SecretBytes DecryptOperation::decrypt(const platform::key_service::PrivateKey& handle,
-                                                ByteView ciphertext) const {
+platform::crypto::SecretBytes DecryptOperation::decrypt(
+    const platform::key_service::PrivateKey& handle, ByteView ciphertext) const {
     if (ciphertext.size() != plaintextLimit()) throw CryptokiError(CKR_ENCRYPTED_DATA_LEN_RANGE);
     try {
         return handle.decryptRsaOaep(ciphertext, oaep_);
@@ -171,7 +172,8 @@ EcdhDerivation::EcdhDerivation(const CK_MECHANISM& mechanism, const TokenObject&
     peerPoint_ = wrapped->bytes();
 }
 
-platform::crypto::SecretBytes EcdhDerivation::derive(const platform::key_service::PrivateKey& handle) const {
+platform::crypto::SecretBytes EcdhDerivation::derive(
+    const platform::key_service::PrivateKey& handle) const {
     try {
         return handle.agree(peerPoint_);
     } catch (const PlatformError&) {

@@ -3,10 +3,10 @@
 #include <optional>
 
 #include "base/bytes.hpp"
-#include "platform/key_service/private_key.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/token_objects.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/key_service/private_key.hpp"
 
 // The cryptographic operations of sessions. Each checks its mechanism and parameters against the
 // key when it starts and throws CryptokiError with the return value the standard gives.
@@ -36,7 +36,8 @@ class DecryptOperation {
     const KeyFacts& key() const { return key_; }
     // The most the plaintext can take.
     std::size_t plaintextLimit() const { return (key_.sizeInBits + 7) / 8; }
-    platform::crypto::SecretBytes decrypt(const platform::key_service::PrivateKey& handle, ByteView ciphertext) const;
+    platform::crypto::SecretBytes decrypt(const platform::key_service::PrivateKey& handle,
+                                          ByteView ciphertext) const;
 
   private:
     KeyFacts key_;

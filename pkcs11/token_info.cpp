@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "platform/crypto/digest.hpp"
-#include "store/user_card.hpp"
 #include "pubkey/hex.hpp"
+#include "store/user_card.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {

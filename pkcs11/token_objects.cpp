@@ -2,11 +2,11 @@
 
 #include <map>
 
+#include "base/key_types.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "der/object_identifiers.hpp"
 #include "keys/key_access.hpp"
 #include "pkcs11/mechanisms.hpp"
-#include "base/key_types.hpp"
 #include "x509/certificate_fields.hpp"
 
 namespace keyloft::pkcs11 {
@@ -119,7 +119,8 @@ struct Capabilities {
 };
 
 // Unset flags take the defaults the tool itself writes for the key type.
-Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& item, CK_KEY_TYPE keyType) {
+Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& item,
+                            CK_KEY_TYPE keyType) {
     return {item.canSign.value_or(true), item.canDecrypt.value_or(keyType == CKK_RSA),
             item.canPerformKeyExchange.value_or(keyType == CKK_EC)};
 }
@@ -200,10 +201,12 @@ std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenI
                                       const keys::StoredKeyMap& storedKeys) {
     std::vector<TokenObject> objects;
     for (const auto& item : items) {
-        if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+        if (const auto* certificate =
+                std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
             objects.push_back(certificateObject(*certificate));
         } else {
-            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys, objects);
+            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys,
+                             objects);
         }
     }
     // Objects of one class may share an id; their order in the list tells them apart.

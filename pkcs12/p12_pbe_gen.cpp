@@ -80,8 +80,9 @@ int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::ui
     }
 }
 
-platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,
-                             PbeId id, std::size_t length, const std::string& failureMessage) {
+platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt,
+                                     std::uint32_t iterations, PbeId id, std::size_t length,
+                                     const std::string& failureMessage) {
     platform::crypto::SecretBytes out(length);
     if (p12_pbe_gen(password, salt, iterations, id, out) != 0)
         throw KeyloftError::generic(failureMessage);
@@ -89,7 +90,7 @@ platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt, s
 }
 
 platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
-                                std::uint32_t iterations) {
+                                        std::uint32_t iterations) {
     return pbeKey(password, salt, iterations, PbeId::mac, hashSize, "Failed to generate pbe");
 }
 

@@ -19,10 +19,12 @@ int p12_pbe_gen(std::optional<std::string_view> password, ByteView salt, std::ui
                 PbeId id, std::span<std::uint8_t> out) noexcept;
 
 // The derived bytes, or the tool's error with the given message.
-platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt, std::uint32_t iterations,
-                             PbeId id, std::size_t length, const std::string& failureMessage);
+platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt,
+                                     std::uint32_t iterations, PbeId id, std::size_t length,
+                                     const std::string& failureMessage);
 
 // 20 bytes for the integrity MAC, or "Failed to generate pbe".
-platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt, std::uint32_t iterations);
+platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
+                                        std::uint32_t iterations);
 
 }  // namespace keyloft::pkcs12

@@ -6,8 +6,8 @@
 namespace keyloft::pkcs12 {
 
 Bytes pbeEncrypt(ByteView plaintext, std::string_view password, ByteView salt,
-                 std::uint32_t iterations, int keyLengthInBits, platform::crypto::BlockCipher cipher,
-                 std::size_t ivLength) {
+                 std::uint32_t iterations, int keyLengthInBits,
+                 platform::crypto::BlockCipher cipher, std::size_t ivLength) {
     const auto keyLength = static_cast<std::size_t>((keyLengthInBits + 7) / 8);
     const auto key =
         pbeKey(password, salt, iterations, PbeId::key, keyLength, "Failed to generate RC2 key");

@@ -12,7 +12,7 @@ namespace keyloft::pkcs12 {
 // then CBC with PKCS#7 padding. Throws "Failed to generate RC2 key", "Failed to generate RC2 iv" or
 // "Algorithm: <code> encrypt failed with status: <status>".
 Bytes pbeEncrypt(ByteView plaintext, std::string_view password, ByteView salt,
-                 std::uint32_t iterations, int keyLengthInBits, platform::crypto::BlockCipher cipher,
-                 std::size_t ivLength);
+                 std::uint32_t iterations, int keyLengthInBits,
+                 platform::crypto::BlockCipher cipher, std::size_t ivLength);
 
 }  // namespace keyloft::pkcs12

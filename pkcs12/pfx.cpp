@@ -1,12 +1,12 @@
 #include "pkcs12/pfx.hpp"
 
+#include "base/error.hpp"
+#include "base/key_types.hpp"
 #include "der/object_identifiers.hpp"
 #include "der/public_key_algorithm.hpp"
-#include "base/error.hpp"
 #include "pkcs12/p12_pbe_gen.hpp"
 #include "pkcs12/pbe_encrypt.hpp"
 #include "platform/crypto/digest.hpp"
-#include "base/key_types.hpp"
 #include "platform/crypto/random.hpp"
 
 namespace keyloft::pkcs12 {
@@ -18,7 +18,8 @@ constexpr std::size_t saltSize = 8;
 
 Bytes randomSalt() {
     Bytes salt(saltSize);
-    if (!platform::crypto::randomBytes(salt)) throw KeyloftError::generic("failed to generate salt");
+    if (!platform::crypto::randomBytes(salt))
+        throw KeyloftError::generic("failed to generate salt");
     return salt;
 }
 

@@ -16,7 +16,8 @@ inline constexpr std::uint32_t exportIterations = 2048;
 struct UnwrappedKey {
     std::string keyType;  // "ec" or "rsa"
     int sizeInBits = 0;
-    platform::crypto::SecretBytes externalRepresentation;  // EC 0x04 || X || Y || K; RSA DER RSAPrivateKey
+    platform::crypto::SecretBytes
+        externalRepresentation;  // EC 0x04 || X || Y || K; RSA DER RSAPrivateKey
 };
 using Unwrap = std::function<UnwrappedKey()>;
 

@@ -3,8 +3,8 @@
 #include <string>
 
 #include "base/bytes.hpp"
-#include "pubkey/hash_type.hpp"
 #include "platform/token_store/token_items.hpp"
+#include "pubkey/hash_type.hpp"
 
 namespace keyloft::pubkey {
 

@@ -4,7 +4,8 @@
 
 namespace keyloft::pubkey {
 
-std::string keyTypeDescription(const platform::token_store::TesseraTokenKeyItem& item, bool exportable) {
+std::string keyTypeDescription(const platform::token_store::TesseraTokenKeyItem& item,
+                               bool exportable) {
     const std::string bits = std::to_string(item.keySizeInBits);
     if (item.keyType == keyTypeRSA) return "rsa-" + bits;
     if (item.keyType == keyTypeEC) return "p-" + bits + (exportable ? "" : "-ne");

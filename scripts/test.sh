@@ -5,6 +5,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-dependencies.sh
+# The layers and the formatting are checked before anything is built.
+scripts/check-layers.py
+git ls-files '*.cpp' '*.hpp' | xargs clang-format --dry-run -Werror
 build=build-test
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKEYLOFT_SANITIZE=ON \
     -DKEYLOFT_PAM_CONFDIR="$PWD/$build/pam.d"

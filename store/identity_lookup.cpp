@@ -23,7 +23,8 @@ Bytes certificatePublicKeyHash(ByteView certificate) {
 }
 
 bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash) {
-    if (const auto* certificate = std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+    if (const auto* certificate =
+            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
         return sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
     }
     const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);

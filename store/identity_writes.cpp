@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "base/error.hpp"
+#include "base/key_types.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "store/identity_lookup.hpp"
-#include "base/key_types.hpp"
 
 namespace keyloft::store {
 
@@ -36,8 +36,8 @@ void appendIdentityItems(const platform::token_store::TesseraTokenConfiguration&
     token.replaceItems(list);
 }
 
-void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token, keys::StoredKeyMap records,
-                    const Bytes& hash, keys::KeyStorage storage) {
+void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token,
+                    keys::StoredKeyMap records, const Bytes& hash, keys::KeyStorage storage) {
     records[hash] = std::move(storage);
     token.replaceConfigurationData(keys::encodeStoredKeys(records));
 }

@@ -19,8 +19,8 @@ void appendIdentityItems(const platform::token_store::TesseraTokenConfiguration&
                          const IdentityItems& items);
 
 // Stores the records with one more entry under the hash (an existing one is replaced).
-void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token, keys::StoredKeyMap records,
-                    const Bytes& hash, keys::KeyStorage storage);
+void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token,
+                    keys::StoredKeyMap records, const Bytes& hash, keys::KeyStorage storage);
 
 // Removes every item of the hash from the published list (the list is stored back even when
 // nothing matched). A failing test stores the list back whole.

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/error.hpp"
 #include "der/object_identifiers.hpp"
 #include "der/public_key_algorithm.hpp"
-#include "base/error.hpp"
 
 namespace keyloft::x509 {
 namespace {
@@ -90,8 +90,7 @@ BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
                                 der::bitStringRecord(publicKey.externalRepresentation)});
 }
 
-X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey,
-                                        Bytes pubKeyHash,
+X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey, Bytes pubKeyHash,
                                         std::optional<std::string_view> specification,
                                         bool keyManagement, const UuidSource& uuids) {
     const auto validity = startValidity();

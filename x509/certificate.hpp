@@ -6,9 +6,9 @@
 #include <string>
 #include <string_view>
 
-#include "der/ber_tlv_record.hpp"
 #include "base/bytes.hpp"
 #include "base/key_types.hpp"
+#include "der/ber_tlv_record.hpp"
 #include "x509/validity.hpp"
 
 namespace keyloft::x509 {

@@ -63,8 +63,7 @@ BerTlvRecord everyKeyUsage() {
 }  // namespace
 
 BerTlvRecord buildCertificationRequest(const RequestSubject& subject,
-                                       const PublicKeyAttributes& publicKey,
-                                       const Signer& sign) {
+                                       const PublicKeyAttributes& publicKey, const Signer& sign) {
     BerTlvRecord::Children rdns;
     for (const auto& [attribute, value] : subject) {
         rdns.push_back(der::setRecord({der::sequenceRecord(

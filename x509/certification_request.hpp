@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "der/ber_tlv_record.hpp"
 #include "base/key_types.hpp"
+#include "der/ber_tlv_record.hpp"
 #include "x509/certificate.hpp"
 
 namespace keyloft::x509 {

@@ -46,8 +46,7 @@ struct Certificate::Handle {
 
 std::optional<Certificate> Certificate::parse(ByteView der) {
     const unsigned char* cursor = der.data();
-    openssl::X509Certificate x509(
-        d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
+    openssl::X509Certificate x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
     if (!x509 || cursor != der.data() + der.size()) return std::nullopt;
     auto handle = std::make_shared<Handle>();
     handle->x509 = std::move(x509);

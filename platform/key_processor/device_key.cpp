@@ -43,14 +43,15 @@ crypto::SecretBytes loadOrCreateDeviceKey(const std::filesystem::path& file) {
     if (auto key = readKey(file)) return std::move(*key);
 
     crypto::SecretBytes key(deviceKeySize);
-    if (!crypto::randomBytes(key)) throw PlatformError("Key processor: the random generator failed");
+    if (!crypto::randomBytes(key))
+        throw PlatformError("Key processor: the random generator failed");
     // mkstemp creates the file with mode 0600 and a name no other process holds.
     std::string temporary = file.string() + ".XXXXXX";
     os::FileDescriptor fd(::mkstemp(temporary.data()));
     if (!fd.isOpen()) fail(file, "create");
-    const bool written = ::write(fd.get(), key.data(), key.size()) ==
-                             static_cast<ssize_t>(key.size()) &&
-                         ::fsync(fd.get()) == 0;
+    const bool written =
+        ::write(fd.get(), key.data(), key.size()) == static_cast<ssize_t>(key.size()) &&
+        ::fsync(fd.get()) == 0;
     // link() never replaces an existing file, so the first process to get there wins and the
     // others read its key.
     const bool linked = written && ::link(temporary.c_str(), file.c_str()) == 0;

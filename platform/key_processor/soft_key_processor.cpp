@@ -1,10 +1,10 @@
 #include "platform/key_processor/soft_key_processor.hpp"
 
 #include "base/error.hpp"
-#include "platform/key_processor/device_key.hpp"
-#include "platform/key_processor/object_identifier.hpp"
 #include "platform/crypto/openssl_handles.hpp"
 #include "platform/crypto/random.hpp"
+#include "platform/key_processor/device_key.hpp"
+#include "platform/key_processor/object_identifier.hpp"
 #include "platform/key_service/software_key.hpp"
 
 namespace keyloft::platform::key_processor {
@@ -24,7 +24,8 @@ bool isSupportedAccessControl(std::uint32_t word) {
 
 // AES-256-GCM under the device key; the header is authenticated, not encrypted. Only the private
 // scalar is sealed: the public point follows from it.
-Bytes seal(const crypto::SecretBytes& deviceKey, const Bytes& header, const crypto::SecretBytes& plaintext) {
+Bytes seal(const crypto::SecretBytes& deviceKey, const Bytes& header,
+           const crypto::SecretBytes& plaintext) {
     Bytes out = header;
     out.resize(header.size() + nonceSize + plaintext.size() + tagSize);
     std::uint8_t* nonce = out.data() + header.size();

@@ -14,7 +14,7 @@ Bytes PrivateKey::signRsaPss(ByteView /*digest*/, const RsaPssParameters& /*para
 }
 
 crypto::SecretBytes PrivateKey::decryptRsaOaep(ByteView /*ciphertext*/,
-                                       const RsaOaepParameters& /*parameters*/) const {
+                                               const RsaOaepParameters& /*parameters*/) const {
     throw PlatformError("the key processor holds no RSA keys");
 }
 

@@ -32,7 +32,7 @@ class PrivateKey {
     // RSA keys only: the others throw PlatformError.
     virtual Bytes signRsaPss(ByteView digest, const RsaPssParameters& parameters) const;
     virtual crypto::SecretBytes decryptRsaOaep(ByteView ciphertext,
-                                       const RsaOaepParameters& parameters) const;
+                                               const RsaOaepParameters& parameters) const;
 
   protected:
     PrivateKey() = default;

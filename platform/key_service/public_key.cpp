@@ -7,12 +7,11 @@
 #include <openssl/x509.h>
 
 #include "base/error.hpp"
-#include "platform/key_service/software_key.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
+#include "platform/key_service/software_key.hpp"
 
 namespace keyloft::platform::key_service {
 namespace {
-
 
 // The curve size follows from the length of the uncompressed point: 1 + 2 * field size.
 int sizeForPointLength(std::size_t length) {

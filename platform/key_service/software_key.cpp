@@ -232,22 +232,25 @@ Bytes SoftwareKey::signRsaPss(ByteView digest, const RsaPssParameters& parameter
         throw PlatformError("the salt does not fit the key");
     return signDigest(key_.get(), digest, [&](EVP_PKEY_CTX* context) {
         return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
-               EVP_PKEY_CTX_set_signature_md(context, crypto::messageDigest(parameters.hash)) == 1 &&
-               EVP_PKEY_CTX_set_rsa_mgf1_md(context, crypto::messageDigest(parameters.mgf1Hash)) == 1 &&
+               EVP_PKEY_CTX_set_signature_md(context, crypto::messageDigest(parameters.hash)) ==
+                   1 &&
+               EVP_PKEY_CTX_set_rsa_mgf1_md(context, crypto::messageDigest(parameters.mgf1Hash)) ==
+                   1 &&
                EVP_PKEY_CTX_set_rsa_pss_saltlen(context, static_cast<int>(parameters.saltLength)) ==
                    1;
     });
 }
 
 crypto::SecretBytes SoftwareKey::decryptRsaOaep(ByteView ciphertext,
-                                        const RsaOaepParameters& parameters) const {
+                                                const RsaOaepParameters& parameters) const {
     if (keyType_ != keyTypeRSA) throw PlatformError("RSA-OAEP needs an RSA key");
     openssl::PkeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key_.get(), nullptr));
     std::size_t size = 0;
     if (!context || EVP_PKEY_decrypt_init(context.get()) != 1 ||
         EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) != 1 ||
         EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), crypto::messageDigest(parameters.hash)) != 1 ||
-        EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), crypto::messageDigest(parameters.mgf1Hash)) != 1 ||
+        EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), crypto::messageDigest(parameters.mgf1Hash)) !=
+            1 ||
         !setOaepLabel(context.get(), parameters.label) ||
         EVP_PKEY_decrypt(context.get(), nullptr, &size, ciphertext.data(), ciphertext.size()) !=
             1) {

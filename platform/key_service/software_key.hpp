@@ -47,7 +47,7 @@ class SoftwareKey final : public PrivateKey {
     Bytes signRsaPss(ByteView digest, const RsaPssParameters& parameters) const override;
     // RSA keys only. Any failure is the same PlatformError, telling nothing of the padding.
     crypto::SecretBytes decryptRsaOaep(ByteView ciphertext,
-                               const RsaOaepParameters& parameters) const override;
+                                       const RsaOaepParameters& parameters) const override;
 
     EVP_PKEY* handle() const { return key_.get(); }
 

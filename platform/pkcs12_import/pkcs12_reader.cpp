@@ -141,7 +141,8 @@ std::optional<std::vector<ImportedIdentity>> readPkcs12Identities(ByteView file,
         if (!found.key) continue;
         X509* certificate = certificateFor(found, contents);
         if (certificate == nullptr) continue;
-        identities.push_back({derOf(certificate), key_service::SoftwareKey::adopt(std::move(found.key))});
+        identities.push_back(
+            {derOf(certificate), key_service::SoftwareKey::adopt(std::move(found.key))});
     }
     return identities;
 }

@@ -15,7 +15,8 @@ namespace {
 constexpr int busyTimeoutMilliseconds = 10000;
 
 void createPrivateFile(const std::filesystem::path& path) {
-    const os::FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const os::FileDescriptor fd(
+        ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!fd.isOpen() && errno != EEXIST) {
         throw PlatformError("Cannot create the token store " + path.string() + ": " +
                             std::strerror(errno));

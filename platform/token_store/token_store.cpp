@@ -49,9 +49,7 @@ void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippe
         count.step();
         if (count.integer(0) != 0) return;
         db.execute(schema);
-        db.prepare("INSERT INTO drivers (class_id) VALUES (?)")
-            .bind(1, shippedDriver)
-            .run();
+        db.prepare("INSERT INTO drivers (class_id) VALUES (?)").bind(1, shippedDriver).run();
     });
 }
 

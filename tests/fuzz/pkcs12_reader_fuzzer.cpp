@@ -8,8 +8,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
-        const auto identities =
-            keyloft::platform::pkcs12_import::readPkcs12Identities(keyloft::ByteView(data, size), "test");
+        const auto identities = keyloft::platform::pkcs12_import::readPkcs12Identities(
+            keyloft::ByteView(data, size), "test");
         if (!identities) return 0;
         for (const auto& identity : *identities) {
             if (identity.certificate.empty() || identity.key.externalRepresentation().empty())

@@ -48,16 +48,15 @@ SoftwareKey rsaKey() {
 }
 
 // Verifies with OpenSSL alone, from the public key's external representation.
-bool verifies(const PublicKeyAttributes& publicKey, ByteView message,
-              ByteView signature) {
+bool verifies(const PublicKeyAttributes& publicKey, ByteView message, ByteView signature) {
     platform::openssl::Pkey key;
     if (publicKey.keyType == "rsa") {
         const unsigned char* cursor = publicKey.externalRepresentation.data();
         key.reset(d2i_PublicKey(EVP_PKEY_RSA, nullptr, &cursor,
                                 static_cast<long>(publicKey.externalRepresentation.size())));
     } else {
-        key =
-            platform::key_service::ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);
+        key = platform::key_service::ecPublicKeyFromPoint(publicKey.sizeInBits,
+                                                          publicKey.externalRepresentation);
     }
     platform::openssl::MdContext context(EVP_MD_CTX_new());
     EVP_PKEY_CTX* parameters = nullptr;

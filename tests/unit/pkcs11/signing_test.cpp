@@ -42,7 +42,7 @@ struct SignCase {
     std::string keyType;
     CK_MECHANISM_TYPE mechanism;
     platform::crypto::DigestAlgorithm digest;  // what the signature covers in the end
-    bool digestFirst;                  // the caller hashes (CKM_ECDSA)
+    bool digestFirst;                          // the caller hashes (CKM_ECDSA)
     std::size_t signatureSize;
 };
 
@@ -83,8 +83,9 @@ TEST_P(Signing, InPartsEqualsInOne) {
     ASSERT_EQ(p11.C_SignFinal(session, signature.data(), &size), CKR_BUFFER_TOO_SMALL);
     ASSERT_EQ(size, param.signatureSize);
     ASSERT_EQ(p11.C_SignFinal(session, signature.data(), &size), CKR_OK);
-    EXPECT_TRUE(verifiesOverDigest(publicKey.get(), signature,
-                                   platform::crypto::digest(param.digest, bytesOf("a message to sign"))));
+    EXPECT_TRUE(
+        verifiesOverDigest(publicKey.get(), signature,
+                           platform::crypto::digest(param.digest, bytesOf("a message to sign"))));
     EXPECT_EQ(p11.C_SignFinal(session, signature.data(), &size), CKR_OPERATION_NOT_INITIALIZED);
 }
 
@@ -103,7 +104,8 @@ TEST_F(CardSession, SessionsOfSeveralThreadsSignAtOnce) {
     createIdentity("threads");
     const auto key = object(CKO_PRIVATE_KEY, "threads");
     const auto publicKey = publicKeyOf(value(object(CKO_CERTIFICATE, "threads"), CKA_VALUE));
-    const Bytes digest = platform::crypto::digest(platform::crypto::DigestAlgorithm::sha256, bytesOf("threads"));
+    const Bytes digest =
+        platform::crypto::digest(platform::crypto::DigestAlgorithm::sha256, bytesOf("threads"));
     std::atomic<int> verified = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

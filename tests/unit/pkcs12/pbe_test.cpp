@@ -108,8 +108,8 @@ TEST(PbeEncrypt, BothCiphersDecryptWithTheDerivedKeyAndIv) {
         EXPECT_EQ(opensslDecrypt("RC2-40-CBC", opensslDerivation("pw", salt, 2048, 1, 5),
                                  opensslDerivation("pw", salt, 2048, 2, 8), rc2),
                   plaintext);
-        const Bytes des =
-            pbeEncrypt(plaintext, "pw", salt, 2048, 192, platform::crypto::BlockCipher::tripleDes, 8);
+        const Bytes des = pbeEncrypt(plaintext, "pw", salt, 2048, 192,
+                                     platform::crypto::BlockCipher::tripleDes, 8);
         EXPECT_EQ(opensslDecrypt("DES-EDE3-CBC", opensslDerivation("pw", salt, 2048, 1, 24),
                                  opensslDerivation("pw", salt, 2048, 2, 8), des),
                   plaintext);

@@ -4,8 +4,8 @@
 #include <openssl/rsa.h>
 
 #include "base/error.hpp"
-#include "platform/key_processor/soft_key_processor.hpp"
 #include "platform/crypto/digest.hpp"
+#include "platform/key_processor/soft_key_processor.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 #include "support/temporary_folder.hpp"
@@ -76,8 +76,10 @@ TEST(PrivateKey, SoftwareKeysReachTheRsaOperationsAndAgreement) {
     const PrivateKey& rsa = rsaKey;
     EVP_PKEY* key = rsaKey.handle();
 
-    const platform::key_service::RsaPssParameters pss{DigestAlgorithm::sha384, DigestAlgorithm::sha1, 16};
-    const auto signature = rsa.signRsaPss(platform::crypto::digest(DigestAlgorithm::sha384, message), pss);
+    const platform::key_service::RsaPssParameters pss{DigestAlgorithm::sha384,
+                                                      DigestAlgorithm::sha1, 16};
+    const auto signature =
+        rsa.signRsaPss(platform::crypto::digest(DigestAlgorithm::sha384, message), pss);
     EXPECT_TRUE(verifies(key, EVP_sha384(), signature, [](EVP_PKEY_CTX* context) {
         return EVP_PKEY_CTX_set_rsa_padding(context, RSA_PKCS1_PSS_PADDING) == 1 &&
                EVP_PKEY_CTX_set_rsa_mgf1_md(context, EVP_sha1()) == 1 &&

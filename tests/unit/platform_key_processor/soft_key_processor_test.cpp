@@ -12,9 +12,9 @@ namespace keyloft::platform::key_processor {
 namespace {
 
 using crypto::SecretBytes;
+using key_service::ecPublicKeyFromPoint;
 using key_service::SignatureAlgorithm;
 using key_service::SoftwareKey;
-using key_service::ecPublicKeyFromPoint;
 
 constexpr std::uint32_t plainWord = accessControlPrivateKeyUsage;
 constexpr std::uint32_t biometryWord = accessControlPrivateKeyUsage | accessControlBiometryAny;

@@ -12,8 +12,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-using crypto::DigestAlgorithm;
 using crypto::digest;
+using crypto::DigestAlgorithm;
 using crypto::SecretBytes;
 
 constexpr auto ecdsaDigest = SignatureAlgorithm::ecdsaSignatureDigestX962;

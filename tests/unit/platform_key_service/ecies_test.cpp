@@ -10,8 +10,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-using crypto::DigestAlgorithm;
 using crypto::digest;
+using crypto::DigestAlgorithm;
 using crypto::SecretBytes;
 
 // ECIES with Python's cryptography: ECDH, X963KDF(SHA-256, info = ephemeral point), AES-128-GCM

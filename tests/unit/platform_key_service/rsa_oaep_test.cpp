@@ -9,8 +9,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-using crypto::DigestAlgorithm;
 using crypto::digest;
+using crypto::DigestAlgorithm;
 using crypto::SecretBytes;
 
 using testing::opensslDigest;

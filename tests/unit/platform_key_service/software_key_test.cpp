@@ -1,5 +1,5 @@
-#include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
+#include "platform/key_service/ec_key_builder.hpp"
 
 #include <gtest/gtest.h>
 #include <openssl/rsa.h>
@@ -10,8 +10,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-using crypto::DigestAlgorithm;
 using crypto::digest;
+using crypto::DigestAlgorithm;
 using crypto::SecretBytes;
 
 constexpr auto ecdsa = SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;

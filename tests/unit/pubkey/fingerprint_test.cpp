@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "key_items.hpp"
 #include "base/error.hpp"
+#include "key_items.hpp"
 #include "platform/crypto/digest.hpp"
 #include "pubkey/key_type_description.hpp"
 #include "pubkey/ssh_public_key.hpp"
@@ -40,11 +40,12 @@ TEST(KeyHash, TakesEachDigestFromItsSourceOrNamesWhatIsMissing) {
     noHash.publicKeyHash.reset();
     auto noData = item;
     noData.publicKeyData.reset();
-    const std::tuple<platform::token_store::TesseraTokenKeyItem, HashType, const char*> failing[] = {
-        {noHash, HashType::sha1, "key has invalid public key hash"},
-        {noData, HashType::sha256, "key has invalid public key data"},
-        {noData, HashType::ssh, "key has invalid public key data"},
-    };
+    const std::tuple<platform::token_store::TesseraTokenKeyItem, HashType, const char*> failing[] =
+        {
+            {noHash, HashType::sha1, "key has invalid public key hash"},
+            {noData, HashType::sha256, "key has invalid public key data"},
+            {noData, HashType::ssh, "key has invalid public key data"},
+        };
     for (const auto& [lacking, type, message] : failing) {
         try {
             keyHash(lacking, type);

@@ -4,8 +4,8 @@
 
 #include <fstream>
 
-#include "key_items.hpp"
 #include "base/error.hpp"
+#include "key_items.hpp"
 #include "pubkey/base64.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/hex.hpp"

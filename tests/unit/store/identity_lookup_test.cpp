@@ -27,7 +27,8 @@ Identity makeIdentity(const char* curve) {
     Identity identity;
     identity.certificate = testing::makeCertificate(key.get());
     identity.hash = certificatePublicKeyHash(identity.certificate);
-    identity.certificateItem = *platform::token_store::makeCertificateItem(identity.certificate, identity.hash);
+    identity.certificateItem =
+        *platform::token_store::makeCertificateItem(identity.certificate, identity.hash);
     identity.keyItem = *platform::token_store::makeKeyItem(identity.certificate, identity.hash);
     return identity;
 }
@@ -35,7 +36,8 @@ Identity makeIdentity(const char* curve) {
 class IdentityRemoval : public ::testing::Test {
   protected:
     platform::token_store::TesseraTokenConfiguration token() const {
-        const auto drivers = platform::token_store::TesseraDriverRegistry::open(folder.path() / "tokens.db", driverClassID)
+        const auto drivers = platform::token_store::TesseraDriverRegistry::open(
+                                 folder.path() / "tokens.db", driverClassID)
                                  .driverConfigurations();
         return drivers.at("org.keyloft.token").addTokenConfiguration("user");
     }

@@ -7,8 +7,8 @@
 
 #include <deque>
 
-#include "der/object_identifiers.hpp"
 #include "base/error.hpp"
+#include "der/object_identifiers.hpp"
 #include "platform/crypto/random.hpp"
 #include "platform/key_service/software_key.hpp"
 
@@ -133,7 +133,8 @@ TEST(Model, SubjectPublicKeyInfoPerCurve) {
               {0x30, 0x81, 0x9B, 0x30, 0x10, 0x06, 0x07, 0x2A, 0x86, 0x48, 0xCE, 0x3D, 0x02,
                0x01, 0x06, 0x05, 0x2B, 0x81, 0x04, 0x00, 0x23, 0x03, 0x81, 0x86, 0x00, 0x04}}}) {
         // A point whose first coordinate byte is 0x3F would read as an OCTET STRING record.
-        auto attributes = platform::key_service::SoftwareKey::generateEC(size).publicKeyAttributes();
+        auto attributes =
+            platform::key_service::SoftwareKey::generateEC(size).publicKeyAttributes();
         attributes.externalRepresentation[1] = 0x3F;
         const Bytes info = der::encode(subjectPublicKeyInfo(attributes));
         EXPECT_EQ(Bytes(info.begin(), info.begin() + static_cast<std::ptrdiff_t>(prefix.size())),
@@ -173,7 +174,8 @@ TEST_P(Built, OpenSslAcceptsTheCertificateAndItsSignature) {
     const auto model = modelFor(key, "Alice;alice@example.com;;Example;;;DE", true);
     const Bytes der =
         der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-            return key.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+            return key.sign(
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
         }));
     const unsigned char* cursor = der.data();
     std::unique_ptr<X509, decltype(&X509_free)> x509(
@@ -199,9 +201,11 @@ struct BuiltCertificate {
     X509Handle x509;
 };
 
-BuiltCertificate build(const platform::key_service::SoftwareKey& key, const X509Certificate& model) {
+BuiltCertificate build(const platform::key_service::SoftwareKey& key,
+                       const X509Certificate& model) {
     Bytes der = der::encode(buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-        return key.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
+        return key.sign(platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384,
+                        tbs);
     }));
     const unsigned char* cursor = der.data();
     X509Handle x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), X509_free);

@@ -32,9 +32,10 @@ platform::key_service::SoftwareKey makeKey(const KeyKind& kind) {
 }
 
 Bytes requestDer(const platform::key_service::SoftwareKey& key, const RequestSubject& subject) {
-    const auto algorithm = key.keyType() == keyTypeRSA
-                               ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
-                               : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+    const auto algorithm =
+        key.keyType() == keyTypeRSA
+            ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
+            : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
     return der::encode(
         buildCertificationRequest(subject, key.publicKeyAttributes(),
                                   [&](ByteView info) { return key.sign(algorithm, info); }));

@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+"""Checks the include graph against the layers: every #include "folder/..." in a module's sources
+must name the module's own folder or a folder of a module it uses (directly or through others),
+and no module may use one of a higher layer. The modules, their layers and their uses are read
+from the keyloft_module() calls of the CMakeLists.txt files. Exits 1 and lists each violation."""
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[1]
+LAYERS = ["base", "platform", "formats", "card", "top"]
+CALL = re.compile(r"keyloft_module\((\w+)(.*?)\)", re.S)
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
+
+
+def modules():
+    found = {}
+    for lists in sorted(ROOT.glob("**/CMakeLists.txt")):
+        if any(part.startswith("build") for part in lists.relative_to(ROOT).parts):
+            continue
+        for name, arguments in CALL.findall(lists.read_text()):
+            words = arguments.split()
+            layer = words[words.index("LAYER") + 1]
+            uses = []
+            if "DEPENDS" in words:
+                for word in words[words.index("DEPENDS") + 1:]:
+                    if word in ("LIBRARIES", "EXCLUDE", "LAYER"):
+                        break
+                    uses.append(word)
+            found[name] = (lists.parent.relative_to(ROOT).as_posix(), layer, uses)
+    return found
+
+
+def main():
+    table = modules()
+    folder_of = {name: folder for name, (folder, _, _) in table.items()}
+    problems = []
+
+    def reach(name, seen):
+        for used in table[name][2]:
+            if used not in seen:
+                seen.add(used)
+                reach(used, seen)
+        return seen
+
+    for name, (folder, layer, uses) in table.items():
+        rank = LAYERS.index(layer)
+        for used in uses:
+            if used not in table:
+                problems.append(f"{folder}: uses unknown module {used}")
+                continue
+            used_rank = LAYERS.index(table[used][1])
+            if used_rank > rank or (used_rank == rank and layer == "top"):
+                problems.append(f"{folder} ({layer}) uses {folder_of[used]} ({table[used][1]})")
+        visible = {folder} | {folder_of[used] for used in reach(name, set()) if used in table}
+        for source in sorted((ROOT / folder).glob("*.?pp")):
+            for header in INCLUDE.findall(source.read_text()):
+                header_folder = header.rsplit("/", 1)[0] if "/" in header else ""
+                if header_folder not in visible:
+                    problems.append(f"{source.relative_to(ROOT)} includes {header}, "
+                                    f"which {folder} ({layer}) does not use")
+    for problem in problems:
+        print(problem)
+    print(f"{len(table)} modules checked, {len(problems)} layer violations")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
