@@ -36,9 +36,11 @@ void KeyloftApp::createIdentity() {
         throw KeyloftError::generic("Failed to create certificate");
     const auto items = store::makeIdentityItems(certificate, keyHash, *label);
 
-    auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
-    store::storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
-    store::appendIdentityItems(tokenConfiguration, items);
+    tokenConfiguration.writeTransaction([&] {
+        store::IdentityAdditions additions(tokenConfiguration);
+        additions.add(keyHash, std::move(storage), items);
+        additions.write();
+    });
 }
 
 }  // namespace keyloft

@@ -28,7 +28,7 @@ void KeyloftApp::deleteAllIdentities() {
         if (equalsIgnoringCase(*answer, "yes") || equalsIgnoringCase(*answer, "y")) break;
         if (equalsIgnoringCase(*answer, "no") || equalsIgnoringCase(*answer, "n")) return;
     }
-    store::removeAllIdentities(tokenConfiguration);
+    tokenConfiguration.writeTransaction([&] { store::removeAllIdentities(tokenConfiguration); });
 }
 
 }  // namespace keyloft

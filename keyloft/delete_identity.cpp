@@ -9,8 +9,10 @@ void KeyloftApp::deleteIdentity() {
     if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
     const auto hashBytes = pubkey::fromHexString(*hash);
     if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
-    store::removeIdentityItems(tokenConfiguration, *hashBytes);
-    store::removeKeyRecord(tokenConfiguration, *hashBytes);
+    tokenConfiguration.writeTransaction([&] {
+        store::removeIdentityItems(tokenConfiguration, *hashBytes);
+        store::removeKeyRecord(tokenConfiguration, *hashBytes);
+    });
 }
 
 }  // namespace keyloft

@@ -41,10 +41,14 @@ void KeyloftApp::exportIdentity() {
     std::string path = *fileName;
     if (!path.ends_with(".p12")) path += ".p12";
 
-    const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
+    keys::StoredKeyMap records;
+    platform::token_store::TesseraTokenItems items;
+    tokenConfiguration.readTransaction([&] {
+        records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
+        items = tokenConfiguration.items();
+    });
     const auto notFound =
         KeyloftError::generic("Identity with public key hash <" + *hash + "> not found");
-    const auto items = tokenConfiguration.items();
     const auto found = store::findCertificateItem(items, *hashBytes);
     if (found == items.end()) throw notFound;
     const auto& certificate =

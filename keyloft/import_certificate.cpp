@@ -15,7 +15,11 @@ void KeyloftApp::importCertificate() {
     if (!certificate) throw KeyloftError::generic("Failed to decode base64 certificate data");
     const auto keyHash = store::certificatePublicKeyHash(*certificate);
 
-    if (!store::replaceCertificateItem(tokenConfiguration, *certificate, keyHash)) {
+    bool replaced = false;
+    tokenConfiguration.writeTransaction([&] {
+        replaced = store::replaceCertificateItem(tokenConfiguration, *certificate, keyHash);
+    });
+    if (!replaced) {
         throw KeyloftError::generic("The certificate with pubkey hash <" +
                                     pubkey::toHexString(keyHash) +
                                     "> does not match with any private key");

@@ -42,22 +42,29 @@ void KeyloftApp::importIdentities() {
         platform::pkcs12_import::readPkcs12Identities(file, platform::crypto::view(filePassword));
     if (!identities) throw KeyloftError::generic("PKCS12 import failed");
 
-    for (auto& identity : *identities) {
-        const Bytes keyHash = identity.key.applicationLabel();
-        keys::KeyStorage storage{.sealedKey = keys::makeSealedKey(identity.key, biometry)};
-        const std::string identityLabel = labelOf(identity.certificate);
-        const auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
-
-        auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
-        if (records.contains(keyHash)) {
-            std::cout << "Skipped to import identity '" << identityLabel
-                      << "' because identity with PubKey Hash: <" << pubkey::toHexString(keyHash)
-                      << "> already exist" << std::endl;
-            continue;
+    tokenConfiguration.writeTransaction([&] {
+        store::IdentityAdditions additions(tokenConfiguration);
+        // Identities added before one fails stay on the card.
+        try {
+            for (auto& identity : *identities) {
+                const Bytes keyHash = identity.key.applicationLabel();
+                keys::KeyStorage storage{.sealedKey = keys::makeSealedKey(identity.key, biometry)};
+                const std::string identityLabel = labelOf(identity.certificate);
+                auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
+                if (additions.holds(keyHash)) {
+                    std::cout << "Skipped to import identity '" << identityLabel
+                              << "' because identity with PubKey Hash: <"
+                              << pubkey::toHexString(keyHash) << "> already exist" << std::endl;
+                    continue;
+                }
+                additions.add(keyHash, std::move(storage), std::move(items));
+            }
+        } catch (...) {
+            additions.write();
+            throw;
         }
-        store::storeKeyRecord(tokenConfiguration, std::move(records), keyHash, std::move(storage));
-        store::appendIdentityItems(tokenConfiguration, items);
-    }
+        additions.write();
+    });
 }
 
 }  // namespace keyloft

@@ -49,13 +49,18 @@ void KeyloftApp::listIdentities() {
     if (!hashType) throw KeyloftError::generic("invalid hash type");
     if (!hashEncoding) throw KeyloftError::generic("invalid hash encoding");
 
-    const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
+    keys::StoredKeyMap records;
+    platform::token_store::TesseraTokenItems items;
+    tokenConfiguration.readTransaction([&] {
+        records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
+        items = tokenConfiguration.items();
+    });
     const platform::text::ShortDateTimeFormatter formatter;
     const auto now = std::chrono::system_clock::now();
 
     std::vector<KeyRow> rows;
     std::map<Bytes, CertificateDetails> certificates;
-    for (const auto& item : tokenConfiguration.items()) {
+    for (const auto& item : items) {
         if (const auto* certificate =
                 std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
             // One parse serves the hash and the details.

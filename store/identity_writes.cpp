@@ -27,57 +27,50 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
     return {std::move(*certificateItem), std::move(*keyItem)};
 }
 
-void appendIdentityItems(const platform::token_store::TesseraTokenConfiguration& token,
-                         const IdentityItems& items) {
-    auto list = token.items();
-    list.emplace_back(items.certificate);
-    token.replaceItems(list);
-    list.emplace_back(items.key);
-    token.replaceItems(list);
+IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token)
+    : token_(token), records_(keys::decodeStoredKeys(token.configurationData())) {}
+
+void IdentityAdditions::add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items) {
+    records_[hash] = std::move(storage);
+    items_.emplace_back(std::move(items.certificate));
+    items_.emplace_back(std::move(items.key));
 }
 
-void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token,
-                    keys::StoredKeyMap records, const Bytes& hash, keys::KeyStorage storage) {
-    records[hash] = std::move(storage);
-    token.replaceConfigurationData(keys::encodeStoredKeys(records));
+void IdentityAdditions::write() {
+    if (items_.empty()) return;
+    token_.replaceConfigurationData(keys::encodeStoredKeys(records_));
+    token_.appendItems(items_);
+    items_.clear();
 }
 
-void removeIdentityItems(const platform::token_store::TesseraTokenConfiguration& token,
-                         ByteView hash) {
+void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash) {
     const auto items = token.items();
-    platform::token_store::TesseraTokenItems kept;
-    kept.reserve(items.size());
-    try {
-        for (const auto& item : items) {
-            if (!itemMatchesHash(item, hash)) kept.push_back(item);
-        }
-    } catch (const KeyloftError&) {
-        token.replaceItems(items);
-        throw;
+    std::vector<std::size_t> matching;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (itemMatchesHash(items[i], hash)) matching.push_back(i);
     }
-    token.replaceItems(kept);
+    token.removeItemsAt(std::move(matching));
 }
 
-void removeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token, ByteView hash) {
+void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash) {
     auto records = keys::decodeStoredKeys(token.configurationData());
     records.erase(Bytes(hash.begin(), hash.end()));
     token.replaceConfigurationData(keys::encodeStoredKeys(records));
 }
 
-bool replaceCertificateItem(const platform::token_store::TesseraTokenConfiguration& token,
+bool replaceCertificateItem(const TesseraTokenConfiguration& token,
                             ByteView certificate, ByteView hash) {
-    auto items = token.items();
+    const auto items = token.items();
     const auto old = findCertificateItem(items, hash);
     if (old == items.end()) return false;
     auto item = platform::token_store::makeCertificateItem(certificate, hash);
     if (!item) throw KeyloftError::generic("Failed to create token certificate");
-    items.erase(old);
-    items.emplace_back(std::move(*item));
-    token.replaceItems(items);
+    token.removeItemsAt({static_cast<std::size_t>(old - items.begin())});
+    token.appendItems({std::move(*item)});
     return true;
 }
 
-void removeAllIdentities(const platform::token_store::TesseraTokenConfiguration& token) {
+void removeAllIdentities(const TesseraTokenConfiguration& token) {
     token.removeConfigurationData();
     token.replaceItems({});
 }

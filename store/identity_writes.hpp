@@ -1,10 +1,15 @@
 #pragma once
 
+#include <string>
+
 #include "keys/stored_key_records.hpp"
 #include "platform/token_store/token_store.hpp"
 
-// The card's changes: an identity's items and stored-key record added or removed.
+// The card's changes: identities added or removed, their items and stored-key records together.
+// A command makes them inside the token's writeTransaction.
 namespace keyloft::store {
+
+using platform::token_store::TesseraTokenConfiguration;
 
 // Makes the certificate item and the key item of an identity, labelled, with the key's capability
 // flags; throws the tool's item-creation messages.
@@ -14,29 +19,39 @@ struct IdentityItems {
 };
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label);
 
-// Appends the certificate item, then the key item, each by replacing the whole list.
-void appendIdentityItems(const platform::token_store::TesseraTokenConfiguration& token,
-                         const IdentityItems& items);
+// Identities added by one command: the stored-key records are read once and written once, and the
+// new items are appended in one go, certificate item then key item for each identity.
+class IdentityAdditions {
+  public:
+    // Throws the decoder's errors for damaged configuration data.
+    explicit IdentityAdditions(const TesseraTokenConfiguration& token);
 
-// Stores the records with one more entry under the hash (an existing one is replaced).
-void storeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token,
-                    keys::StoredKeyMap records, const Bytes& hash, keys::KeyStorage storage);
+    // Whether the card, or an addition, already holds a record for the hash.
+    bool holds(const Bytes& hash) const { return records_.contains(hash); }
+    void add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items);
+    // Writes the records, then the items; nothing when nothing was added.
+    void write();
 
-// Removes every item of the hash from the published list (the list is stored back even when
-// nothing matched). A failing test stores the list back whole.
-void removeIdentityItems(const platform::token_store::TesseraTokenConfiguration& token,
-                         ByteView hash);
+  private:
+    const TesseraTokenConfiguration& token_;
+    keys::StoredKeyMap records_;
+    platform::token_store::TesseraTokenItems items_;
+};
+
+// Removes every item of the hash from the published list. A certificate that cannot be read fails
+// the removal, and the list stays as it was.
+void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash);
 
 // Removes the hash's stored-key record and stores the re-encoded records.
-void removeKeyRecord(const platform::token_store::TesseraTokenConfiguration& token, ByteView hash);
+void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash);
 
 // Replaces the certificate item of the hash with one for the certificate, appended after the rest
 // of the list; false when the card holds no certificate of the hash. Throws "Failed to create
 // token certificate" when no item can be made of the certificate.
-bool replaceCertificateItem(const platform::token_store::TesseraTokenConfiguration& token,
-                            ByteView certificate, ByteView hash);
+bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView certificate,
+                            ByteView hash);
 
 // Empties the card: no stored-key records, no items.
-void removeAllIdentities(const platform::token_store::TesseraTokenConfiguration& token);
+void removeAllIdentities(const TesseraTokenConfiguration& token);
 
 }  // namespace keyloft::store

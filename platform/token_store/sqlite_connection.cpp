@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "base/error.hpp"
 #include "platform/os/file_descriptor.hpp"
@@ -135,7 +136,38 @@ void Connection::execute(std::string_view sql) const {
 }
 
 void Connection::transaction(const std::function<void()>& work) const {
-    runInTransaction("BEGIN IMMEDIATE", work);
+    if (sqlite3_get_autocommit(db_.get()) != 0) return runInTransaction("BEGIN IMMEDIATE", work);
+    execute("SAVEPOINT change");
+    try {
+        work();
+        execute("RELEASE change");
+    } catch (...) {
+        sqlite3_exec(db_.get(), "ROLLBACK TO change; RELEASE change", nullptr, nullptr, nullptr);
+        throw;
+    }
+}
+
+void Connection::writeTransaction(const std::function<void()>& work) const {
+    if (sqlite3_exec(db_.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        if (sqlite3_errcode(db_.get()) == SQLITE_BUSY) {
+            throw PlatformError("The card is busy: another command kept it for more than " +
+                                std::to_string(busyTimeoutMilliseconds / 1000) + " seconds");
+        }
+        fail(db_.get(), "cannot start a change");
+    }
+    try {
+        work();
+    } catch (...) {
+        // Stores made before the failure stand, as they would had each been its own change.
+        if (sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK)
+            sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw;
+    }
+    if (sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        const std::string reason = sqlite3_errmsg(db_.get());
+        sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        throw PlatformError("Token store: cannot store the change: " + reason);
+    }
 }
 
 void Connection::readTransaction(const std::function<void()>& work) const {

@@ -56,8 +56,13 @@ class Connection {
     sqlite3* handle() const { return db_.get(); }
     Statement prepare(std::string_view sql) const { return Statement(db_.get(), sql); }
     void execute(std::string_view sql) const;
-    // Runs the work in one write transaction, rolled back when the work throws.
+    // Runs the work as one whole change, undone when the work throws: a write transaction of its
+    // own, or a savepoint inside the write transaction already open.
     void transaction(const std::function<void()>& work) const;
+    // Runs the work holding the database for writing: other writers wait (up to the busy
+    // timeout, then PlatformError "busy") and readers keep seeing the state before it. What the
+    // work changed before it threw is committed and the error passes on; a crash keeps nothing.
+    void writeTransaction(const std::function<void()>& work) const;
     // Runs the work in one read transaction: every query in it sees the same committed state.
     void readTransaction(const std::function<void()>& work) const;
     // Changes whenever another connection commits to the database.

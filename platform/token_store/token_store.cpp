@@ -1,5 +1,8 @@
 #include "platform/token_store/token_store.hpp"
 
+#include <algorithm>
+#include <limits>
+
 #include "platform/token_store/sqlite_connection.hpp"
 
 namespace keyloft::platform::token_store {
@@ -43,11 +46,16 @@ std::optional<std::string> textAt(const sqlite::Statement& row, int column) {
 
 // A store is created by the first process that finds it without tables; the driver ships with
 // the tool, so it is registered in the same transaction.
+// Readers of an existing store never take the write lock for this.
 void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippedDriver) {
-    db.transaction([&] {
+    const auto hasTables = [&] {
         auto count = db.prepare("SELECT count(*) FROM sqlite_master WHERE type='table'");
         count.step();
-        if (count.integer(0) != 0) return;
+        return count.integer(0) != 0;
+    };
+    if (hasTables()) return;
+    db.transaction([&] {
+        if (hasTables()) return;
         db.execute(schema);
         db.prepare("INSERT INTO drivers (class_id) VALUES (?)").bind(1, shippedDriver).run();
     });
@@ -79,42 +87,101 @@ TesseraTokenItems TesseraTokenConfiguration::items() const {
     return items;
 }
 
+void TesseraTokenConfiguration::writeTransaction(const std::function<void()>& work) const {
+    db_->writeTransaction(work);
+}
+
+void TesseraTokenConfiguration::readTransaction(const std::function<void()>& work) const {
+    db_->readTransaction(work);
+}
+
+void TesseraTokenConfiguration::appendItems(const TesseraTokenItems& items) const {
+    db_->transaction([&] {
+        auto count = db_->prepare("SELECT count(*) FROM items WHERE driver = ? AND instance = ?");
+        count.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        count.step();
+        insertItems(items, count.integer(0));
+    });
+}
+
+void TesseraTokenConfiguration::removeItemsAt(std::vector<std::size_t> positions) const {
+    std::ranges::sort(positions);
+    positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
+    if (positions.empty()) return;
+    db_->transaction([&] {
+        auto remove =
+            db_->prepare("DELETE FROM items WHERE driver = ? AND instance = ? AND position = ?");
+        // The rows after each gap move down by the gaps before them. They pass through negative
+        // positions, since the primary key is checked row by row as the update runs.
+        auto park = db_->prepare(
+            "UPDATE items SET position = -1 - (position - ?) WHERE driver = ? AND instance = ?"
+            " AND position > ? AND position < ?");
+        for (std::size_t i = 0; i < positions.size(); ++i) {
+            const auto position = static_cast<std::int64_t>(positions[i]);
+            remove.reset();
+            remove.bind(1, std::string_view(driver_))
+                .bind(2, std::string_view(instance_))
+                .bind(3, position)
+                .run();
+            const auto next = i + 1 < positions.size() ? static_cast<std::int64_t>(positions[i + 1])
+                                                       : std::numeric_limits<std::int64_t>::max();
+            park.reset();
+            park.bind(1, static_cast<std::int64_t>(i + 1))
+                .bind(2, std::string_view(driver_))
+                .bind(3, std::string_view(instance_))
+                .bind(4, position)
+                .bind(5, next)
+                .run();
+        }
+        db_->prepare(
+               "UPDATE items SET position = -1 - position WHERE driver = ? AND instance = ?"
+               " AND position < 0")
+            .bind(1, std::string_view(driver_))
+            .bind(2, std::string_view(instance_))
+            .run();
+    });
+}
+
 void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) const {
     db_->transaction([&] {
         db_->prepare("DELETE FROM items WHERE driver = ? AND instance = ?")
             .bind(1, std::string_view(driver_))
             .bind(2, std::string_view(instance_))
             .run();
-        auto insert = db_->prepare(
-            "INSERT INTO items (driver, instance, position, kind, object_id, label, certificate,"
-            " can_sign, can_decrypt, can_key_exchange) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-        std::int64_t position = 0;
-        for (const auto& item : items) {
-            insert.reset();
-            insert.bind(1, std::string_view(driver_))
-                .bind(2, std::string_view(instance_))
-                .bind(3, position++);
-            std::visit(
-                [&](const auto& value) {
-                    using Item = std::decay_t<decltype(value)>;
-                    insert.bind(5, ByteView(value.objectID)).bindOptional(6, value.label);
-                    insert.bind(7, ByteView(value.certificate));
-                    if constexpr (std::is_same_v<Item, TesseraTokenKeyItem>) {
-                        insert.bind(4, std::string_view("key"))
-                            .bindOptional(8, value.canSign)
-                            .bindOptional(9, value.canDecrypt)
-                            .bindOptional(10, value.canPerformKeyExchange);
-                    } else {
-                        insert.bind(4, std::string_view("certificate"))
-                            .bindNull(8)
-                            .bindNull(9)
-                            .bindNull(10);
-                    }
-                },
-                item);
-            insert.run();
-        }
+        insertItems(items, 0);
     });
+}
+
+void TesseraTokenConfiguration::insertItems(const TesseraTokenItems& items,
+                                            std::int64_t position) const {
+    auto insert = db_->prepare(
+        "INSERT INTO items (driver, instance, position, kind, object_id, label, certificate,"
+        " can_sign, can_decrypt, can_key_exchange) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+    for (const auto& item : items) {
+        insert.reset();
+        insert.bind(1, std::string_view(driver_))
+            .bind(2, std::string_view(instance_))
+            .bind(3, position++);
+        std::visit(
+            [&](const auto& value) {
+                using Item = std::decay_t<decltype(value)>;
+                insert.bind(5, ByteView(value.objectID)).bindOptional(6, value.label);
+                insert.bind(7, ByteView(value.certificate));
+                if constexpr (std::is_same_v<Item, TesseraTokenKeyItem>) {
+                    insert.bind(4, std::string_view("key"))
+                        .bindOptional(8, value.canSign)
+                        .bindOptional(9, value.canDecrypt)
+                        .bindOptional(10, value.canPerformKeyExchange);
+                } else {
+                    insert.bind(4, std::string_view("certificate"))
+                        .bindNull(8)
+                        .bindNull(9)
+                        .bindNull(10);
+                }
+            },
+            item);
+        insert.run();
+    }
 }
 
 std::optional<Bytes> TesseraTokenConfiguration::configurationData() const {

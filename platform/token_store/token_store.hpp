@@ -1,11 +1,13 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/bytes.hpp"
 #include "platform/token_store/token_items.hpp"
@@ -16,13 +18,25 @@ namespace sqlite {
 class Connection;
 }
 
-// One token: its ordered item list and its optional configuration data, each read and replaced
-// as a whole, each replacement one transaction.
+// One token: its ordered item list and its optional configuration data. Each change below is
+// whole or not at all; a command that reads, changes and writes holds the token for all of it
+// with writeTransaction, so that commands running at once never overwrite each other.
 class TesseraTokenConfiguration {
   public:
     const std::string& instanceID() const { return instance_; }
 
+    // Runs the work holding the store for writing: other writers wait, for a bounded time, and
+    // then fail with "The card is busy..."; readers see the token as it was until the work ends.
+    // Changes made before the work threw are kept; a crash keeps none.
+    void writeTransaction(const std::function<void()>& work) const;
+    // Runs the work on one committed state of the store, never waiting for a writer.
+    void readTransaction(const std::function<void()>& work) const;
+
     TesseraTokenItems items() const;
+    // Each writes only the rows it changes.
+    void appendItems(const TesseraTokenItems& items) const;
+    // Removes the items at the positions (0-based, in any order); the others keep their order.
+    void removeItemsAt(std::vector<std::size_t> positions) const;
     void replaceItems(const TesseraTokenItems& items) const;
 
     std::optional<Bytes> configurationData() const;
@@ -30,6 +44,8 @@ class TesseraTokenConfiguration {
     void removeConfigurationData() const;
 
   private:
+    void insertItems(const TesseraTokenItems& items, std::int64_t position) const;
+
     friend class TesseraTokenDriverConfiguration;
     friend class TesseraTokenWatcher;
     TesseraTokenConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver,
