@@ -48,7 +48,8 @@ void KeyloftApp::createCsr() {
     std::string path = *fileName;
     if (!path.ends_with(".csr")) path += ".csr";
     platform::os::replaceFileAtomically(path,
-                                        bytesOf(x509::pemText("CERTIFICATE REQUEST", request)));
+                                        bytesOf(x509::pemText("CERTIFICATE REQUEST", request)),
+                                        platform::os::FileAccess::usual);
 }
 
 }  // namespace keyloft

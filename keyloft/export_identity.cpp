@@ -66,7 +66,7 @@ void KeyloftApp::exportIdentity() {
             auto [key, data] = keys::unwrapPrivateKeyWithData(sealed, nullptr);
             return pkcs12::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
         });
-    platform::os::writeFile(path, pfx);
+    platform::os::replaceFileAtomically(path, pfx, platform::os::FileAccess::ownerOnly);
 }
 
 }  // namespace keyloft

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/control_characters.hpp"
 #include "platform/text/graphemes.hpp"
 
 namespace keyloft {
@@ -16,7 +17,11 @@ std::size_t displayLength(const std::string& cell) {
 
 }  // namespace
 
-std::string renderTable(const std::vector<std::vector<std::string>>& rows) {
+std::string renderTable(std::vector<std::vector<std::string>> rows) {
+    // Control characters in names would act on the terminal or break the rows.
+    for (auto& row : rows) {
+        for (auto& cell : row) cell = escapeControlCharacters(cell);
+    }
     std::vector<std::vector<std::size_t>> lengths;
     std::vector<std::size_t> widths;
     lengths.reserve(rows.size());

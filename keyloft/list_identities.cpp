@@ -105,7 +105,7 @@ void KeyloftApp::listIdentities() {
                          std::move(row.label), details.commonName, details.email, details.validTo,
                          details.isValid});
     }
-    std::cout << renderTable(table) << std::flush;
+    std::cout << renderTable(std::move(table)) << std::flush;
 }
 
 }  // namespace keyloft

@@ -1,3 +1,4 @@
+#include "base/control_characters.hpp"
 #include "pkcs11/token_objects.hpp"
 
 #include <map>
@@ -35,7 +36,9 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     attributes.setBool(CKA_MODIFIABLE, false);
     attributes.setBool(CKA_COPYABLE, false);
     attributes.setBool(CKA_DESTROYABLE, false);
-    attributes.set(CKA_LABEL, textValue(label));
+    // Applications print labels and write them into files line by line (ssh-keygen -D).
+    attributes.set(CKA_LABEL, textValue(label ? std::optional(withoutControlCharacters(*label))
+                                              : std::nullopt));
     attributes.set(CKA_ID, Bytes(objectID.begin(), objectID.end()));
     return attributes;
 }

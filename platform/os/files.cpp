@@ -99,24 +99,20 @@ std::string readTextFile(const std::filesystem::path& path) {
     return text;
 }
 
-void writeFile(const std::filesystem::path& path, ByteView content) {
-    FileDescriptor fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (fd.get() < 0) fail("Cannot write file", path, errno);
-    writeAll(fd.get(), content, path);
-    closeChecked(fd, path);
-}
-
-void replaceFileAtomically(const std::filesystem::path& path, ByteView content) {
+void replaceFileAtomically(const std::filesystem::path& path, ByteView content,
+                           FileAccess access) {
     auto temporary = path;
     temporary += ".tmp-XXXXXX";
     std::string pattern = temporary.string();
     FileDescriptor fd(::mkstemp(pattern.data()));
     if (fd.get() < 0) fail("Cannot write file", path, errno);
     try {
-        // mkstemp makes the file 0600; give it the mode a new file of this user would get.
-        const mode_t mask = ::umask(0);
-        ::umask(mask);
-        ::fchmod(fd.get(), 0666 & ~mask);
+        // mkstemp makes the file 0600, which owner-only files keep.
+        if (access == FileAccess::usual) {
+            const mode_t mask = ::umask(0);
+            ::umask(mask);
+            if (::fchmod(fd.get(), 0666 & ~mask) != 0) fail("Cannot write file", path, errno);
+        }
         writeAll(fd.get(), content, path);
         if (::fsync(fd.get()) != 0) fail("Cannot write file", path, errno);
         closeChecked(fd, path);

@@ -13,10 +13,16 @@ Bytes readFile(const std::filesystem::path& path);
 // Text files must be valid UTF-8 (ASCII included); anything else is a read failure.
 std::string readTextFile(const std::filesystem::path& path);
 
-// Plain write: truncates and replaces the file's content in place.
-void writeFile(const std::filesystem::path& path, ByteView content);
+// Who may read a file the tool writes.
+enum class FileAccess {
+    ownerOnly,  // mode 0600, whatever the umask
+    usual,      // mode 0666 less the umask, as a new file of the user's
+};
 
-// Writes a temporary file beside the target and renames it over the target.
-void replaceFileAtomically(const std::filesystem::path& path, ByteView content);
+// Writes a new file beside the target and renames it over the target: a link at the target's
+// name is replaced, never followed, and an existing file's mode is not kept. Readers see the old
+// file or the whole new one.
+void replaceFileAtomically(const std::filesystem::path& path, ByteView content,
+                           FileAccess access);
 
 }  // namespace keyloft::platform::os
