@@ -14,6 +14,10 @@ inline Bytes bytesOf(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
+inline Bytes bytesOf(ByteView bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
 inline Bytes concat(std::initializer_list<ByteView> parts) {
     Bytes out;
     for (auto part : parts) out.insert(out.end(), part.begin(), part.end());

@@ -1,10 +1,10 @@
+#include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "der/object_identifiers.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/certificate_service/certificate.hpp"
 #include "platform/crypto/random.hpp"
 #include "store/identity_writes.hpp"
 #include "x509/certificate.hpp"
@@ -32,8 +32,7 @@ void KeyloftApp::createIdentity() {
                 tbs, storage,
                 platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
         }));
-    if (!platform::certificate_service::Certificate::parse(certificate))
-        throw KeyloftError::generic("Failed to create certificate");
+    if (!readCertificate(certificate)) throw KeyloftError::generic("Failed to create certificate");
     const auto items = store::makeIdentityItems(certificate, keyHash, *label);
 
     tokenConfiguration.writeTransaction([&] {

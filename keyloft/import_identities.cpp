@@ -1,10 +1,10 @@
 #include <iostream>
 
+#include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/certificate_service/certificate.hpp"
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
 #include "platform/pkcs12_import/pkcs12_reader.hpp"
@@ -16,7 +16,7 @@ namespace {
 
 // The certificate's common name, else its first e-mail address, else nothing.
 std::string labelOf(ByteView certificate) {
-    const auto parsed = platform::certificate_service::Certificate::parse(certificate);
+    const auto parsed = readCertificate(certificate);
     if (!parsed) return {};
     if (auto name = parsed->commonName()) return *name;
     const auto emails = parsed->emailAddresses();

@@ -8,10 +8,10 @@
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "platform/certificate_service/certificate.hpp"
 #include "platform/text/date_format.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/key_type_description.hpp"
+#include "store/identity_lookup.hpp"
 
 namespace keyloft {
 namespace {
@@ -31,7 +31,7 @@ struct CertificateDetails {
     std::string isValid;
 };
 
-CertificateDetails detailsOf(const platform::certificate_service::Certificate& certificate,
+CertificateDetails detailsOf(const CertificateView& certificate,
                              const platform::text::ShortDateTimeFormatter& formatter,
                              std::chrono::system_clock::time_point now) {
     CertificateDetails details;
@@ -63,13 +63,10 @@ void KeyloftApp::listIdentities() {
     for (const auto& item : items) {
         if (const auto* certificate =
                 std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
-            // One parse serves the hash and the details.
-            const auto parsed =
-                platform::certificate_service::Certificate::parse(certificate->certificate);
+            // One reading serves the hash and the details.
+            const auto parsed = readCertificate(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
-            auto keyHash = parsed->publicKeyHash();
-            if (!keyHash) throw KeyloftError::generic("Failed to retrieve public key hash");
-            certificates[std::move(*keyHash)] = detailsOf(*parsed, formatter, now);
+            certificates[store::publicKeyHashOf(*parsed)] = detailsOf(*parsed, formatter, now);
             continue;
         }
         const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);

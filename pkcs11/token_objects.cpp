@@ -1,5 +1,6 @@
-#include "base/control_characters.hpp"
 #include "pkcs11/token_objects.hpp"
+#include "base/certificate_reader.hpp"
+#include "base/control_characters.hpp"
 
 #include <map>
 
@@ -8,7 +9,6 @@
 #include "der/object_identifiers.hpp"
 #include "keys/key_access.hpp"
 #include "pkcs11/mechanisms.hpp"
-#include "x509/certificate_fields.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -51,10 +51,10 @@ TokenObject certificateObject(const platform::token_store::TesseraTokenCertifica
     attributes.set(CKA_VALUE, item.certificate);
     attributes.set(CKA_START_DATE, {});
     attributes.set(CKA_END_DATE, {});
-    const auto fields = x509::certificateFields(item.certificate);
-    attributes.set(CKA_SUBJECT, fields ? fields->subject : Bytes{});
-    attributes.set(CKA_ISSUER, fields ? fields->issuer : Bytes{});
-    attributes.set(CKA_SERIAL_NUMBER, fields ? fields->serialNumber : Bytes{});
+    const auto fields = readCertificate(item.certificate);
+    attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
+    attributes.set(CKA_ISSUER, fields ? bytesOf(fields->issuer()) : Bytes{});
+    attributes.set(CKA_SERIAL_NUMBER, fields ? bytesOf(fields->serialNumber()) : Bytes{});
     return {{CKO_CERTIFICATE, item.objectID, 0}, std::move(attributes), std::nullopt};
 }
 
@@ -133,15 +133,16 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
     if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
-    const auto fields = x509::certificateFields(item.certificate);
+    const auto fields = readCertificate(item.certificate);
     const Capabilities can = capabilitiesOf(item, keyType);
     const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash};
 
     auto shared = [&](CK_OBJECT_CLASS objectClass) {
         auto attributes = commonAttributes(objectClass, item.objectID, item.label);
         attributes.setUlong(CKA_KEY_TYPE, keyType);
-        attributes.set(CKA_SUBJECT, fields ? fields->subject : Bytes{});
-        attributes.set(CKA_PUBLIC_KEY_INFO, fields ? fields->subjectPublicKeyInfo : Bytes{});
+        attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
+        attributes.set(CKA_PUBLIC_KEY_INFO,
+                       fields ? bytesOf(fields->subjectPublicKeyInfo()) : Bytes{});
         attributes.set(CKA_START_DATE, {});
         attributes.set(CKA_END_DATE, {});
         attributes.setBool(CKA_DERIVE, can.derive);

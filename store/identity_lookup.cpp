@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "base/error.hpp"
-#include "platform/certificate_service/certificate.hpp"
+#include "platform/crypto/digest.hpp"
 
 namespace keyloft::store {
 namespace {
@@ -14,12 +14,16 @@ bool sameBytes(ByteView a, ByteView b) {
 
 }  // namespace
 
+Bytes publicKeyHashOf(const CertificateView& certificate) {
+    if (certificate.subjectPublicKey().empty())
+        throw KeyloftError::generic("Failed to retrieve public key hash");
+    return platform::crypto::sha1(certificate.subjectPublicKey());
+}
+
 Bytes certificatePublicKeyHash(ByteView certificate) {
-    const auto parsed = platform::certificate_service::Certificate::parse(certificate);
+    const auto parsed = readCertificate(certificate);
     if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
-    auto hash = parsed->publicKeyHash();
-    if (!hash) throw KeyloftError::generic("Failed to retrieve public key hash");
-    return std::move(*hash);
+    return publicKeyHashOf(*parsed);
 }
 
 bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash) {

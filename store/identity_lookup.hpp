@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/bytes.hpp"
+#include "base/certificate_reader.hpp"
 #include "platform/token_store/token_items.hpp"
 #include "platform/token_store/token_store.hpp"
 
@@ -9,6 +10,8 @@ namespace keyloft::store {
 // The 20-byte public-key hash of a DER certificate. Throws "Failed to parse certificate from data"
 // or "Failed to retrieve public key hash".
 Bytes certificatePublicKeyHash(ByteView certificate);
+// The same for a certificate already read.
+Bytes publicKeyHashOf(const CertificateView& certificate);
 
 // Certificate items match by the hash of their certificate, key items by their stored public-key
 // hash; a certificate that cannot be read fails the test instead of answering no.

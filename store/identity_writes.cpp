@@ -58,8 +58,8 @@ void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash) {
     token.replaceConfigurationData(keys::encodeStoredKeys(records));
 }
 
-bool replaceCertificateItem(const TesseraTokenConfiguration& token,
-                            ByteView certificate, ByteView hash) {
+bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView certificate,
+                            ByteView hash) {
     const auto items = token.items();
     const auto old = findCertificateItem(items, hash);
     if (old == items.end()) return false;

@@ -99,8 +99,7 @@ std::string readTextFile(const std::filesystem::path& path) {
     return text;
 }
 
-void replaceFileAtomically(const std::filesystem::path& path, ByteView content,
-                           FileAccess access) {
+void replaceFileAtomically(const std::filesystem::path& path, ByteView content, FileAccess access) {
     auto temporary = path;
     temporary += ".tmp-XXXXXX";
     std::string pattern = temporary.string();

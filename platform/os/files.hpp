@@ -22,7 +22,6 @@ enum class FileAccess {
 // Writes a new file beside the target and renames it over the target: a link at the target's
 // name is replaced, never followed, and an existing file's mode is not kept. Readers see the old
 // file or the whole new one.
-void replaceFileAtomically(const std::filesystem::path& path, ByteView content,
-                           FileAccess access);
+void replaceFileAtomically(const std::filesystem::path& path, ByteView content, FileAccess access);
 
 }  // namespace keyloft::platform::os

@@ -41,9 +41,9 @@ ShortDateTimeFormatter::ShortDateTimeFormatter() : impl_(std::make_unique<Impl>(
 
 ShortDateTimeFormatter::~ShortDateTimeFormatter() = default;
 
-std::string ShortDateTimeFormatter::format(std::chrono::system_clock::time_point instant) const {
+std::string ShortDateTimeFormatter::format(std::chrono::sys_seconds instant) const {
     const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(instant.time_since_epoch()).count();
+        std::chrono::duration<double, std::milli>(instant.time_since_epoch()).count();
     icu::UnicodeString text;
     impl_->format->format(static_cast<UDate>(millis), text);
     std::string out;

@@ -15,7 +15,7 @@ class ShortDateTimeFormatter {
     ShortDateTimeFormatter& operator=(const ShortDateTimeFormatter&) = delete;
     ~ShortDateTimeFormatter();
 
-    std::string format(std::chrono::system_clock::time_point instant) const;
+    std::string format(std::chrono::sys_seconds instant) const;
 
   private:
     struct Impl;

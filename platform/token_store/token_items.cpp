@@ -1,14 +1,13 @@
 #include "platform/token_store/token_items.hpp"
 
-#include "platform/certificate_service/certificate.hpp"
-#include "platform/certificate_service/subject_public_key.hpp"
+#include "base/certificate_reader.hpp"
 #include "platform/crypto/digest.hpp"
 
 namespace keyloft::platform::token_store {
 
 std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,
                                                                ByteView objectID) {
-    if (!certificate_service::Certificate::parse(certificate)) return std::nullopt;
+    if (!readCertificate(certificate)) return std::nullopt;
     return TesseraTokenCertificateItem{Bytes(objectID.begin(), objectID.end()), std::nullopt,
                                        Bytes(certificate.begin(), certificate.end())};
 }
@@ -27,7 +26,8 @@ void deriveKeyFields(TesseraTokenKeyItem& item) {
     item.publicKeyData.reset();
     item.publicKeyHash.reset();
     // Read from the certificate's structure: loading a long item list must not decode every key.
-    auto key = certificate_service::subjectPublicKeyOf(item.certificate);
+    const auto certificate = readCertificate(item.certificate);
+    auto key = certificate ? certificate->publicKey() : std::nullopt;
     if (!key) return;
     item.publicKeyHash = crypto::sha1(key->externalRepresentation);
     item.keyType = std::move(key->keyType);
