@@ -4,7 +4,7 @@ set -euo pipefail
 
 packages=(
     g++ cmake ninja-build pkg-config git clang-format
-    libssl-dev libsqlite3-dev libicu-dev libplist-dev libpam0g-dev libpam-modules
+    libssl-dev libsqlite3-dev libicu-dev libpam0g-dev libpam-modules
     libgtest-dev libgmock-dev
     libp11-kit-dev p11-kit
     openssl openssh-client python3 python3-pytest python3-cryptography

@@ -8,10 +8,10 @@
 #include "keys/stored_key_codec.hpp"
 
 // The system log is not under test, and a line per input would flood it.
-namespace keyloft::platform {
+namespace keyloft::platform::os {
 void logError(std::string_view /*message*/) {}
 void logDebug(std::string_view /*message*/) {}
-}  // namespace keyloft::platform
+}  // namespace keyloft::platform::os
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using keyloft::KeyloftError;
