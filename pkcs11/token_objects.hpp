@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -36,9 +37,24 @@ struct TokenObject {
     bool allows(CK_ATTRIBUTE_TYPE usage) const;
 };
 
+// The objects made for the items of the last reading, so that the next one builds only those of
+// items that changed (a card of thousands changes by one identity at a time).
+class TokenObjectCache {
+  public:
+    struct Entry {
+        platform::token_store::TesseraTokenItem item;
+        int storedKey = 0;  // what the item's stored key was: none, wrapped or bound
+        std::vector<TokenObject> objects;
+    };
+    // By object id, then in item order.
+    std::map<Bytes, std::vector<Entry>> entries;
+};
+
 // The objects applications see for an item list: a certificate per certificate item; a public
-// and a private key per key item (the private key only when its stored key exists).
+// and a private key per key item (the private key only when its stored key exists). The cache is
+// used and replaced by what this list made.
 std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
-                                      const keys::StoredKeyMap& storedKeys);
+                                      const keys::StoredKeyMap& storedKeys,
+                                      TokenObjectCache& cache);
 
 }  // namespace keyloft::pkcs11
