@@ -67,8 +67,9 @@ Bytes encodeIdentifier(const Bytes& header, const TpmKeyBlobs& blobs) {
     return out;
 }
 
-// The blobs after the header, which must fill the identifier exactly and describe a key of the
-// header's curve made from our template.
+// The blobs after the header, which must be exactly as encodeIdentifier wrote them (the
+// unmarshaller lets a size field disagree with its content) and describe a key of the header's
+// curve made from our template.
 TpmKeyBlobs decodeBlobs(ByteView identifier, const ObjectIdentifierHeader& header) {
     TpmKeyBlobs blobs;
     std::size_t offset = ObjectIdentifierHeader::size;
@@ -76,7 +77,12 @@ TpmKeyBlobs decodeBlobs(ByteView identifier, const ObjectIdentifierHeader& heade
                                        &blobs.publicArea) != TSS2_RC_SUCCESS ||
         Tss2_MU_TPM2B_PRIVATE_Unmarshal(identifier.data(), identifier.size(), &offset,
                                         &blobs.privateArea) != TSS2_RC_SUCCESS ||
-        offset != identifier.size()) {
+        offset != identifier.size() ||
+        !std::ranges::equal(
+            encodeIdentifier(
+                Bytes(identifier.begin(), identifier.begin() + ObjectIdentifierHeader::size),
+                blobs),
+            identifier)) {
         refuse("damaged object identifier");
     }
     const auto expected = keyTemplate(header.sizeInBits).publicArea;
