@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/error.hpp"
+#include "platform/os/log.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -89,10 +90,21 @@ std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
     // Salted with the primary key: the session key is known to the TPM and to us only.
     const TPMT_SYM_DEF aes{
         .algorithm = TPM2_ALG_AES, .keyBits = {.aes = 128}, .mode = {.aes = TPM2_ALG_CFB}};
-    check(Esys_StartAuthSession(rawEsys, connection->primary_, ESYS_TR_NONE, ESYS_TR_NONE,
-                                ESYS_TR_NONE, ESYS_TR_NONE, nullptr, TPM2_SE_HMAC, &aes,
-                                TPM2_ALG_SHA256, &connection->session_),
-          "start a session");
+    auto rc = Esys_StartAuthSession(rawEsys, connection->primary_, ESYS_TR_NONE, ESYS_TR_NONE,
+                                    ESYS_TR_NONE, ESYS_TR_NONE, nullptr, TPM2_SE_HMAC, &aes,
+                                    TPM2_ALG_SHA256, &connection->session_);
+    if (rc == TSS2_ESYS_RC_GENERAL_FAILURE) {
+        // The salt is computed with the process's OpenSSL, which a host program may have handed
+        // to an engine that cannot do it (openssl -engine pkcs11 does, for every EC key). An
+        // unsalted session still authorizes; its parameter encryption would hide nothing.
+        os::logError("TPM session without salt: the salt could not be computed in this process");
+        const TPMT_SYM_DEF none{.algorithm = TPM2_ALG_NULL};
+        rc = Esys_StartAuthSession(rawEsys, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                   ESYS_TR_NONE, nullptr, TPM2_SE_HMAC, &none, TPM2_ALG_SHA256,
+                                   &connection->session_);
+        connection->encrypting_ = false;
+    }
+    check(rc, "start a session");
     return connection;
 }
 
@@ -108,6 +120,7 @@ void TpmConnection::flush(ESYS_TR handle) noexcept {
 }
 
 void TpmConnection::useSession(TPMA_SESSION attributes) {
+    if (!encrypting_) attributes &= ~(TPMA_SESSION_DECRYPT | TPMA_SESSION_ENCRYPT);
     check(Esys_TRSess_SetAttributes(esys_.get(), session_,
                                     TPMA_SESSION_CONTINUESESSION | attributes, 0xff),
           "set up its session");

@@ -21,6 +21,7 @@ struct TpmKeyBlobs {
 // One ESAPI connection to a TPM, with the storage primary key (the owner hierarchy's ECC P-256
 // key of the usual template, made again on each connection) and one salted HMAC session that
 // every key command runs under; commands that carry secrets have them encrypted in that session.
+// Where the host process cannot compute the salt, the session is unsalted and encrypts nothing.
 // All calls are serialized: one connection serves every thread of the process.
 class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
   public:
@@ -76,6 +77,7 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
     std::unique_ptr<ESYS_CONTEXT, EsysFinalize> esys_;
     ESYS_TR primary_ = ESYS_TR_NONE;
     ESYS_TR session_ = ESYS_TR_NONE;
+    bool encrypting_ = true;
 };
 
 }  // namespace keyloft::platform::key_processor
