@@ -52,7 +52,7 @@ for _ in range(50):
         except OSError: continue
         print(port); break')
 export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus
-dbus-daemon --session --nofork --nosyslog --address="$DBUS_SESSION_BUS_ADDRESS" &
+dbus-daemon --session --nofork --nosyslog --address="$DBUS_SESSION_BUS_ADDRESS" 2> /dev/null &
 pids+=($!)
 swtpm socket --tpm2 --tpmstate dir="$work/state" \
     --server type=tcp,bindaddr=127.0.0.1,port="$port" \
