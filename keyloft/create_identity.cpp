@@ -15,7 +15,8 @@ void KeyloftApp::createIdentity() {
     if (!keyType) throw KeyloftError::generic("Missing or unsupported 'keyType' paramater");
     const bool biometry = keyProtection == KeyProtection::bio;
 
-    auto [key, storage] = keys::generateKey(*keyType, biometry);
+    auto [key, storage] = keys::generateKey(
+        *keyType, biometry, keys::decodeStoredKeys(tokenConfiguration.configurationData()));
     const auto publicKey = key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");

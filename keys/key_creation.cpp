@@ -1,5 +1,7 @@
 #include "keys/key_creation.hpp"
 
+#include <algorithm>
+
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/key_service/ecies.hpp"
@@ -11,24 +13,35 @@ BiometryProtection protectionFor(bool biometry) {
     return biometry ? BiometryProtection::on : BiometryProtection::off;
 }
 
+platform::key_processor::KeyProcessor& processorFor(const StoredKeyMap& card) {
+    return platform::key_processor::defaultKeyProcessor(holdsTpmKeys(card));
+}
+
 }  // namespace
+
+bool holdsTpmKeys(const StoredKeyMap& card) {
+    return std::any_of(card.begin(), card.end(), [](const auto& entry) {
+        const auto& [bastionKey, sealedKey] = entry.second;
+        return (bastionKey && platform::key_processor::isTpmKey(bastionKey->keyData)) ||
+               (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
+    });
+}
 
 std::uint32_t accessControlFor(bool biometry) {
     return platform::key_processor::accessControlPrivateKeyUsage |
            (biometry ? platform::key_processor::accessControlBiometryAny : 0U);
 }
 
-NewKey generateKey(KeyType type, bool biometry) {
+NewKey generateKey(KeyType type, bool biometry, const StoredKeyMap& card) {
     const auto inProcessor = [&](int sizeInBits) {
-        auto key = platform::key_processor::defaultKeyProcessor().createKey(
-            sizeInBits, accessControlFor(biometry));
+        auto key = processorFor(card).createKey(sizeInBits, accessControlFor(biometry));
         KeyStorage storage{.bastionKey = makeBastionKey(*key, biometry)};
         return NewKey{std::move(key), std::move(storage)};
     };
     const auto wrapped = [&](int sizeInBits) {
         auto key = std::make_unique<platform::key_service::SoftwareKey>(
             platform::key_service::SoftwareKey::generateEC(sizeInBits));
-        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry)};
+        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry, card)};
         return NewKey{std::move(key), std::move(storage)};
     };
     switch (type) {
@@ -51,7 +64,8 @@ BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool
             key.objectIdentifier(), protectionFor(biometry)};
 }
 
-SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry) {
+SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,
+                        const StoredKeyMap& card) {
     const auto plaintext = key.externalRepresentation();
     SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
     try {
@@ -60,8 +74,7 @@ SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biom
         throw KeyloftError::generic("failed to get private key attributes");
     }
 
-    const auto wrapping =
-        platform::key_processor::defaultKeyProcessor().createKey(256, accessControlFor(biometry));
+    const auto wrapping = processorFor(card).createKey(256, accessControlFor(biometry));
     Bytes wrappingPoint;
     try {
         wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;

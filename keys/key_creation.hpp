@@ -18,14 +18,18 @@ struct NewKey {
     KeyStorage storage;
 };
 
-// A key pair of the type: made inside the key processor for the "-ne" types, else a software key
-// wrapped under a new processor-held key.
-NewKey generateKey(KeyType type, bool biometry);
+// Whether the card's records reach any key inside a TPM: such a card gets no new soft keys.
+bool holdsTpmKeys(const StoredKeyMap& card);
+
+// A key pair of the type for the card: made inside the key processor for the "-ne" types, else a
+// software key wrapped under a new processor-held key.
+NewKey generateKey(KeyType type, bool biometry, const StoredKeyMap& card);
 
 // The record of a processor key.
 BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry);
 
 // Wraps a software private key under a new processor-held P-256 wrapping key.
-SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry);
+SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,
+                        const StoredKeyMap& card);
 
 }  // namespace keyloft::keys

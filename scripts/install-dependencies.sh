@@ -4,12 +4,14 @@ set -euo pipefail
 
 packages=(
     g++ cmake ninja-build pkg-config git clang-format
-    libssl-dev libsqlite3-dev libicu-dev libpam0g-dev libpam-modules
+    libssl-dev libsqlite3-dev libicu-dev libpam0g-dev libpam-modules libtss2-dev
     libgtest-dev libgmock-dev
     libp11-kit-dev p11-kit
     openssl openssh-client python3 python3-pytest python3-cryptography
     # Clients the PKCS#11 module is tested with.
     opensc openssh-server libengine-pkcs11-openssl python3-pykcs11
+    # The TPM tests: a simulator behind the resource manager, on a private D-Bus.
+    swtpm tpm2-abrmd libtss2-tcti-tabrmd0 dbus-daemon dbus-bin
 )
 
 sudo=""

@@ -15,6 +15,12 @@ namespace keyloft::platform::key_processor {
 inline constexpr std::uint32_t accessControlPrivateKeyUsage = 0x40000000;
 inline constexpr std::uint32_t accessControlBiometryAny = 0x2;
 
+// Private-key usage, optionally with biometry: the only words a processor can honour.
+inline bool isSupportedAccessControl(std::uint32_t word) {
+    return word == accessControlPrivateKeyUsage ||
+           word == (accessControlPrivateKeyUsage | accessControlBiometryAny);
+}
+
 // One user-authentication session: once presence is confirmed, it holds for every use under it.
 class AuthenticationContext {
   public:
@@ -31,6 +37,16 @@ class PresenceGate {
     virtual ~PresenceGate() = default;
     virtual void confirm() = 0;
 };
+
+// Asks the gate before a private-key use when the word demands biometry and the context has not
+// been confirmed yet; a confirmation counts for the rest of the context.
+inline void confirmPresenceFor(std::uint32_t accessControl, AuthenticationContext& context,
+                               PresenceGate& gate) {
+    if ((accessControl & accessControlBiometryAny) != 0 && !context.presenceConfirmed()) {
+        gate.confirm();
+        context.confirmPresence();
+    }
+}
 
 // A handle to a key inside the processor. Private-key operations ask the presence gate first when
 // the key's access control demands biometry and its context has not been confirmed yet.
@@ -54,8 +70,12 @@ class KeyProcessor {
         ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) = 0;
 };
 
-// The processor that makes new keys on this machine.
-KeyProcessor& defaultKeyProcessor();
+// The processor that makes new keys on this machine: the TPM whenever one is usable, else soft.
+// A card that already holds TPM keys never gets soft ones silently: it gets the TPM or a
+// PlatformError saying why not. KEYLOFT_KEY_PROCESSOR=soft or =tpm forces the choice.
+KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys);
+// Whether the identifier names a key of the TPM back end.
+bool isTpmKey(ByteView objectIdentifier);
 // The processor named by an object identifier; PlatformError when no back end here knows it.
 KeyProcessor& keyProcessorFor(ByteView objectIdentifier);
 

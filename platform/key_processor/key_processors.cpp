@@ -1,12 +1,19 @@
+#include <unistd.h>
+
+#include <cstdlib>
+
 #include "base/error.hpp"
 #include "platform/key_processor/key_processor.hpp"
 #include "platform/key_processor/object_identifier.hpp"
 #include "platform/key_processor/pam_presence_gate.hpp"
 #include "platform/key_processor/soft_key_processor.hpp"
+#include "platform/key_processor/tpm_key_processor.hpp"
 #include "platform/os/paths.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
+
+constexpr const char* kernelResourceManager = "/dev/tpmrm0";
 
 std::optional<std::filesystem::path> pamConfigurationFolder() {
 #ifdef KEYLOFT_PAM_CONFDIR
@@ -16,21 +23,86 @@ std::optional<std::filesystem::path> pamConfigurationFolder() {
 #endif
 }
 
-SoftKeyProcessor& softProcessor() {
+std::optional<std::string> environment(const char* name) {
+    const char* value = std::getenv(name);
+    if (value == nullptr || *value == '\0') return std::nullopt;
+    return value;
+}
+
+PresenceGate& presenceGate() {
     static PamPresenceGate gate(pamConfigurationFolder());
-    static SoftKeyProcessor processor(os::dataFolder() / "bastion.key", gate);
+    return gate;
+}
+
+SoftKeyProcessor& softProcessor() {
+    static SoftKeyProcessor processor(os::dataFolder() / "bastion.key", presenceGate());
     return processor;
+}
+
+// The TPM that KEYLOFT_TCTI names, else the kernel's resource manager when this machine has one.
+// The loader's own default is not used: on a machine without a TPM it tries every TCTI it knows,
+// a local simulator port among them, and some of them print on stderr.
+std::optional<std::string> tctiConfiguration() {
+    if (auto named = environment("KEYLOFT_TCTI")) return named;
+    if (access(kernelResourceManager, F_OK) == 0)
+        return std::string("device:") + kernelResourceManager;
+    return std::nullopt;
+}
+
+// Nothing when this machine names no TPM.
+TpmKeyProcessor* tpmProcessor() {
+    static const auto tcti = tctiConfiguration();
+    if (!tcti) return nullptr;
+    static TpmKeyProcessor processor(*tcti, presenceGate());
+    return &processor;
 }
 
 }  // namespace
 
-KeyProcessor& defaultKeyProcessor() {
-    return softProcessor();
+KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys) {
+    const auto forced = environment("KEYLOFT_KEY_PROCESSOR");
+    if (forced == "soft") return softProcessor();
+    if (forced && forced != "tpm") {
+        throw PlatformError("Key processor: KEYLOFT_KEY_PROCESSOR is '" + *forced +
+                            "'; it may be 'soft' or 'tpm'");
+    }
+    // Asking for a TPM by name, or holding keys in one, makes a missing TPM an error.
+    const bool tpmRequired = forced || cardHoldsTpmKeys || environment("KEYLOFT_TCTI");
+    const auto why = [&](const std::string& reason) {
+        return PlatformError("Key processor: " + reason +
+                             (cardHoldsTpmKeys
+                                  ? "; this card holds TPM keys, so new keys are not made in "
+                                    "software unless KEYLOFT_KEY_PROCESSOR=soft says so"
+                                  : ""));
+    };
+    auto* tpm = tpmProcessor();
+    if (!tpm) {
+        if (tpmRequired) throw why("no TPM found (no /dev/tpmrm0, and KEYLOFT_TCTI is unset)");
+        return softProcessor();
+    }
+    try {
+        tpm->connect();
+    } catch (const PlatformError& error) {
+        if (tpmRequired) throw why(error.what());
+        return softProcessor();
+    }
+    return *tpm;
+}
+
+bool isTpmKey(ByteView objectIdentifier) {
+    const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
+    return header && header->backEnd == tpmBackEnd;
 }
 
 KeyProcessor& keyProcessorFor(ByteView objectIdentifier) {
     const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
     if (header && header->backEnd == softBackEnd) return softProcessor();
+    if (header && header->backEnd == tpmBackEnd) {
+        if (auto* tpm = tpmProcessor()) return *tpm;
+        throw PlatformError(
+            "Key processor: the key is in a TPM, and no TPM is found here (no /dev/tpmrm0, and "
+            "KEYLOFT_TCTI is unset)");
+    }
     throw PlatformError("Key processor: no key processor on this machine knows this key");
 }
 

@@ -25,5 +25,6 @@ struct ObjectIdentifierHeader {
 };
 
 inline constexpr char softBackEnd = 's';
+inline constexpr char tpmBackEnd = 't';
 
 }  // namespace keyloft::platform::key_processor

@@ -17,11 +17,6 @@ constexpr std::size_t tagSize = 16;
     throw PlatformError("Key processor: the key cannot be used here: " + why);
 }
 
-bool isSupportedAccessControl(std::uint32_t word) {
-    return word == accessControlPrivateKeyUsage ||
-           word == (accessControlPrivateKeyUsage | accessControlBiometryAny);
-}
-
 // AES-256-GCM under the device key; the header is authenticated, not encrypted. Only the private
 // scalar is sealed: the public point follows from it.
 Bytes seal(const crypto::SecretBytes& deviceKey, const Bytes& header,
@@ -101,12 +96,7 @@ class SoftProcessorKey : public ProcessorKey {
     }
 
   private:
-    void authorize() const {
-        if ((accessControl_ & accessControlBiometryAny) != 0 && !context_->presenceConfirmed()) {
-            gate_.confirm();
-            context_->confirmPresence();
-        }
-    }
+    void authorize() const { confirmPresenceFor(accessControl_, *context_, gate_); }
 
     key_service::SoftwareKey key_;
     Bytes identifier_;

@@ -4,6 +4,8 @@ import pathlib
 import plistlib
 import pty
 import select
+import shutil
+import socket
 import time
 import sqlite3
 import subprocess
@@ -17,6 +19,9 @@ PKCS11_MODULE = os.environ.get("KEYLOFT_PKCS11") or str(
     pathlib.Path(__file__).resolve().parents[2] / "build" / "pkcs11" / "libkeyloft-pkcs11.so")
 # What an instrumented module needs preloaded (an LD_PRELOAD list) into programs that are not.
 PKCS11_PRELOAD = os.environ.get("KEYLOFT_PKCS11_PRELOAD", "")
+# The key processor the running tests use, as environment variables: every environment the tests
+# make for the tool or the module carries it. Set by the key_processor fixture.
+KEY_PROCESSOR_ENV = {}
 
 
 class Card:
@@ -29,11 +34,13 @@ class Card:
         self.db_path = self.folder / "tokens.db"
 
     def env(self, **extra):
+        """The tool's environment; an extra variable given as None is left out."""
         env = {k: v for k, v in os.environ.items() if not k.startswith("XDG_")}
         env.update(HOME=str(self.home), XDG_DATA_HOME=str(self.data_home), LC_ALL="C.UTF-8",
                    TZ="UTC")
+        env.update(KEY_PROCESSOR_ENV)
         env.update(extra)
-        return env
+        return {k: v for k, v in env.items() if v is not None}
 
     def run(self, *args, stdin=None, cwd=None, **env):
         """Runs keyloft without a controlling terminal; returns the CompletedProcess."""
@@ -145,3 +152,111 @@ def card(tmp_path):
     home = tmp_path / "home"
     home.mkdir()
     return Card(home)
+
+
+def pytest_generate_tests(metafunc):
+    """Every test runs once per key processor; a module may name fewer in KEY_PROCESSORS."""
+    if "key_processor" in metafunc.fixturenames:
+        metafunc.parametrize("key_processor",
+                             getattr(metafunc.module, "KEY_PROCESSORS", ("soft", "tpm")),
+                             indirect=True, scope="session")
+
+
+@pytest.fixture(scope="session", autouse=True)
+def key_processor(request):
+    """"soft", forced through the environment, or "tpm", on the session's software TPM."""
+    env = ({"KEYLOFT_KEY_PROCESSOR": "soft"} if request.param == "soft"
+           else request.getfixturevalue("software_tpm"))
+    KEY_PROCESSOR_ENV.clear()
+    KEY_PROCESSOR_ENV.update(env)
+    yield request.param
+    KEY_PROCESSOR_ENV.clear()
+
+
+def free_port_pair():
+    """A free local port whose next port is free too (swtpm's command and control ports)."""
+    for _ in range(50):
+        with socket.socket() as first:
+            first.bind(("127.0.0.1", 0))
+            port = first.getsockname()[1]
+            with socket.socket() as second:
+                try:
+                    second.bind(("127.0.0.1", port + 1))
+                except OSError:
+                    continue
+        return port
+    raise RuntimeError("no two free neighbouring ports")
+
+
+def wait_for(condition, what, process, seconds=10):
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if process.poll() is not None or time.monotonic() > deadline:
+            raise RuntimeError(f"{what} did not start: {process.args}")
+        time.sleep(0.05)
+
+
+@pytest.fixture(scope="session")
+def software_tpm(tmp_path_factory):
+    """swtpm behind tpm2-abrmd on a private D-Bus, for the session; the environment that reaches
+    it. The resource manager lets many processes share the simulator, as the kernel's does with a
+    real TPM, and drops what a killed process left loaded."""
+    search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/sbin", "/sbin"])
+    tools = {name: shutil.which(name, path=search) for name in
+             ("swtpm", "tpm2-abrmd", "dbus-daemon", "dbus-send")}
+    missing = [name for name, path in tools.items() if path is None]
+    if missing:
+        message = f"the TPM tests need {', '.join(missing)} (scripts/install-dependencies.sh)"
+        if os.environ.get("CI") == "true":
+            pytest.fail(message)
+        pytest.skip(message)
+    folder = tmp_path_factory.mktemp("tpm")
+    (folder / "state").mkdir()
+    bus = f"unix:path={folder / 'bus'}"
+    name = f"com.intel.tss2.Tabrmd.keyloft{os.getpid()}"
+    env = dict(os.environ, DBUS_SESSION_BUS_ADDRESS=bus)
+    port = free_port_pair()
+    processes = []
+
+    def start(*args):
+        processes.append(subprocess.Popen(args, stdin=subprocess.DEVNULL,
+                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                          env=env, start_new_session=True))
+        return processes[-1]
+
+    def accepts(port_):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", port_)) == 0
+
+    def owned():
+        answer = subprocess.run(
+            [tools["dbus-send"], "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", f"string:{name}"],
+            capture_output=True, text=True, env=env)
+        return "boolean true" in answer.stdout
+
+    try:
+        daemon = start(tools["dbus-daemon"], "--session", "--nofork", "--nosyslog",
+                       f"--address={bus}")
+        wait_for(lambda: (folder / "bus").exists(), "dbus-daemon", daemon)
+        simulator = start(tools["swtpm"], "socket", "--tpm2", "--tpmstate",
+                          f"dir={folder / 'state'}", "--server",
+                          f"type=tcp,bindaddr=127.0.0.1,port={port}", "--ctrl",
+                          f"type=tcp,bindaddr=127.0.0.1,port={port + 1}", "--flags",
+                          "not-need-init,startup-clear")
+        # The control port: a probe of the command port would hold swtpm's one client slot.
+        wait_for(lambda: accepts(port + 1), "swtpm", simulator)
+        manager = start(tools["tpm2-abrmd"], "--session", f"--dbus-name={name}",
+                        f"--tcti=swtpm:host=127.0.0.1,port={port}", "--flush-all",
+                        *(["--allow-root"] if os.geteuid() == 0 else []))
+        wait_for(owned, "tpm2-abrmd", manager)
+        yield {"KEYLOFT_TCTI": f"tabrmd:bus_name={name},bus_type=session",
+               "DBUS_SESSION_BUS_ADDRESS": bus}
+    finally:
+        for process in reversed(processes):
+            process.terminate()
+            try:
+                process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()

@@ -21,8 +21,9 @@ TEMPLATE_IDENTITIES, BUNDLE_SIZE = 8, 40
 
 
 class KillRig:
-    def __init__(self, keyloft, folder, rng):
+    def __init__(self, keyloft, folder, rng, extra_env=None):
         self.keyloft, self.folder, self.rng = keyloft, folder, rng
+        self.extra_env = dict(extra_env or {})
         self.template = folder / "template"
         self.template.mkdir(parents=True)
         for i in range(TEMPLATE_IDENTITIES):
@@ -41,6 +42,7 @@ class KillRig:
     def env(self, home):
         env = {k: v for k, v in os.environ.items() if not k.startswith("XDG_")}
         env.update(HOME=str(home), XDG_DATA_HOME=str(home / "data"), LC_ALL="C.UTF-8", TZ="UTC")
+        env.update(self.extra_env)
         return env
 
     def run(self, home, *args):

@@ -9,15 +9,15 @@ import re
 
 import pytest
 
-from conftest import KEYLOFT
+from conftest import KEY_PROCESSOR_ENV, KEYLOFT
 from kill_runs import COMMANDS, KillRig
 
 KILLS = int(os.environ.get("KEYLOFT_CRASH_KILLS", "200"))
 
 
 @pytest.fixture(scope="module")
-def rig(tmp_path_factory):
-    return KillRig(KEYLOFT, tmp_path_factory.mktemp("kills"), random.Random(1))
+def rig(tmp_path_factory, key_processor):
+    return KillRig(KEYLOFT, tmp_path_factory.mktemp("kills"), random.Random(1), KEY_PROCESSOR_ENV)
 
 
 @pytest.mark.parametrize("command", COMMANDS)

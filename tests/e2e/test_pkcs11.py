@@ -59,7 +59,7 @@ def identities_of(card):
 
 
 @pytest.fixture(scope="module")
-def wallet(tmp_path_factory):
+def wallet(tmp_path_factory, key_processor):
     """A card with a wrapped and a bound P-256 identity and an RSA identity imported from a
     PKCS#12 file that openssl made."""
     home = tmp_path_factory.mktemp("wallet")

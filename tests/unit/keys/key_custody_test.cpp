@@ -81,13 +81,13 @@ TEST_F(KeyCustody, SealedKeysUnwrapToExactlyTheSealedBytes) {
     for (const auto& [type, plaintextSize, wrappedSize] :
          {Case{KeyType::p256, 97, 178}, Case{KeyType::p384, 145, 226},
           Case{KeyType::p521, 199, 280}}) {
-        const auto created = generateKey(type, false);
+        const auto created = generateKey(type, false, {});
         const auto* software =
             dynamic_cast<const platform::key_service::SoftwareKey*>(created.key.get());
         ASSERT_NE(software, nullptr);
         ASSERT_TRUE(created.storage.sealedKey);
         const auto& key = *software;
-        const auto sealed = makeSealedKey(key, false);
+        const auto sealed = makeSealedKey(key, false, {});
         EXPECT_EQ(sealed.pubKeyHash, key.applicationLabel());
         EXPECT_EQ(created.storage.sealedKey->pubKeyHash, key.applicationLabel());
         EXPECT_EQ(sealed.keyType, "ec");
@@ -98,20 +98,20 @@ TEST_F(KeyCustody, SealedKeysUnwrapToExactlyTheSealedBytes) {
         EXPECT_EQ(data, key.externalRepresentation());
         EXPECT_EQ(unwrapped.applicationLabel(), key.applicationLabel());
 
-        const auto again = makeSealedKey(key, false);
+        const auto again = makeSealedKey(key, false, {});
         EXPECT_EQ(again.pubKeyHash, sealed.pubKeyHash);
         EXPECT_NE(again.wrappedPrivateKey, sealed.wrappedPrivateKey);
         EXPECT_NE(again.wrappingPrivateKeyData, sealed.wrappingPrivateKeyData);
     }
 
     const auto rsa = rsaKey();
-    const auto sealed = makeSealedKey(rsa, false);
+    const auto sealed = makeSealedKey(rsa, false, {});
     EXPECT_EQ(sealed.keyType, "rsa");
     EXPECT_EQ(unwrapPrivateKeyData(sealed, nullptr), rsa.externalRepresentation());
 }
 
 TEST_F(KeyCustody, DamagedRecordsAreRefused) {
-    const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), false);
+    const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), false, {});
     struct Damage {
         Bytes SealedKey::*field;
         std::size_t position;
@@ -128,7 +128,7 @@ TEST_F(KeyCustody, DamagedRecordsAreRefused) {
     }
     auto other = sealed;
     other.wrappingPrivateKeyData =
-        makeSealedKey(SoftwareKey::generateEC(256), false).wrappingPrivateKeyData;
+        makeSealedKey(SoftwareKey::generateEC(256), false, {}).wrappingPrivateKeyData;
     EXPECT_THROW(unwrapPrivateKeyData(other, nullptr), PlatformError);
     auto wrongType = sealed;
     wrongType.keyType = "rsa";
@@ -138,7 +138,7 @@ TEST_F(KeyCustody, DamagedRecordsAreRefused) {
 TEST_F(KeyCustody, StoredKeysSignVerifiably) {
     const Bytes message = bytesOf("to be signed");
     for (const auto type : {KeyType::p256ne, KeyType::p384ne}) {
-        const auto created = generateKey(type, false);
+        const auto created = generateKey(type, false, {});
         const auto* processorKey = processorKeyOf(created);
         ASSERT_NE(processorKey, nullptr);
         ASSERT_TRUE(created.storage.bastionKey);
@@ -150,7 +150,7 @@ TEST_F(KeyCustody, StoredKeysSignVerifiably) {
         EXPECT_TRUE(verifies(processorKey->publicKeyAttributes(), message, signature));
     }
     for (const auto& key : {SoftwareKey::generateEC(521), rsaKey()}) {
-        const KeyStorage storage{.sealedKey = makeSealedKey(key, false)};
+        const KeyStorage storage{.sealedKey = makeSealedKey(key, false, {})};
         const auto algorithm = key.keyType() == "rsa" ? rsaPkcs1 : ecdsa;
         const auto signature = signWithStoredKey(message, storage, algorithm);
         EXPECT_TRUE(verifies(key.publicKeyAttributes(), message, signature)) << key.keyType();
@@ -163,8 +163,8 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
     EXPECT_EQ(accessControlFor(false), 0x40000000U);
     EXPECT_EQ(accessControlFor(true), 0x40000002U);
     for (const bool biometry : {false, true}) {
-        const auto processorKey = generateKey(KeyType::p256ne, biometry);
-        const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), biometry);
+        const auto processorKey = generateKey(KeyType::p256ne, biometry, {});
+        const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), biometry, {});
         for (const auto& identifier :
              {processorKeyOf(processorKey)->objectIdentifier(), sealed.wrappingPrivateKeyData}) {
             const auto header = platform::key_processor::ObjectIdentifierHeader::decode(identifier);
@@ -177,15 +177,15 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
         EXPECT_EQ(sealed.biometryProtection, expected);
     }
     // Software keys take the flag to their wrapping key.
-    EXPECT_EQ(generateKey(KeyType::p384, true).storage.sealedKey->biometryProtection,
+    EXPECT_EQ(generateKey(KeyType::p384, true, {}).storage.sealedKey->biometryProtection,
               BiometryProtection::on);
 }
 
 // The child has no controlling terminal, so any presence check there is refused.
 TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
-    const auto processorKey = generateKey(KeyType::p256ne, true);
+    const auto processorKey = generateKey(KeyType::p256ne, true, {});
     const auto bastion = *processorKey.storage.bastionKey;
-    const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true);
+    const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true, {});
     const auto confirmed = std::make_shared<AuthenticationContext>();
     confirmed->confirmPresence();
 
@@ -216,10 +216,10 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
 }
 
 TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
-    const auto processor = generateKey(KeyType::p256ne, false);
+    const auto processor = generateKey(KeyType::p256ne, false, {});
     const auto software = SoftwareKey::generateEC(384);
     KeyStorage both{.bastionKey = processor.storage.bastionKey,
-                    .sealedKey = makeSealedKey(software, true)};
+                    .sealedKey = makeSealedKey(software, true, {})};
     const auto key = privateKey(both, nullptr);
     EXPECT_EQ(key->applicationLabel(), processor.key->applicationLabel());
     EXPECT_NE(dynamic_cast<const platform::key_processor::ProcessorKey*>(key.get()), nullptr);
@@ -243,7 +243,7 @@ TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
 }
 
 TEST_F(KeyCustody, DeviceKeyAndDataFolderAreOwnerOnly) {
-    generateKey(KeyType::p256ne, false);
+    generateKey(KeyType::p256ne, false, {});
     struct stat info {};
     ASSERT_EQ(::stat(platform::os::dataFolder().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0700U);

@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# Raw ECDSA P-256 signatures per second through PKCS#11 with keys in a TPM: the keyloft module
+# with a bound key made by the soft and by the tpm key processor, beside the tpm2-pkcs11 module
+# with a key in the same TPM. The TPM is a swtpm behind tpm2-abrmd, started here on a private
+# D-Bus, so the figures measure the software path to a fast TPM; a hardware TPM signs in tens of
+# milliseconds and sets its own ceiling. Builds nothing: point it at a Release build configured
+# with -DKEYLOFT_BENCH=ON.
+#
+# Usage: bench/tpm_sign.sh [BUILD_DIR] [harness options, e.g. --seconds 5 --threads 2]
+#   BUILD_DIR defaults to build-release; PKCS11_SIGN overrides the harness binary.
+#   Needs swtpm, tpm2-abrmd, libtss2-tcti-tabrmd0, dbus-daemon, libtpm2-pkcs11-1 and
+#   libtpm2-pkcs11-tools (tpm2_ptool).
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=${1:-build-release}
+shift || true
+[[ $build = /* ]] || build=$root/$build
+keyloft=$build/keyloft
+module=$build/pkcs11/libkeyloft-pkcs11.so
+harness=${PKCS11_SIGN:-$build/bench/pkcs11_sign}
+tpm2_module=/usr/lib/x86_64-linux-gnu/pkcs11/libtpm2_pkcs11.so
+export PATH=$PATH:/usr/sbin:/sbin
+for file in "$keyloft" "$module" "$harness" "$tpm2_module"; do
+    [[ -e $file ]] || { echo "missing $file" >&2; exit 1; }
+done
+for tool in swtpm tpm2-abrmd dbus-daemon tpm2_ptool; do
+    command -v "$tool" > /dev/null || { echo "missing $tool" >&2; exit 1; }
+done
+
+work=$(mktemp -d)
+pids=()
+cleanup() {
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2> /dev/null || true; done
+    wait 2> /dev/null || true
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+# A private card for the tool and the module, and a private store for tpm2-pkcs11.
+while IFS= read -r name; do unset "$name"; done < <(compgen -e | grep '^XDG_' || true)
+export HOME=$work/home XDG_DATA_HOME=$work/home/data LC_ALL=C.UTF-8
+mkdir -p "$XDG_DATA_HOME" "$work/state" "$work/tpm2-store"
+
+# The TPM: swtpm on two free neighbouring ports, tpm2-abrmd in front of it on a private bus.
+port=$(python3 -c '
+import socket
+for _ in range(50):
+    with socket.socket() as a, socket.socket() as b:
+        a.bind(("127.0.0.1", 0)); port = a.getsockname()[1]
+        try: b.bind(("127.0.0.1", port + 1))
+        except OSError: continue
+        print(port); break')
+export DBUS_SESSION_BUS_ADDRESS=unix:path=$work/bus
+dbus-daemon --session --nofork --nosyslog --address="$DBUS_SESSION_BUS_ADDRESS" 2> /dev/null &
+pids+=($!)
+swtpm socket --tpm2 --tpmstate dir="$work/state" \
+    --server type=tcp,bindaddr=127.0.0.1,port="$port" \
+    --ctrl type=tcp,bindaddr=127.0.0.1,port=$((port + 1)) --flags not-need-init,startup-clear &
+pids+=($!)
+sleep 0.5
+bus_name=com.intel.tss2.Tabrmd.keyloftbench$$
+root_flag=()
+[[ $(id -u) -ne 0 ]] || root_flag=(--allow-root)
+tpm2-abrmd --session --dbus-name="$bus_name" --tcti=swtpm:host=127.0.0.1,port="$port" \
+    --flush-all "${root_flag[@]}" 2> /dev/null &
+pids+=($!)
+for _ in $(seq 100); do
+    dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+        org.freedesktop.DBus.NameHasOwner string:"$bus_name" 2> /dev/null |
+        grep -q 'boolean true' && break
+    sleep 0.1
+done
+tcti="tabrmd:bus_name=$bus_name,bus_type=session"
+
+KEYLOFT_KEY_PROCESSOR=soft "$keyloft" create-identity -l bench-soft -k p-256-ne -CN bench-soft \
+    > /dev/null
+KEYLOFT_TCTI=$tcti "$keyloft" create-identity -l bench-tpm -k p-256-ne -CN bench-tpm > /dev/null
+export TPM2_PKCS11_STORE=$work/tpm2-store TPM2_PKCS11_TCTI=$tcti TPM2TOOLS_TCTI=$tcti
+export TSS2_LOG=all+NONE TPM2_PKCS11_LOG_LEVEL=0
+tpm2_ptool init --path "$TPM2_PKCS11_STORE" > /dev/null
+tpm2_ptool addtoken --pid=1 --label=bench --sopin=4321 --userpin=1234 \
+    --path "$TPM2_PKCS11_STORE" > /dev/null
+tpm2_ptool addkey --algorithm=ecc256 --label=bench --key-label=bench-p256 --userpin=1234 \
+    --path "$TPM2_PKCS11_STORE" > /dev/null
+
+rows() {  # key, then the harness's key=value lines, one per run
+    local key=$1 line per_s p50 p99
+    while IFS= read -r line; do
+        per_s=$(sed -n 's/.* per_s=\([^ ]*\).*/\1/p' <<< "$line")
+        p50=$(sed -n 's/.* p50_us=\([^ ]*\).*/\1/p' <<< "$line")
+        p99=$(sed -n 's/.* p99_us=\([^ ]*\)$/\1/p' <<< "$line")
+        printf '%-30s %14s %10s %10s\n' "$key" "$per_s" "$p50" "$p99"
+    done <<< "$2"
+}
+
+soft=$("$harness" "$module" bench-soft "$@")
+tpm=$(KEYLOFT_TCTI=$tcti "$harness" "$module" bench-tpm "$@")
+tpm2_pkcs11=$("$harness" "$tpm2_module" bench-p256 --pin 1234 "$@")
+
+# µ is two bytes: one more column of width keeps the header aligned.
+printf '%-30s %14s %11s %11s\n' key signatures/s 'p50 µs' 'p99 µs'
+rows "keyloft p-256-ne (soft)" "$soft"
+rows "keyloft p-256-ne (tpm)" "$tpm"
+rows "tpm2-pkcs11 p-256 (same TPM)" "$tpm2_pkcs11"

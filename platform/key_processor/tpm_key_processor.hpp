@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/key_processor/key_processor.hpp"
+
+namespace keyloft::platform::key_processor {
+
+class TpmConnection;
+
+// Keys made inside a TPM 2.0: unrestricted ECC keys for ECDSA and ECDH under the storage primary
+// key. The object identifier is the header followed by the key's public and private blobs as the
+// TPM marshals them; the private blob opens in this TPM only. The key's auth value is derived
+// from the header, so a changed header makes the TPM refuse the key.
+class TpmKeyProcessor : public KeyProcessor {
+  public:
+    // tcti: the TCTI configuration string of the TPM to use.
+    TpmKeyProcessor(std::string tcti, PresenceGate& gate) : tcti_(std::move(tcti)), gate_(gate) {}
+
+    std::unique_ptr<ProcessorKey> createKey(int sizeInBits, std::uint32_t accessControl) override;
+    std::unique_ptr<ProcessorKey> rebuildKey(
+        ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) override;
+
+    // Connects now when not connected yet; PlatformError saying why when the TPM cannot be used.
+    void connect();
+
+  private:
+    std::shared_ptr<TpmConnection> connection();
+
+    std::string tcti_;
+    PresenceGate& gate_;
+    std::mutex mutex_;
+    std::shared_ptr<TpmConnection> connection_;
+};
+
+}  // namespace keyloft::platform::key_processor
