@@ -15,8 +15,9 @@ void KeyloftApp::createIdentity() {
     if (!keyType) throw KeyloftError::generic("Missing or unsupported 'keyType' paramater");
     const bool biometry = keyProtection == KeyProtection::bio;
 
-    auto [key, storage] = keys::generateKey(
-        *keyType, biometry, keys::decodeStoredKeys(tokenConfiguration.configurationData()));
+    const auto data = tokenConfiguration.configurationData();
+    auto card = keys::decodeStoredKeys(data);
+    auto [key, storage] = keys::generateKey(*keyType, biometry, card);
     const auto publicKey = key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");
@@ -37,7 +38,7 @@ void KeyloftApp::createIdentity() {
     const auto items = store::makeIdentityItems(certificate, keyHash, *label);
 
     tokenConfiguration.writeTransaction([&] {
-        store::IdentityAdditions additions(tokenConfiguration);
+        store::IdentityAdditions additions(tokenConfiguration, data, std::move(card));
         additions.add(keyHash, std::move(storage), items);
         additions.write();
     });

@@ -44,13 +44,12 @@ void KeyloftApp::importIdentities() {
 
     tokenConfiguration.writeTransaction([&] {
         store::IdentityAdditions additions(tokenConfiguration);
-        const auto card = keys::decodeStoredKeys(tokenConfiguration.configurationData());
         // Identities added before one fails stay on the card.
         try {
             for (auto& identity : *identities) {
                 const Bytes keyHash = identity.key.applicationLabel();
-                keys::KeyStorage storage{.sealedKey =
-                                             keys::makeSealedKey(identity.key, biometry, card)};
+                keys::KeyStorage storage{
+                    .sealedKey = keys::makeSealedKey(identity.key, biometry, additions.records())};
                 const std::string identityLabel = labelOf(identity.certificate);
                 auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
                 if (additions.holds(keyHash)) {

@@ -1,21 +1,24 @@
 #include "keys/stored_key_codec.hpp"
 
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
-#include <variant>
+#include <utility>
+#include <vector>
 
 #include "base/error.hpp"
 #include "platform/os/log.hpp"
-#include "platform/plist/binary_plist.hpp"
+#include "platform/plist/plist_reader.hpp"
+#include "platform/plist/plist_writer.hpp"
 
 namespace keyloft::keys {
 namespace {
 
-using platform::plist::PlistArray;
-using platform::plist::PlistDictionary;
-using platform::plist::PlistValue;
+using platform::plist::PlistKind;
+using platform::plist::PlistReader;
+using platform::plist::PlistWriter;
+using Object = PlistReader::Object;
 
 // Where and why the stored layout was not met; only its text reaches the diagnostic log.
 class LayoutError : public std::runtime_error {
@@ -23,134 +26,181 @@ class LayoutError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-template <class T>
-constexpr std::string_view kindName() {
-    if constexpr (std::is_same_v<T, PlistDictionary>) return "dictionary";
-    if constexpr (std::is_same_v<T, PlistArray>) return "array";
-    if constexpr (std::is_same_v<T, Bytes>) return "data";
-    if constexpr (std::is_same_v<T, std::string>) return "string";
-    if constexpr (std::is_same_v<T, std::int64_t>) return "integer";
+// Where a value sits, spelled out only when it is reported: "keys[3].sealedKey.keyType".
+struct Path {
+    const Path* parent = nullptr;
+    std::string_view member;  // empty for an element of an array
+    std::size_t index = 0;
+
+    Path operator/(std::string_view name) const { return {this, name, 0}; }
+    Path operator[](std::size_t at) const { return {this, {}, at}; }
+
+    std::string text() const {
+        if (parent == nullptr) return std::string(member);
+        std::string prefix = parent->text();
+        if (member.empty()) return prefix + "[" + std::to_string(index) + "]";
+        return prefix.empty() ? std::string(member) : prefix + "." + std::string(member);
+    }
+};
+
+const Path root{};
+
+void expect(const PlistReader& list, Object object, PlistKind kind, const Path& path,
+            std::string_view name = {}) {
+    const PlistKind found = list.kind(object);
+    if (found == kind) return;
+    throw LayoutError((name.empty() ? path.text() : std::string(name)) + ": expected " +
+                      std::string(platform::plist::kindName(kind)) + ", found " +
+                      std::string(platform::plist::kindName(found)));
 }
 
-std::string typeName(const PlistValue& value) {
-    return std::visit(
-        [](const auto& content) -> std::string {
-            using T = std::decay_t<decltype(content)>;
-            if constexpr (std::is_same_v<T, platform::plist::PlistUnsupported>) {
-                return content.typeName;
-            } else {
-                return std::string(kindName<T>());
-            }
-        },
-        value.value);
+Object required(const PlistReader& list, Object dictionary, std::string_view key,
+                const Path& path) {
+    if (const auto value = list.member(dictionary, key)) return *value;
+    throw LayoutError((path / key).text() + ": missing");
 }
 
-template <class T>
-const T& expect(const PlistValue& value, const std::string& path) {
-    if (const T* content = std::get_if<T>(&value.value)) return *content;
-    throw LayoutError(path + ": expected " + std::string(kindName<T>()) + ", found " +
-                      typeName(value));
+// The members of one dictionary, found in one pass and checked as they are taken.
+class Fields {
+  public:
+    Fields(const PlistReader& list, Object dictionary, const Path& path,
+           std::span<const std::string_view> names)
+        : list_(list), path_(path), names_(names), values_(list.members(dictionary, names)) {}
+
+    std::optional<Object> optional(std::size_t field) const { return values_[field]; }
+
+    Bytes data(std::size_t field) const {
+        const auto bytes = list_.data(of(field, PlistKind::data));
+        return {bytes.begin(), bytes.end()};
+    }
+    std::string text(std::size_t field) const { return list_.text(of(field, PlistKind::string)); }
+    BiometryProtection protection(std::size_t field) const {
+        const auto raw = text(field);
+        if (const auto protection = biometryProtectionFromRaw(raw)) return *protection;
+        throw LayoutError((path_ / names_[field]).text() + ": unknown value \"" + raw + "\"");
+    }
+
+  private:
+    Object of(std::size_t field, PlistKind kind) const {
+        if (!values_[field]) throw LayoutError((path_ / names_[field]).text() + ": missing");
+        expect(list_, *values_[field], kind, path_ / names_[field]);
+        return *values_[field];
+    }
+
+    const PlistReader& list_;
+    const Path& path_;
+    std::span<const std::string_view> names_;
+    std::vector<std::optional<Object>> values_;
+};
+
+BastionKey decodeBastionKey(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::string_view names[] = {"pubKeyHash", "keyData", "biometryProtection"};
+    expect(list, value, PlistKind::dictionary, path);
+    const Fields fields(list, value, path, names);
+    return {.pubKeyHash = fields.data(0),
+            .keyData = fields.data(1),
+            .biometryProtection = fields.protection(2)};
 }
 
-std::string memberPath(const std::string& path, std::string_view key) {
-    return path.empty() ? std::string(key) : path + "." + std::string(key);
+SealedKey decodeSealedKey(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::string_view names[] = {"pubKeyHash", "keyType", "wrappedPrivateKey",
+                                                 "wrappingPrivateKeyData", "biometryProtection"};
+    expect(list, value, PlistKind::dictionary, path);
+    const Fields fields(list, value, path, names);
+    return {.pubKeyHash = fields.data(0),
+            .keyType = fields.text(1),
+            .wrappedPrivateKey = fields.data(2),
+            .wrappingPrivateKeyData = fields.data(3),
+            .biometryProtection = fields.protection(4)};
 }
 
-const PlistValue& required(const PlistDictionary& dictionary, std::string_view key,
-                           const std::string& path) {
-    if (const PlistValue* value = platform::plist::findValue(dictionary, key)) return *value;
-    throw LayoutError(memberPath(path, key) + ": missing");
-}
-
-template <class T>
-const T& requiredOf(const PlistDictionary& dictionary, std::string_view key,
-                    const std::string& path) {
-    return expect<T>(required(dictionary, key, path), memberPath(path, key));
-}
-
-BiometryProtection decodeProtection(const PlistDictionary& dictionary, const std::string& path) {
-    const auto& raw = requiredOf<std::string>(dictionary, "biometryProtection", path);
-    if (const auto protection = biometryProtectionFromRaw(raw)) return *protection;
-    throw LayoutError(memberPath(path, "biometryProtection") + ": unknown value \"" + raw + "\"");
-}
-
-BastionKey decodeBastionKey(const PlistValue& value, const std::string& path) {
-    const auto& dictionary = expect<PlistDictionary>(value, path);
-    return {.pubKeyHash = requiredOf<Bytes>(dictionary, "pubKeyHash", path),
-            .keyData = requiredOf<Bytes>(dictionary, "keyData", path),
-            .biometryProtection = decodeProtection(dictionary, path)};
-}
-
-SealedKey decodeSealedKey(const PlistValue& value, const std::string& path) {
-    const auto& dictionary = expect<PlistDictionary>(value, path);
-    return {.pubKeyHash = requiredOf<Bytes>(dictionary, "pubKeyHash", path),
-            .keyType = requiredOf<std::string>(dictionary, "keyType", path),
-            .wrappedPrivateKey = requiredOf<Bytes>(dictionary, "wrappedPrivateKey", path),
-            .wrappingPrivateKeyData = requiredOf<Bytes>(dictionary, "wrappingPrivateKeyData", path),
-            .biometryProtection = decodeProtection(dictionary, path)};
-}
-
-KeyStorage decodeKeyStorage(const PlistValue& value, const std::string& path) {
-    const auto& dictionary = expect<PlistDictionary>(value, path);
+KeyStorage decodeKeyStorage(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::string_view names[] = {"bastionKey", "sealedKey"};
+    expect(list, value, PlistKind::dictionary, path);
+    const Fields fields(list, value, path, names);
     KeyStorage storage;
-    if (const PlistValue* bastionKey = platform::plist::findValue(dictionary, "bastionKey")) {
-        storage.bastionKey = decodeBastionKey(*bastionKey, memberPath(path, "bastionKey"));
-    }
-    if (const PlistValue* sealedKey = platform::plist::findValue(dictionary, "sealedKey")) {
-        storage.sealedKey = decodeSealedKey(*sealedKey, memberPath(path, "sealedKey"));
-    }
+    if (const auto bastionKey = fields.optional(0))
+        storage.bastionKey = decodeBastionKey(list, *bastionKey, path / names[0]);
+    if (const auto sealedKey = fields.optional(1))
+        storage.sealedKey = decodeSealedKey(list, *sealedKey, path / names[1]);
     return storage;
 }
 
 // The map is a flat list: hash, storage, hash, storage, ...
-StoredKeyMap decodeKeyPairs(const PlistValue& value) {
-    const auto& pairs = expect<PlistArray>(value, "keys");
+StoredKeyMap decodeKeyPairs(const PlistReader& list, Object value) {
+    const Path keys = root / "keys";
+    expect(list, value, PlistKind::array, keys);
+    const auto pairs = list.elements(value);
     if (pairs.size() % 2 != 0) {
         throw LayoutError("keys: odd number of elements (" + std::to_string(pairs.size()) + ")");
     }
-    const auto index = [](std::size_t at) { return "keys[" + std::to_string(at) + "]"; };
-    StoredKeyMap keys;
+    StoredKeyMap map;
     for (std::size_t i = 0; i < pairs.size(); i += 2) {
-        Bytes hash = expect<Bytes>(pairs[i], index(i));
-        keys.insert_or_assign(std::move(hash), decodeKeyStorage(pairs[i + 1], index(i + 1)));
+        expect(list, pairs[i], PlistKind::data, keys[i]);
+        const auto hash = list.data(pairs[i]);
+        // The tool writes the pairs in order, so each goes in at the end.
+        map.insert_or_assign(map.end(), Bytes(hash.begin(), hash.end()),
+                             decodeKeyStorage(list, pairs[i + 1], keys[i + 1]));
     }
-    return keys;
+    return map;
 }
 
-KeyloftDataStorage decodeDataStorage(const PlistValue& root) {
-    const auto& dictionary = expect<PlistDictionary>(root, "root");
-    KeyloftDataStorage storage{.version = requiredOf<std::int64_t>(dictionary, "version", "")};
-    if (const PlistValue* keys = platform::plist::findValue(dictionary, "keys")) {
-        storage.keys = decodeKeyPairs(*keys);
-    }
+KeyloftDataStorage decodeDataStorage(const PlistReader& list) {
+    expect(list, list.top(), PlistKind::dictionary, root, "root");
+    const Object version = required(list, list.top(), "version", root);
+    expect(list, version, PlistKind::integer, root / "version");
+    KeyloftDataStorage storage{.version = list.integer(version)};
+    if (const auto keys = list.member(list.top(), "keys"))
+        storage.keys = decodeKeyPairs(list, *keys);
     return storage;
 }
 
-PlistValue encodeBastionKey(const BastionKey& key) {
-    return {PlistDictionary{
-        {"pubKeyHash", {key.pubKeyHash}},
-        {"keyData", {key.keyData}},
-        {"biometryProtection", {std::string(rawValue(key.biometryProtection))}},
-    }};
-}
+// The names a record uses, written once and shared by every record.
+struct Names {
+    explicit Names(PlistWriter& writer)
+        : pubKeyHash(writer.text("pubKeyHash")),
+          keyData(writer.text("keyData")),
+          keyType(writer.text("keyType")),
+          wrappedPrivateKey(writer.text("wrappedPrivateKey")),
+          wrappingPrivateKeyData(writer.text("wrappingPrivateKeyData")),
+          biometryProtection(writer.text("biometryProtection")),
+          bastionKey(writer.text("bastionKey")),
+          sealedKey(writer.text("sealedKey")),
+          on(writer.text(rawValue(BiometryProtection::on))),
+          off(writer.text(rawValue(BiometryProtection::off))) {}
 
-PlistValue encodeSealedKey(const SealedKey& key) {
-    return {PlistDictionary{
-        {"pubKeyHash", {key.pubKeyHash}},
-        {"keyType", {key.keyType}},
-        {"wrappedPrivateKey", {key.wrappedPrivateKey}},
-        {"wrappingPrivateKeyData", {key.wrappingPrivateKeyData}},
-        {"biometryProtection", {std::string(rawValue(key.biometryProtection))}},
-    }};
-}
+    Object protection(BiometryProtection value) const {
+        return value == BiometryProtection::on ? on : off;
+    }
 
-PlistValue encodeKeyStorage(const KeyStorage& storage) {
-    PlistDictionary dictionary;
-    if (storage.bastionKey)
-        dictionary.emplace_back("bastionKey", encodeBastionKey(*storage.bastionKey));
-    if (storage.sealedKey)
-        dictionary.emplace_back("sealedKey", encodeSealedKey(*storage.sealedKey));
-    return {std::move(dictionary)};
+    Object pubKeyHash, keyData, keyType, wrappedPrivateKey, wrappingPrivateKeyData,
+        biometryProtection, bastionKey, sealedKey, on, off;
+};
+constexpr std::uint64_t nameCount = 10;
+// A record's objects at most: its storage dictionary, one inner dictionary and five values each.
+constexpr std::uint64_t objectsPerRecord = 1 + 2 * (1 + 5);
+
+Object encodeKeyStorage(PlistWriter& writer, const Names& names, const KeyStorage& storage) {
+    std::vector<std::pair<Object, Object>> records;
+    if (const auto& key = storage.bastionKey) {
+        const std::pair<Object, Object> fields[] = {
+            {names.pubKeyHash, writer.data(key->pubKeyHash)},
+            {names.keyData, writer.data(key->keyData)},
+            {names.biometryProtection, names.protection(key->biometryProtection)},
+        };
+        records.emplace_back(names.bastionKey, writer.dictionary(fields));
+    }
+    if (const auto& key = storage.sealedKey) {
+        const std::pair<Object, Object> fields[] = {
+            {names.pubKeyHash, writer.data(key->pubKeyHash)},
+            {names.keyType, writer.text(key->keyType)},
+            {names.wrappedPrivateKey, writer.data(key->wrappedPrivateKey)},
+            {names.wrappingPrivateKeyData, writer.data(key->wrappingPrivateKeyData)},
+            {names.biometryProtection, names.protection(key->biometryProtection)},
+        };
+        records.emplace_back(names.sealedKey, writer.dictionary(fields));
+    }
+    return writer.dictionary(records);
 }
 
 }  // namespace
@@ -159,7 +209,7 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
     if (!configurationData) return {};
     KeyloftDataStorage storage;
     try {
-        storage = decodeDataStorage(platform::plist::fromBinary(*configurationData));
+        storage = decodeDataStorage(PlistReader(*configurationData));
     } catch (const std::runtime_error& failure) {
         // Both the property-list reader (PlatformError) and the layout checks (LayoutError) land
         // here.
@@ -172,20 +222,25 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
         throw KeyloftError::dataVersionMismatch();
     }
     // Never written without "keys", but such a record holds no keys.
-    return storage.keys.value_or(StoredKeyMap{});
+    return storage.keys ? std::move(*storage.keys) : StoredKeyMap{};
 }
 
 Bytes encodeStoredKeys(const StoredKeyMap& keys) {
-    PlistArray pairs;
+    // A sealed record takes about 360 bytes, a bound one less.
+    PlistWriter writer(nameCount + 5 + keys.size() * (1 + objectsPerRecord),
+                       256 + keys.size() * 400);
+    const Names names(writer);
+    std::vector<Object> pairs;
     pairs.reserve(keys.size() * 2);
     for (const auto& [hash, storage] : keys) {
-        pairs.push_back({hash});
-        pairs.push_back(encodeKeyStorage(storage));
+        pairs.push_back(writer.data(hash));
+        pairs.push_back(encodeKeyStorage(writer, names, storage));
     }
-    return platform::plist::toBinary({PlistDictionary{
-        {"version", {currentDataVersion}},
-        {"keys", {std::move(pairs)}},
-    }});
+    const std::pair<Object, Object> top[] = {
+        {writer.text("version"), writer.integer(currentDataVersion)},
+        {writer.text("keys"), writer.array(pairs)},
+    };
+    return writer.finish(writer.dictionary(top));
 }
 
 }  // namespace keyloft::keys

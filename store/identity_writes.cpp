@@ -30,6 +30,15 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
 IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token)
     : token_(token), records_(keys::decodeStoredKeys(token.configurationData())) {}
 
+IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token,
+                                     const std::optional<Bytes>& earlierData,
+                                     keys::StoredKeyMap earlierRecords)
+    : token_(token) {
+    // Decoding a large card costs far more than comparing its bytes.
+    const auto data = token.configurationData();
+    records_ = data == earlierData ? std::move(earlierRecords) : keys::decodeStoredKeys(data);
+}
+
 void IdentityAdditions::add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items) {
     records_[hash] = std::move(storage);
     items_.emplace_back(std::move(items.certificate));

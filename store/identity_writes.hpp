@@ -25,6 +25,12 @@ class IdentityAdditions {
   public:
     // Throws the decoder's errors for damaged configuration data.
     explicit IdentityAdditions(const TesseraTokenConfiguration& token);
+    // The same, taking the records decoded earlier from the data when the data is still that.
+    IdentityAdditions(const TesseraTokenConfiguration& token,
+                      const std::optional<Bytes>& earlierData, keys::StoredKeyMap earlierRecords);
+
+    // The card's records with the additions so far.
+    const keys::StoredKeyMap& records() const { return records_; }
 
     // Whether the card, or an addition, already holds a record for the hash.
     bool holds(const Bytes& hash) const { return records_.contains(hash); }

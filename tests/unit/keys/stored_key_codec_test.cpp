@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "base/error.hpp"
-#include "platform/plist/binary_plist.hpp"
+#include "support/plist_tree.hpp"
 #include "support/temporary_folder.hpp"
 
 // Recording stand-ins for the system log, linked instead of the real ones.
@@ -26,9 +26,10 @@ void logDebug(std::string_view message) {
 namespace keyloft::keys {
 namespace {
 
-using platform::plist::PlistArray;
-using platform::plist::PlistDictionary;
-using platform::plist::PlistValue;
+using testing::PlistArray;
+using testing::PlistDictionary;
+using testing::PlistValue;
+using testing::toBinary;
 using Case = KeyloftError::Case;
 
 Bytes hashOf(std::uint8_t fill) {
@@ -44,7 +45,7 @@ PlistValue bastionStorage(std::uint8_t fill, std::string protection = "off",
 }
 
 Bytes rootWith(PlistValue version, PlistArray keys) {
-    return platform::plist::toBinary(
+    return toBinary(
         {PlistDictionary{{"version", std::move(version)}, {"keys", {std::move(keys)}}}});
 }
 
@@ -141,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         BadData{"NotAPropertyList", bytesOf("version=1"), Case::decodeDataFailed,
                 "Failed to decode data: data is not a binary property list"},
-        BadData{"RootIsAnArray", platform::plist::toBinary({PlistArray{}}), Case::decodeDataFailed,
+        BadData{"RootIsAnArray", toBinary({PlistArray{}}), Case::decodeDataFailed,
                 "Failed to decode data: root: expected dictionary, found array"},
         BadData{"VersionIsText", rootWith({std::string("1")}, {}), Case::decodeDataFailed,
                 "Failed to decode data: version: expected integer, found string"},
@@ -170,7 +171,7 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
     // A repeated hash (the later pair wins), unknown keys, a storage with neither record.
     PlistValue annotated = bastionStorage(1, "on");
     std::get<PlistDictionary>(annotated.value).emplace_back("future", PlistValue{std::int64_t{9}});
-    const Bytes data = platform::plist::toBinary({PlistDictionary{
+    const Bytes data = toBinary({PlistDictionary{
         {"version", {std::int64_t{1}}},
         {"keys",
          {PlistArray{{hashOf(1)},
@@ -187,7 +188,7 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
                   {hashOf(2), {}}}));
     // A record without "keys" holds none.
     EXPECT_TRUE(decodeStoredKeys(
-                    platform::plist::toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}}))
+                    toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}}))
                     .empty());
     EXPECT_TRUE(platform::os::loggedErrors.empty());
 }

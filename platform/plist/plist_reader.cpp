@@ -1,0 +1,238 @@
+#include "platform/plist/plist_reader.hpp"
+
+#include <algorithm>
+
+#include "base/error.hpp"
+#include "platform/plist/plist_format.hpp"
+#include "platform/plist/utf8_text.hpp"
+
+namespace keyloft::platform::plist {
+namespace {
+
+[[noreturn]] void unreadable() {
+    throw PlatformError("data is not a binary property list");
+}
+
+// A big-endian unsigned integer of 1 to 8 bytes at the offset; nothing when outside the bytes.
+std::optional<std::uint64_t> readUnsigned(ByteView bytes, std::uint64_t offset,
+                                          std::uint64_t width) {
+    if (width == 0 || width > 8 || offset > bytes.size() || width > bytes.size() - offset)
+        return std::nullopt;
+    std::uint64_t value = 0;
+    for (std::uint64_t i = 0; i < width; ++i) value = (value << 8U) | bytes[offset + i];
+    return value;
+}
+
+void appendUtf8(std::string& out, std::uint32_t codePoint) {
+    if (codePoint < 0x80) {
+        out += static_cast<char>(codePoint);
+        return;
+    }
+    const int length = codePoint < 0x800 ? 2 : codePoint < 0x10000 ? 3 : 4;
+    constexpr std::uint8_t leads[] = {0, 0, 0xC0, 0xE0, 0xF0};
+    out += static_cast<char>(leads[length] | (codePoint >> (6U * (length - 1))));
+    for (int i = length - 2; i >= 0; --i)
+        out += static_cast<char>(0x80 | ((codePoint >> (6U * i)) & 0x3FU));
+}
+
+// Big-endian UTF-16 to UTF-8; an unpaired surrogate is not text.
+std::string fromUtf16(ByteView units) {
+    std::string out;
+    for (std::size_t i = 0; i < units.size(); i += 2) {
+        std::uint32_t unit = (units[i] << 8U) | units[i + 1];
+        if (unit >= 0xD800 && unit <= 0xDBFF && i + 3 < units.size()) {
+            const std::uint32_t low = (units[i + 2] << 8U) | units[i + 3];
+            if (low >= 0xDC00 && low <= 0xDFFF) {
+                unit = 0x10000 + ((unit - 0xD800) << 10U) + (low - 0xDC00);
+                i += 2;
+            }
+        }
+        if (unit >= 0xD800 && unit <= 0xDFFF)
+            throw PlatformError("property-list string is not valid UTF-8");
+        appendUtf8(out, unit);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string_view kindName(PlistKind kind) {
+    switch (kind) {
+        case PlistKind::dictionary:
+            return "dictionary";
+        case PlistKind::array:
+            return "array";
+        case PlistKind::data:
+            return "data";
+        case PlistKind::string:
+            return "string";
+        case PlistKind::integer:
+            return "integer";
+        case PlistKind::boolean:
+            return "boolean";
+        case PlistKind::real:
+            return "real";
+        case PlistKind::date:
+            return "date";
+        case PlistKind::uid:
+            return "uid";
+        case PlistKind::unknown:
+            break;
+    }
+    return "unknown";
+}
+
+PlistReader::PlistReader(ByteView bytes) : bytes_(bytes) {
+    if (bytes.size() < format::magic.size() + format::trailerSize ||
+        !std::equal(format::magic.data(), format::magic.data() + format::magic.size(),
+                    bytes.begin())) {
+        unreadable();
+    }
+    const std::size_t trailer = bytes.size() - format::trailerSize;
+    offsetSize_ = bytes[trailer + 6];
+    referenceSize_ = bytes[trailer + 7];
+    const auto count = readUnsigned(bytes, trailer + 8, 8);
+    const auto top = readUnsigned(bytes, trailer + 16, 8);
+    const auto table = readUnsigned(bytes, trailer + 24, 8);
+    if (offsetSize_ == 0 || offsetSize_ > 8 || referenceSize_ == 0 || referenceSize_ > 8 ||
+        !count || !top || !table || *table < format::magic.size() || *table > trailer ||
+        *count > (trailer - *table) / offsetSize_ || *top >= *count) {
+        unreadable();
+    }
+    objectCount_ = *count;
+    top_ = *top;
+    table_ = *table;
+}
+
+std::uint64_t PlistReader::offsetOf(Object object) const {
+    if (object >= objectCount_) unreadable();
+    const auto offset = readUnsigned(bytes_, table_ + object * offsetSize_, offsetSize_);
+    // Objects lie between the header and the offset table.
+    if (!offset || *offset < format::magic.size() || *offset >= table_) unreadable();
+    return *offset;
+}
+
+PlistKind PlistReader::kind(Object object) const {
+    const std::uint8_t marker = bytes_[offsetOf(object)];
+    switch (marker >> 4U) {
+        case format::dictionaryKind:
+            return PlistKind::dictionary;
+        case format::arrayKind:
+            return PlistKind::array;
+        case format::dataKind:
+            return PlistKind::data;
+        case format::asciiKind:
+        case format::utf16Kind:
+            return PlistKind::string;
+        case format::integerKind:
+            return PlistKind::integer;
+        case format::simpleKind:
+            return marker == 0x08 || marker == 0x09 ? PlistKind::boolean : PlistKind::unknown;
+        case format::realKind:
+            return PlistKind::real;
+        case format::dateKind:
+            return PlistKind::date;
+        case format::uidKind:
+            return PlistKind::uid;
+        default:
+            return PlistKind::unknown;
+    }
+}
+
+PlistReader::Contents PlistReader::contentsOf(Object object, std::uint64_t unit) const {
+    return contentsAt(offsetOf(object), unit);
+}
+
+PlistReader::Contents PlistReader::contentsAt(std::uint64_t offset, std::uint64_t unit) const {
+    std::uint64_t position = offset;
+    const std::uint8_t marker = bytes_[position++];
+    std::uint64_t size = marker & 0x0FU;
+    if (size == format::sizeFollows) {
+        if (position >= table_ || (bytes_[position] >> 4U) != format::integerKind) unreadable();
+        const std::uint64_t width = 1ULL << (bytes_[position] & 0x0FU);
+        const auto value = width <= 8 ? readUnsigned(bytes_, position + 1, width) : std::nullopt;
+        if (!value || position + 1 + width > table_) unreadable();
+        size = *value;
+        position += 1 + width;
+    }
+    if (size > (table_ - position) / unit) unreadable();
+    return {size, position};
+}
+
+ByteView PlistReader::data(Object object) const {
+    const auto contents = contentsOf(object, 1);
+    return bytes_.subspan(contents.position, contents.size);
+}
+
+std::string PlistReader::text(Object object) const {
+    const bool wide = (bytes_[offsetOf(object)] >> 4U) == format::utf16Kind;
+    const auto contents = contentsOf(object, wide ? 2 : 1);
+    const auto units = bytes_.subspan(contents.position, contents.size * (wide ? 2 : 1));
+    std::string text = wide ? fromUtf16(units) : std::string(units.begin(), units.end());
+    if (text.find('\0') != std::string::npos)
+        throw PlatformError("property-list string holds a NUL character");
+    if (!isUtf8(text)) throw PlatformError("property-list string is not valid UTF-8");
+    return text;
+}
+
+std::int64_t PlistReader::integer(Object object) const {
+    const std::uint64_t position = offsetOf(object);
+    const std::uint64_t width = 1ULL << (bytes_[position] & 0x0FU);
+    if (width > 16 || width > table_ - position - 1) unreadable();
+    const auto value = readUnsigned(bytes_, position + 1 + (width > 8 ? width - 8 : 0),
+                                    std::min<std::uint64_t>(width, 8));
+    return static_cast<std::int64_t>(*value);
+}
+
+PlistReader::Object PlistReader::reference(std::uint64_t position, std::uint64_t index) const {
+    return *readUnsigned(bytes_, position + index * referenceSize_, referenceSize_);
+}
+
+std::size_t PlistReader::size(Object container) const {
+    return contentsOf(container, kind(container) == PlistKind::dictionary ? 2 * referenceSize_
+                                                                          : referenceSize_)
+        .size;
+}
+
+std::vector<PlistReader::Object> PlistReader::elements(Object array) const {
+    const auto contents = contentsOf(array, referenceSize_);
+    std::vector<Object> objects;
+    objects.reserve(contents.size);
+    for (std::uint64_t i = 0; i < contents.size; ++i)
+        objects.push_back(reference(contents.position, i));
+    return objects;
+}
+
+std::vector<std::optional<PlistReader::Object>> PlistReader::members(
+    Object dictionary, std::span<const std::string_view> keys) const {
+    const auto contents = contentsOf(dictionary, 2 * referenceSize_);
+    std::vector<std::optional<Object>> found(keys.size());
+    for (std::uint64_t i = 0; i < contents.size; ++i) {
+        const Object key = reference(contents.position, i);
+        const std::uint64_t offset = offsetOf(key);
+        const unsigned kind = bytes_[offset] >> 4U;
+        // The keys the tool looks for are ASCII, stored as ASCII strings; others are read whole.
+        std::string wide;
+        std::string_view name;
+        if (kind == format::asciiKind) {
+            const auto at = contentsAt(offset, 1);
+            name = {reinterpret_cast<const char*>(bytes_.data() + at.position), at.size};
+        } else if (kind == format::utf16Kind) {
+            wide = text(key);
+            name = wide;
+        } else {
+            unreadable();
+        }
+        for (std::size_t k = 0; k < keys.size(); ++k) {
+            if (name == keys[k]) found[k] = reference(contents.position, contents.size + i);
+        }
+    }
+    return found;
+}
+
+std::optional<PlistReader::Object> PlistReader::member(Object dictionary,
+                                                       std::string_view key) const {
+    return members(dictionary, std::span(&key, 1)).front();
+}
+
+}  // namespace keyloft::platform::plist

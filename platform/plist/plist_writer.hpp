@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/bytes.hpp"
+
+namespace keyloft::platform::plist {
+
+// Writes a binary property list ("bplist00") object by object: each call writes one object and
+// answers its number, which containers written later refer to, so a list is written from its
+// leaves up and no tree of it is ever built.
+class PlistWriter {
+  public:
+    using Object = std::uint64_t;
+
+    // At most this many objects will be written; it sizes the object references. The list is
+    // expected to take about the given number of bytes.
+    explicit PlistWriter(std::uint64_t objectLimit, std::size_t expectedSize = 0);
+
+    Object data(ByteView bytes);
+    // Throws PlatformError for text that is not UTF-8 or holds a NUL character.
+    Object text(std::string_view text);
+    Object integer(std::int64_t value);
+    Object array(std::span<const Object> elements);
+    Object dictionary(std::span<const std::pair<Object, Object>> entries);
+
+    // The whole list with the object as its top.
+    Bytes finish(Object top);
+
+  private:
+    Object begin();
+    void marker(std::uint8_t kind, std::uint64_t size);
+    void appendReference(Object object);
+
+    std::uint8_t referenceSize_;
+    std::uint64_t objectLimit_;
+    Bytes out_;
+    std::vector<std::uint64_t> offsets_;
+};
+
+}  // namespace keyloft::platform::plist
