@@ -310,9 +310,11 @@ std::unique_ptr<TpmConnection::LoadedKey> TpmConnection::load(
     const TpmKeyBlobs& blobs, const crypto::SecretBytes& authValue) {
     const std::lock_guard lock(mutex_);
     ESYS_TR handle = ESYS_TR_NONE;
-    useSession(0);
-    check(Esys_Load(esys_.get(), primary_, session_, ESYS_TR_NONE, ESYS_TR_NONE, &blobs.privateArea,
-                    &blobs.publicArea, &handle),
+    // Nothing secret goes either way (the private blob is encrypted to the storage key, whose
+    // password is empty): a password authorization spares the session's round of the resource
+    // manager, which saves and reloads it around every command it is named in.
+    check(Esys_Load(esys_.get(), primary_, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
+                    &blobs.privateArea, &blobs.publicArea, &handle),
           "load the key",
           "its storage key is not the one the key was made under: the TPM has been cleared "
           "since, or the key was made by another TPM or changed; the key cannot be used again");
@@ -334,8 +336,9 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView 
     // A null ticket: the key is unrestricted, so the TPM signs digests it did not make.
     const TPMT_TK_HASHCHECK noTicket{.tag = TPM2_ST_HASHCHECK, .hierarchy = TPM2_RH_NULL};
     TPMT_SIGNATURE* rawSignature = nullptr;
-    useSession(0);
-    check(Esys_Sign(esys_.get(), key.handle(), session_, ESYS_TR_NONE, ESYS_TR_NONE, &input,
+    // The digest and the signature are not secret, and the key's password is derived from its
+    // stored identifier: a password authorization, as for Load.
+    check(Esys_Sign(esys_.get(), key.handle(), ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, &input,
                     &scheme, &noTicket, &rawSignature),
           "sign (the key may have been changed)");
     const EsysOut<TPMT_SIGNATURE> signature(rawSignature);
