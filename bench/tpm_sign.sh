@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Raw ECDSA P-256 signatures per second through PKCS#11 with keys in a TPM: the keyloft module
 # with a bound key made by the soft and by the tpm key processor, beside the tpm2-pkcs11 module
-# with a key in the same TPM. The TPM is a swtpm behind tpm2-abrmd, started here on a private
-# D-Bus, so the figures measure the software path to a fast TPM; a hardware TPM signs in tens of
+# with a key in the same TPM, both through tpm2-abrmd; then keyloft straight on the TPM. And the
+# time to make one P-256 TPM key: `keyloft create-identity -k p-256-ne` beside
+# `tpm2_ptool addkey`. The TPM is a swtpm, with tpm2-abrmd in front of it on a private D-Bus, so
+# the figures measure the software path to a fast TPM; a hardware TPM signs in tens of
 # milliseconds and sets its own ceiling. Builds nothing: point it at a Release build configured
 # with -DKEYLOFT_BENCH=ON.
 #
@@ -64,7 +66,8 @@ root_flag=()
 [[ $(id -u) -ne 0 ]] || root_flag=(--allow-root)
 tpm2-abrmd --session --dbus-name="$bus_name" --tcti=swtpm:host=127.0.0.1,port="$port" \
     --flush-all "${root_flag[@]}" 2> /dev/null &
-pids+=($!)
+abrmd=$!
+pids+=($abrmd)
 for _ in $(seq 100); do
     dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
         org.freedesktop.DBus.NameHasOwner string:"$bus_name" 2> /dev/null |
@@ -84,6 +87,24 @@ tpm2_ptool addtoken --pid=1 --label=bench --sopin=4321 --userpin=1234 \
 tpm2_ptool addkey --algorithm=ecc256 --label=bench --key-label=bench-p256 --userpin=1234 \
     --path "$TPM2_PKCS11_STORE" > /dev/null
 
+# Milliseconds per run of the command, the mean of a few, each with its own label.
+creation_ms() {
+    local runs=5 start end i
+    start=$(date +%s%N)
+    for ((i = 0; i < runs; i++)); do "$@" "made$i" > /dev/null; done
+    end=$(date +%s%N)
+    echo $(((end - start) / runs / 1000000))
+}
+keyloft_create() {
+    KEYLOFT_TCTI=$tcti "$keyloft" create-identity -l "$1" -k p-256-ne -CN "$1"
+}
+ptool_addkey() {
+    tpm2_ptool addkey --algorithm=ecc256 --label=bench --key-label="$1" --userpin=1234 \
+        --path "$TPM2_PKCS11_STORE"
+}
+keyloft_create_ms=$(creation_ms keyloft_create)
+ptool_addkey_ms=$(creation_ms ptool_addkey)
+
 rows() {  # key, then the harness's key=value lines, one per run
     local key=$1 line per_s p50 p99
     while IFS= read -r line; do
@@ -97,9 +118,18 @@ rows() {  # key, then the harness's key=value lines, one per run
 soft=$("$harness" "$module" bench-soft "$@")
 tpm=$(KEYLOFT_TCTI=$tcti "$harness" "$module" bench-tpm "$@")
 tpm2_pkcs11=$("$harness" "$tpm2_module" bench-p256 --pin 1234 "$@")
+# The simulator serves one client at a time: the resource manager steps aside.
+kill "$abrmd"
+wait "$abrmd" 2> /dev/null || true
+direct=$(KEYLOFT_TCTI=swtpm:host=127.0.0.1,port=$port "$harness" "$module" bench-tpm "$@")
 
 # µ is two bytes: one more column of width keeps the header aligned.
 printf '%-30s %14s %11s %11s\n' key signatures/s 'p50 µs' 'p99 µs'
 rows "keyloft p-256-ne (soft)" "$soft"
 rows "keyloft p-256-ne (tpm)" "$tpm"
 rows "tpm2-pkcs11 p-256 (same TPM)" "$tpm2_pkcs11"
+rows "keyloft p-256-ne (tpm, direct)" "$direct"
+echo
+printf '%-30s %14s\n' 'one P-256 TPM key' 'ms'
+printf '%-30s %14s\n' 'keyloft create-identity' "$keyloft_create_ms"
+printf '%-30s %14s\n' 'tpm2_ptool addkey' "$ptool_addkey_ms"

@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -39,13 +40,60 @@ SoftKeyProcessor& softProcessor() {
     return processor;
 }
 
-// The TPM that KEYLOFT_TCTI names, else the kernel's resource manager when this machine has one.
-// The loader's own default is not used: on a machine without a TPM it tries every TCTI it knows,
-// a local simulator port among them, and some of them print on stderr.
+// Whether tpm2-abrmd owns its name on the system bus. Asked through GIO, which the tabrmd TCTI
+// loads anyway, and only when that TCTI is installed: the TCTI itself prints glib's complaints on
+// stderr when the bus or the daemon is missing, while GIO hands them back as errors.
+bool tabrmdRunning() {
+    if (dlopen("libtss2-tcti-tabrmd.so.0", RTLD_LAZY | RTLD_LOCAL) == nullptr) return false;
+    // Neither is closed again: glib does not support being unloaded.
+    void* gio = dlopen("libgio-2.0.so.0", RTLD_NOW | RTLD_LOCAL);
+    if (gio == nullptr) return false;
+    using BusGet = void* (*)(int, void*, void**);
+    using VariantNew = void* (*)(const char*, ...);
+    using Call = void* (*)(void*, const char*, const char*, const char*, const char*, void*,
+                           const void*, int, int, void*, void**);
+    using VariantGet = void (*)(void*, const char*, ...);
+    using Unref = void (*)(void*);
+    const auto busGet = reinterpret_cast<BusGet>(dlsym(gio, "g_bus_get_sync"));
+    const auto variantNew = reinterpret_cast<VariantNew>(dlsym(gio, "g_variant_new"));
+    const auto call = reinterpret_cast<Call>(dlsym(gio, "g_dbus_connection_call_sync"));
+    const auto variantGet = reinterpret_cast<VariantGet>(dlsym(gio, "g_variant_get"));
+    const auto variantUnref = reinterpret_cast<Unref>(dlsym(gio, "g_variant_unref"));
+    const auto objectUnref = reinterpret_cast<Unref>(dlsym(gio, "g_object_unref"));
+    const auto errorFree = reinterpret_cast<Unref>(dlsym(gio, "g_error_free"));
+    if (!busGet || !variantNew || !call || !variantGet || !variantUnref || !objectUnref ||
+        !errorFree) {
+        return false;
+    }
+    constexpr int systemBus = 1;  // G_BUS_TYPE_SYSTEM
+    void* error = nullptr;
+    void* bus = busGet(systemBus, nullptr, &error);
+    if (bus == nullptr) {
+        if (error != nullptr) errorFree(error);
+        return false;
+    }
+    void* reply = call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                       "NameHasOwner", variantNew("(s)", "com.intel.tss2.Tabrmd"), "(b)", 0, 1000,
+                       nullptr, &error);
+    int owned = 0;
+    if (reply != nullptr) {
+        variantGet(reply, "(b)", &owned);
+        variantUnref(reply);
+    }
+    if (error != nullptr) errorFree(error);
+    objectUnref(bus);
+    return owned != 0;
+}
+
+// The TPM that KEYLOFT_TCTI names, else the kernel's resource manager when this machine has one,
+// else tpm2-abrmd when it runs on the system bus. The loader's own default is not used: on a
+// machine without a TPM it tries every TCTI it knows, a local simulator port among them, and some
+// of them print on stderr.
 std::optional<std::string> tctiConfiguration() {
     if (auto named = environment("KEYLOFT_TCTI")) return named;
     if (access(kernelResourceManager, F_OK) == 0)
         return std::string("device:") + kernelResourceManager;
+    if (tabrmdRunning()) return std::string("tabrmd");
     return std::nullopt;
 }
 
@@ -68,16 +116,20 @@ KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys) {
     }
     // Asking for a TPM by name, or holding keys in one, makes a missing TPM an error.
     const bool tpmRequired = forced || cardHoldsTpmKeys || environment("KEYLOFT_TCTI");
+    // The reason is a whole message of this processor's.
     const auto why = [&](const std::string& reason) {
-        return PlatformError("Key processor: " + reason +
-                             (cardHoldsTpmKeys
-                                  ? "; this card holds TPM keys, so new keys are not made in "
-                                    "software unless KEYLOFT_KEY_PROCESSOR=soft says so"
-                                  : ""));
+        return PlatformError(
+            reason + (cardHoldsTpmKeys ? "; this card holds TPM keys, so new keys are not made in "
+                                         "software unless KEYLOFT_KEY_PROCESSOR=soft says so"
+                                       : ""));
     };
     auto* tpm = tpmProcessor();
     if (!tpm) {
-        if (tpmRequired) throw why("no TPM found (no /dev/tpmrm0, and KEYLOFT_TCTI is unset)");
+        if (tpmRequired)
+            throw why(
+                "Key processor: no TPM found (no /dev/tpmrm0, no tpm2-abrmd on the system bus, and "
+                "KEYLOFT_TCTI "
+                "is unset)");
         return softProcessor();
     }
     try {
@@ -100,8 +152,8 @@ KeyProcessor& keyProcessorFor(ByteView objectIdentifier) {
     if (header && header->backEnd == tpmBackEnd) {
         if (auto* tpm = tpmProcessor()) return *tpm;
         throw PlatformError(
-            "Key processor: the key is in a TPM, and no TPM is found here (no /dev/tpmrm0, and "
-            "KEYLOFT_TCTI is unset)");
+            "Key processor: the key is in a TPM, and no TPM is found here (no /dev/tpmrm0, no "
+            "tpm2-abrmd on the system bus, and KEYLOFT_TCTI is unset)");
     }
     throw PlatformError("Key processor: no key processor on this machine knows this key");
 }

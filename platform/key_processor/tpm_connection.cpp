@@ -8,14 +8,45 @@
 #include <cstring>
 
 #include "base/error.hpp"
+#include "platform/crypto/digest.hpp"
 #include "platform/os/log.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
 
-void check(TSS2_RC rc, const std::string& what) {
+// Where provisioning tools put the owner's storage key.
+constexpr TPM2_HANDLE persistentStorageKeyHandle = 0x81000001;
+
+// The reason the user reads: what to do about the troubles one can act on, the decoded code
+// otherwise. integrityReason says what a blob that does not open means for this command.
+std::string reasonFor(TSS2_RC rc, const char* integrityReason) {
+    const std::string code = Tss2_RC_Decode(rc);
+    switch (troubleOf(rc)) {
+        case TpmTrouble::lockout:
+            return "the TPM is in dictionary-attack lockout; it accepts authorizations again "
+                   "once its recovery time has passed, or when its owner resets the lockout (" +
+                   code + ")";
+        case TpmTrouble::busy:
+            return "the TPM is busy (testing itself, or serving other programs); try again (" +
+                   code + ")";
+        case TpmTrouble::unreachable:
+            return "the TPM does not answer (" + code + ")";
+        case TpmTrouble::noRoom:
+            return "the TPM has no room for another loaded key or session (" + code + ")";
+        case TpmTrouble::integrity:
+            if (integrityReason != nullptr) return std::string(integrityReason) + " (" + code + ")";
+            break;
+        case TpmTrouble::authFailed:
+        case TpmTrouble::other:
+            break;
+    }
+    return code;
+}
+
+void check(TSS2_RC rc, const std::string& what, const char* integrityReason = nullptr) {
     if (rc != TSS2_RC_SUCCESS) {
-        throw PlatformError("Key processor: the TPM could not " + what + ": " + Tss2_RC_Decode(rc));
+        throw PlatformError("Key processor: the TPM could not " + what + ": " +
+                            reasonFor(rc, integrityReason));
     }
 }
 
@@ -55,6 +86,37 @@ TPM2B_PUBLIC primaryTemplate() {
     return primary;
 }
 
+// A key we can make ours children under and salt sessions with: an ECC restricted decrypt key
+// with a symmetric cipher that never leaves this TPM and takes an empty password, and a primary of
+// the owner hierarchy, which its qualified name proves (the hash of the hierarchy's handle and its
+// name). Persistent handles in the owner's range can also hold children of other keys.
+bool isOwnerStorageKey(const TPM2B_PUBLIC& publicArea, const TPM2B_NAME& name,
+                       const TPM2B_NAME& qualifiedName) {
+    const auto& area = publicArea.publicArea;
+    constexpr TPMA_OBJECT required = TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_DECRYPT |
+                                     TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT |
+                                     TPMA_OBJECT_USERWITHAUTH;
+    if (area.type != TPM2_ALG_ECC || (area.objectAttributes & required) != required ||
+        (area.objectAttributes & TPMA_OBJECT_SIGN_ENCRYPT) != 0 ||
+        area.parameters.eccDetail.symmetric.algorithm != TPM2_ALG_AES) {
+        return false;
+    }
+    Bytes input{0x40, 0x00, 0x00, 0x01};  // TPM2_RH_OWNER
+    input.insert(input.end(), name.name, name.name + name.size);
+    Bytes expected{static_cast<std::uint8_t>(area.nameAlg >> 8),
+                   static_cast<std::uint8_t>(area.nameAlg & 0xff)};
+    if (area.nameAlg == TPM2_ALG_SHA256) {
+        const auto digest = crypto::sha256(input);
+        expected.insert(expected.end(), digest.begin(), digest.end());
+    } else if (area.nameAlg == TPM2_ALG_SHA384) {
+        const auto digest = crypto::sha384(input);
+        expected.insert(expected.end(), digest.begin(), digest.end());
+    } else {
+        return false;
+    }
+    return std::ranges::equal(expected, ByteView(qualifiedName.name, qualifiedName.size));
+}
+
 template <class Sized>
 void copyInto(Sized& target, ByteView bytes) {
     if (bytes.size() > sizeof target.buffer) throw PlatformError("Key processor: value too long");
@@ -64,6 +126,48 @@ void copyInto(Sized& target, ByteView bytes) {
 
 }  // namespace
 
+TpmTrouble troubleOf(TSS2_RC rc) {
+    const TSS2_RC code = rc & ~TSS2_RC_LAYER_MASK;
+    // The software stack's own codes are small numbers; a TPM's, passed on by any layer (a
+    // resource manager puts its own layer on some), have the format-one or the version bit.
+    if ((code & (TPM2_RC_FMT1 | TPM2_RC_VER1)) == 0) {
+        switch (code) {
+            case TSS2_BASE_RC_NO_CONNECTION:
+            case TSS2_BASE_RC_IO_ERROR:
+                return TpmTrouble::unreachable;
+            case TSS2_BASE_RC_TRY_AGAIN:
+                return TpmTrouble::busy;
+            default:
+                return TpmTrouble::other;
+        }
+    }
+    // Format one carries the handle, session or parameter it applies to above the error number.
+    const TSS2_RC number = (code & TPM2_RC_FMT1) != 0 ? TPM2_RC_FMT1 | (code & 0x3f) : code;
+    switch (number) {
+        case TPM2_RC_LOCKOUT:
+            return TpmTrouble::lockout;
+        case TPM2_RC_RETRY:
+        case TPM2_RC_YIELDED:
+        case TPM2_RC_TESTING:
+        case TPM2_RC_NV_RATE:
+        case TPM2_RC_NV_UNAVAILABLE:
+            return TpmTrouble::busy;
+        case TPM2_RC_OBJECT_MEMORY:
+        case TPM2_RC_SESSION_MEMORY:
+        case TPM2_RC_MEMORY:
+        case TPM2_RC_SESSION_HANDLES:
+        case TPM2_RC_OBJECT_HANDLES:
+            return TpmTrouble::noRoom;
+        case TPM2_RC_INTEGRITY:
+            return TpmTrouble::integrity;
+        case TPM2_RC_AUTH_FAIL:
+        case TPM2_RC_BAD_AUTH:
+            return TpmTrouble::authFailed;
+        default:
+            return TpmTrouble::other;
+    }
+}
+
 void TpmConnection::TctiFinalize::operator()(TSS2_TCTI_CONTEXT* tcti) const noexcept {
     Tss2_TctiLdr_Finalize(&tcti);
 }
@@ -71,23 +175,24 @@ void TpmConnection::TctiFinalize::operator()(TSS2_TCTI_CONTEXT* tcti) const noex
 std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
     quietLibraryLog();
     std::shared_ptr<TpmConnection> connection(new TpmConnection);
+    const auto unreachable = [&](TSS2_RC rc) {
+        if (rc != TSS2_RC_SUCCESS) {
+            throw PlatformError("Key processor: the TPM cannot be reached through '" + tcti +
+                                "': " + Tss2_RC_Decode(rc));
+        }
+    };
     TSS2_TCTI_CONTEXT* rawTcti = nullptr;
-    check(Tss2_TctiLdr_Initialize(tcti.c_str(), &rawTcti), "be reached through '" + tcti + "'");
+    unreachable(Tss2_TctiLdr_Initialize(tcti.c_str(), &rawTcti));
     connection->tcti_.reset(rawTcti);
     ESYS_CONTEXT* rawEsys = nullptr;
-    check(Esys_Initialize(&rawEsys, rawTcti, nullptr), "be reached through '" + tcti + "'");
+    unreachable(Esys_Initialize(&rawEsys, rawTcti, nullptr));
     connection->esys_.reset(rawEsys);
 
-    const TPM2B_SENSITIVE_CREATE noSensitive{};
-    const auto primary = primaryTemplate();
-    const TPM2B_DATA noOutsideInfo{};
-    const TPML_PCR_SELECTION noPcrs{};
-    check(Esys_CreatePrimary(rawEsys, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE,
-                             ESYS_TR_NONE, &noSensitive, &primary, &noOutsideInfo, &noPcrs,
-                             &connection->primary_, nullptr, nullptr, nullptr, nullptr),
-          "make its storage key (is the owner hierarchy protected by a password?)");
+    // The first command: a TCTI that connects lazily (the simulator's) fails here.
+    connection->readCurves();
+    connection->useStorageKey();
 
-    // Salted with the primary key: the session key is known to the TPM and to us only.
+    // Salted with the storage key: the session key is known to the TPM and to us only.
     const TPMT_SYM_DEF aes{
         .algorithm = TPM2_ALG_AES, .keyBits = {.aes = 128}, .mode = {.aes = TPM2_ALG_CFB}};
     auto rc = Esys_StartAuthSession(rawEsys, connection->primary_, ESYS_TR_NONE, ESYS_TR_NONE,
@@ -108,9 +213,64 @@ std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
     return connection;
 }
 
+void TpmConnection::readCurves() {
+    TPMI_YES_NO more = TPM2_YES;
+    TPM2_ECC_CURVE next = TPM2_ECC_NONE;
+    while (more == TPM2_YES) {
+        TPMS_CAPABILITY_DATA* rawData = nullptr;
+        check(Esys_GetCapability(esys_.get(), ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                 TPM2_CAP_ECC_CURVES, next, TPM2_MAX_ECC_CURVES, &more, &rawData),
+              "tell its curves");
+        const EsysOut<TPMS_CAPABILITY_DATA> data(rawData);
+        const auto& list = data->data.eccCurves;
+        if (list.count == 0) break;
+        curves_.insert(curves_.end(), list.eccCurves, list.eccCurves + list.count);
+        next = static_cast<TPM2_ECC_CURVE>(list.eccCurves[list.count - 1] + 1);
+    }
+}
+
+void TpmConnection::useStorageKey() {
+    ESYS_TR persistent = ESYS_TR_NONE;
+    const auto found = Esys_TR_FromTPMPublic(esys_.get(), persistentStorageKeyHandle, ESYS_TR_NONE,
+                                             ESYS_TR_NONE, ESYS_TR_NONE, &persistent);
+    if (found == TSS2_RC_SUCCESS) {
+        TPM2B_PUBLIC* rawPublic = nullptr;
+        TPM2B_NAME* rawName = nullptr;
+        TPM2B_NAME* rawQualifiedName = nullptr;
+        const auto rc = Esys_ReadPublic(esys_.get(), persistent, ESYS_TR_NONE, ESYS_TR_NONE,
+                                        ESYS_TR_NONE, &rawPublic, &rawName, &rawQualifiedName);
+        const EsysOut<TPM2B_PUBLIC> publicArea(rawPublic);
+        const EsysOut<TPM2B_NAME> name(rawName);
+        const EsysOut<TPM2B_NAME> qualifiedName(rawQualifiedName);
+        check(rc, "read its storage key");
+        if (isOwnerStorageKey(*publicArea, *name, *qualifiedName)) {
+            primary_ = persistent;
+            persistent_ = true;
+            return;
+        }
+        Esys_TR_Close(esys_.get(), &persistent);
+    } else if (troubleOf(found) != TpmTrouble::other) {
+        // Anything but "no such handle" (or a key ESAPI would not take) is the TPM's trouble.
+        check(found, "look for its storage key");
+    }
+
+    const TPM2B_SENSITIVE_CREATE noSensitive{};
+    const auto primary = primaryTemplate();
+    const TPM2B_DATA noOutsideInfo{};
+    const TPML_PCR_SELECTION noPcrs{};
+    const auto rc = Esys_CreatePrimary(
+        esys_.get(), ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, &noSensitive,
+        &primary, &noOutsideInfo, &noPcrs, &primary_, nullptr, nullptr, nullptr, nullptr);
+    check(rc, troubleOf(rc) == TpmTrouble::authFailed
+                  ? "make its storage key (the owner hierarchy has a password)"
+                  : "make its storage key");
+}
+
 TpmConnection::~TpmConnection() {
     if (session_ != ESYS_TR_NONE) flush(session_);
-    if (primary_ != ESYS_TR_NONE) flush(primary_);
+    if (primary_ != ESYS_TR_NONE && !persistent_) flush(primary_);
+    // A persistent key stays in the TPM; only ESAPI's record of it goes.
+    if (persistent_) Esys_TR_Close(esys_.get(), &primary_);
 }
 
 void TpmConnection::flush(ESYS_TR handle) noexcept {
@@ -150,10 +310,14 @@ std::unique_ptr<TpmConnection::LoadedKey> TpmConnection::load(
     const TpmKeyBlobs& blobs, const crypto::SecretBytes& authValue) {
     const std::lock_guard lock(mutex_);
     ESYS_TR handle = ESYS_TR_NONE;
-    useSession(0);
-    check(Esys_Load(esys_.get(), primary_, session_, ESYS_TR_NONE, ESYS_TR_NONE, &blobs.privateArea,
-                    &blobs.publicArea, &handle),
-          "load the key (it was made by another TPM or has been changed)");
+    // Nothing secret goes either way (the private blob is encrypted to the storage key, whose
+    // password is empty): a password authorization spares the session's round of the resource
+    // manager, which saves and reloads it around every command it is named in.
+    check(Esys_Load(esys_.get(), primary_, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
+                    &blobs.privateArea, &blobs.publicArea, &handle),
+          "load the key",
+          "its storage key is not the one the key was made under: the TPM has been cleared "
+          "since, or the key was made by another TPM or changed; the key cannot be used again");
     TPM2B_AUTH auth{};
     copyInto(auth, authValue);
     const auto rc = Esys_TR_SetAuth(esys_.get(), handle, &auth);
@@ -172,8 +336,9 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView 
     // A null ticket: the key is unrestricted, so the TPM signs digests it did not make.
     const TPMT_TK_HASHCHECK noTicket{.tag = TPM2_ST_HASHCHECK, .hierarchy = TPM2_RH_NULL};
     TPMT_SIGNATURE* rawSignature = nullptr;
-    useSession(0);
-    check(Esys_Sign(esys_.get(), key.handle(), session_, ESYS_TR_NONE, ESYS_TR_NONE, &input,
+    // The digest and the signature are not secret, and the key's password is derived from its
+    // stored identifier: a password authorization, as for Load.
+    check(Esys_Sign(esys_.get(), key.handle(), ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, &input,
                     &scheme, &noTicket, &rawSignature),
           "sign (the key may have been changed)");
     const EsysOut<TPMT_SIGNATURE> signature(rawSignature);

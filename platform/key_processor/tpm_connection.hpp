@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "base/bytes.hpp"
 #include "platform/crypto/secret.hpp"
@@ -18,11 +19,24 @@ struct TpmKeyBlobs {
     TPM2B_PRIVATE privateArea{};
 };
 
-// One ESAPI connection to a TPM, with the storage primary key (the owner hierarchy's ECC P-256
-// key of the usual template, made again on each connection) and one salted HMAC session that
-// every key command runs under; commands that carry secrets have them encrypted in that session.
-// Where the host process cannot compute the salt, the session is unsalted and encrypts nothing.
-// All calls are serialized: one connection serves every thread of the process.
+// What went wrong, as far as the user can act on it.
+enum class TpmTrouble {
+    other,
+    lockout,      // dictionary-attack lockout
+    busy,         // self-testing, yielded, rate-limited, or the resource manager asks to retry
+    unreachable,  // the TCTI lost or never had the TPM
+    noRoom,       // no memory left for another loaded object or session
+    integrity,    // a blob that does not open under its parent: another TPM's, or a cleared one
+    authFailed,   // an authorization the TPM refused, such as an owner hierarchy password
+};
+TpmTrouble troubleOf(TSS2_RC rc);
+
+// One ESAPI connection to a TPM, with its storage key (the persistent one at 0x81000001 when the
+// machine was provisioned with a fitting one, else the owner hierarchy's ECC P-256 primary of the
+// usual template, made again on each connection), the ECC curves it has, and one salted HMAC
+// session that every key command runs under; commands that carry secrets have them encrypted in
+// that session. Where the host process cannot compute the salt, the session is unsalted and
+// encrypts nothing. All calls are serialized: one connection serves every thread of the process.
 class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
   public:
     // A key loaded under the primary key, flushed from the TPM when the handle goes.
@@ -50,6 +64,11 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
     TpmConnection& operator=(const TpmConnection&) = delete;
     ~TpmConnection();
 
+    // The ECC curves the TPM has, as it lists them.
+    const std::vector<TPM2_ECC_CURVE>& curves() const { return curves_; }
+    // Whether the storage key is the persistent one rather than a primary made by us.
+    bool persistentStorageKey() const { return persistent_; }
+
     // A new key of the template under the primary key; the auth value travels encrypted.
     TpmKeyBlobs create(const TPM2B_PUBLIC& keyTemplate, const crypto::SecretBytes& authValue);
     // PlatformError when the blobs were made by another TPM or do not match each other.
@@ -75,9 +94,14 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
     // Declared before the ESAPI context, so that it is finalized after it.
     std::unique_ptr<TSS2_TCTI_CONTEXT, TctiFinalize> tcti_;
     std::unique_ptr<ESYS_CONTEXT, EsysFinalize> esys_;
+    void readCurves();
+    void useStorageKey();
+
     ESYS_TR primary_ = ESYS_TR_NONE;
+    bool persistent_ = false;
     ESYS_TR session_ = ESYS_TR_NONE;
     bool encrypting_ = true;
+    std::vector<TPM2_ECC_CURVE> curves_;
 };
 
 }  // namespace keyloft::platform::key_processor

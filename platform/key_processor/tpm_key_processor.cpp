@@ -200,6 +200,14 @@ class TpmProcessorKey : public ProcessorKey {
 
 }  // namespace
 
+void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits) {
+    if (std::ranges::find(curves, curveFor(sizeInBits)) == curves.end()) {
+        const auto name = "P-" + std::to_string(sizeInBits);
+        throw PlatformError("Key processor: this TPM cannot make " + name + " keys (it has no " +
+                            name + " curve)");
+    }
+}
+
 std::shared_ptr<TpmConnection> TpmKeyProcessor::connection() {
     const std::lock_guard lock(mutex_);
     if (!connection_) connection_ = TpmConnection::open(tcti_);
@@ -224,6 +232,7 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
     const auto headerBytes = header.encode();
     const auto authValue = authValueFor(headerBytes);
     const auto tpm = connection();
+    requireCurve(tpm->curves(), sizeInBits);
     const auto blobs = tpm->create(keyTemplate(sizeInBits), authValue);
     return std::make_unique<TpmProcessorKey>(tpm->load(blobs, authValue),
                                              encodeIdentifier(headerBytes, blobs), header,

@@ -3,12 +3,18 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
+
+#include <tss2/tss2_tpm2_types.h>
 
 #include "platform/key_processor/key_processor.hpp"
 
 namespace keyloft::platform::key_processor {
 
 class TpmConnection;
+
+// PlatformError unless the curves a TPM lists include the one of a key of the size.
+void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits);
 
 // Keys made inside a TPM 2.0: unrestricted ECC keys for ECDSA and ECDH under the storage primary
 // key. The object identifier is the header followed by the key's public and private blobs as the

@@ -1,14 +1,20 @@
 """Which key processor makes new keys: the TPM whenever one is usable, soft otherwise, and never
 soft behind the back of a card that holds TPM keys. Keys of both live side by side."""
 import os
+import shutil
+import subprocess
 
 import pytest
 from cryptography import x509
 
+from conftest import free_port_pair, wait_for
+
 # Each test says what it asks of the soft back end itself.
 KEY_PROCESSORS = ("tpm",)
 CREATE = ("create-identity", "-l", "New", "-k", "p-256-ne", "-CN", "New")
-NO_TPM = {"KEYLOFT_TCTI": None, "KEYLOFT_KEY_PROCESSOR": None}
+# No TPM named, and no system bus where a tpm2-abrmd of this machine could answer.
+NO_TPM = {"KEYLOFT_TCTI": None, "KEYLOFT_KEY_PROCESSOR": None,
+          "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent/bus"}
 
 
 def back_ends(card):
@@ -85,3 +91,107 @@ def test_soft_and_tpm_keys_sign_side_by_side(card):
         assert request.is_signature_valid
         assert (request.public_key().public_numbers()
                 == x509.load_der_x509_certificate(certificate).public_key().public_numbers())
+
+
+class PrivateTpm:
+    """A swtpm of the test's own, reached directly, that the test can stop, and start again with
+    its state or with a fresh one: to the keys made in it, a TPM that was cleared."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.port = free_port_pair()
+        self.process = None
+        self.generation = 0
+        self.tcti = f"swtpm:host=127.0.0.1,port={self.port}"
+
+    def start(self, fresh=False):
+        self.generation += fresh
+        state = self.folder / f"state{self.generation}"
+        state.mkdir(exist_ok=True)
+        self.process = subprocess.Popen(
+            [shutil.which("swtpm"), "socket", "--tpm2", "--tpmstate", f"dir={state}",
+             "--server", f"type=tcp,bindaddr=127.0.0.1,port={self.port}",
+             "--ctrl", f"type=tcp,bindaddr=127.0.0.1,port={self.port + 1}",
+             "--flags", "not-need-init,startup-clear"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+        def accepts():
+            import socket
+            with socket.socket() as probe:
+                return probe.connect_ex(("127.0.0.1", self.port + 1)) == 0
+        wait_for(accepts, "swtpm", self.process)
+
+    def stop(self):
+        if self.process is not None:
+            self.process.terminate()
+            self.process.wait(timeout=10)
+            self.process = None
+
+
+@pytest.fixture
+def private_tpm(tmp_path, software_tpm):
+    tpm = PrivateTpm(tmp_path)
+    tpm.start()
+    yield tpm
+    tpm.stop()
+
+
+def unchanged_after(card, *args, **env):
+    """The tool's one error line for the command; the card as it was before."""
+    before = (card.config_data(), card.items())
+    result = card.run(*args, **env)
+    assert (card.config_data(), card.items()) == before
+    lines = result.stdout.splitlines()
+    assert len(lines) == 1 and lines[0].startswith("Error: "), result
+    return lines[0]
+
+
+@pytest.mark.parametrize("kind", ["p-256-ne", "p-256"])
+def test_keys_of_a_cleared_tpm_say_so(card, private_tpm, kind):
+    card.run("create-identity", "-l", "Old", "-k", kind, KEYLOFT_TCTI=private_tpm.tcti)
+    hash_ = card.items()[0][1].hex()
+    private_tpm.stop()
+    private_tpm.start(fresh=True)
+    line = unchanged_after(card, "create-csr", "-h", hash_, "-f", "old", "-CN", "Old",
+                           KEYLOFT_TCTI=private_tpm.tcti)
+    assert "the TPM has been cleared" in line, line
+    assert not (card.home / "old.csr").exists()
+
+
+@pytest.mark.parametrize("step", ["create", "use"])
+def test_an_unreachable_tpm_says_so_and_changes_nothing(card, private_tpm, step):
+    card.run("create-identity", "-l", "Kept", "-k", "p-256-ne", KEYLOFT_TCTI=private_tpm.tcti)
+    hash_ = card.items()[0][1].hex()
+    private_tpm.stop()
+    args = (CREATE if step == "create"
+            else ("create-csr", "-h", hash_, "-f", "kept", "-CN", "Kept"))
+    line = unchanged_after(card, *args, KEYLOFT_TCTI=private_tpm.tcti)
+    assert f"cannot be reached through '{private_tpm.tcti}'" in line, line
+
+
+def test_tpm2_abrmd_on_the_system_bus_is_found_quietly(card, private_tpm, software_tpm):
+    """Without /dev/tpmrm0, a tpm2-abrmd on the system bus serves; without one, soft does, and
+    neither case prints anything on stderr."""
+    no_tpm_here()
+    bus = software_tpm["DBUS_SESSION_BUS_ADDRESS"]
+    env = dict(NO_TPM, DBUS_SYSTEM_BUS_ADDRESS=bus)
+    assert card.run(*CREATE, **NO_TPM).stderr == ""
+    manager = subprocess.Popen(
+        [shutil.which("tpm2-abrmd", path=os.pathsep.join([os.environ["PATH"], "/usr/sbin"])),
+         "--session", f"--tcti={private_tpm.tcti}", "--flush-all",
+         *(["--allow-root"] if os.geteuid() == 0 else [])],
+        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        env=dict(os.environ, DBUS_SESSION_BUS_ADDRESS=bus))
+    try:
+        owned = lambda: "boolean true" in subprocess.run(
+            ["dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.DBus",
+             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner",
+             "string:com.intel.tss2.Tabrmd"], capture_output=True, text=True,
+            env=dict(os.environ, DBUS_SESSION_BUS_ADDRESS=bus)).stdout
+        wait_for(owned, "tpm2-abrmd", manager)
+        result = card.run("create-identity", "-l", "Tpm", "-k", "p-256-ne", **env)
+        assert result.stderr == ""
+    finally:
+        manager.terminate()
+        manager.wait(timeout=10)
+    assert sorted(back_ends(card).values()) == [b"s", b"t"]

@@ -1,10 +1,14 @@
 #include "platform/key_processor/tpm_key_processor.hpp"
 
 #include <gtest/gtest.h>
+#include <tss2/tss2_esys.h>
+#include <tss2/tss2_rc.h>
+#include <tss2/tss2_tctildr.h>
 
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/key_processor/object_identifier.hpp"
+#include "platform/key_processor/tpm_connection.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 #include "unit/platform_key_processor/software_tpm.hpp"
@@ -38,6 +42,81 @@ bool verifiesDigest(const PublicKeyAttributes& publicKey, ByteView digest, ByteV
     return context && EVP_PKEY_verify_init(context.get()) == 1 &&
            EVP_PKEY_verify(context.get(), signature.data(), signature.size(), digest.data(),
                            digest.size()) == 1;
+}
+
+// The machine's owner at the TPM, as provisioning tools are: an ESAPI connection of its own. The
+// simulator serves one client at a time, so it must be gone before a processor connects.
+class TpmOwner {
+  public:
+    explicit TpmOwner(const std::string& tcti) {
+        if (Tss2_TctiLdr_Initialize(tcti.c_str(), &tcti_) != TSS2_RC_SUCCESS ||
+            Esys_Initialize(&esys_, tcti_, nullptr) != TSS2_RC_SUCCESS) {
+            throw std::runtime_error("no TPM at " + tcti);
+        }
+    }
+    ~TpmOwner() {
+        Esys_Finalize(&esys_);
+        Tss2_TctiLdr_Finalize(&tcti_);
+    }
+
+    // A primary of the template made persistent at the handle storage keys are looked for at.
+    void persist(const TPM2B_PUBLIC& keyTemplate) {
+        const TPM2B_SENSITIVE_CREATE noSensitive{};
+        const TPM2B_DATA noOutsideInfo{};
+        const TPML_PCR_SELECTION noPcrs{};
+        ESYS_TR primary = ESYS_TR_NONE;
+        expect(Esys_CreatePrimary(esys_, ESYS_TR_RH_OWNER, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                  ESYS_TR_NONE, &noSensitive, &keyTemplate, &noOutsideInfo, &noPcrs,
+                                  &primary, nullptr, nullptr, nullptr, nullptr));
+        ESYS_TR persistent = ESYS_TR_NONE;
+        expect(Esys_EvictControl(esys_, ESYS_TR_RH_OWNER, primary, ESYS_TR_PASSWORD, ESYS_TR_NONE,
+                                 ESYS_TR_NONE, storageKeyHandle, &persistent));
+        Esys_FlushContext(esys_, primary);
+        Esys_TR_Close(esys_, &persistent);
+    }
+
+    // Nothing when no key is persistent there.
+    void evict() {
+        ESYS_TR persistent = ESYS_TR_NONE;
+        if (Esys_TR_FromTPMPublic(esys_, storageKeyHandle, ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                                  &persistent) != TSS2_RC_SUCCESS) {
+            return;
+        }
+        ESYS_TR none = ESYS_TR_NONE;
+        expect(Esys_EvictControl(esys_, ESYS_TR_RH_OWNER, persistent, ESYS_TR_PASSWORD,
+                                 ESYS_TR_NONE, ESYS_TR_NONE, storageKeyHandle, &none));
+    }
+
+    void clear() {
+        expect(Esys_Clear(esys_, ESYS_TR_RH_LOCKOUT, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE));
+    }
+
+  private:
+    static constexpr TPM2_HANDLE storageKeyHandle = 0x81000001;
+    static void expect(TSS2_RC rc) {
+        if (rc != TSS2_RC_SUCCESS) throw std::runtime_error(Tss2_RC_Decode(rc));
+    }
+
+    TSS2_TCTI_CONTEXT* tcti_ = nullptr;
+    ESYS_CONTEXT* esys_ = nullptr;
+};
+
+// A storage key of the usual attributes; callers change what they test.
+TPM2B_PUBLIC storageTemplate() {
+    TPM2B_PUBLIC key{};
+    auto& area = key.publicArea;
+    area.type = TPM2_ALG_ECC;
+    area.nameAlg = TPM2_ALG_SHA256;
+    area.objectAttributes = TPMA_OBJECT_RESTRICTED | TPMA_OBJECT_DECRYPT | TPMA_OBJECT_FIXEDTPM |
+                            TPMA_OBJECT_FIXEDPARENT | TPMA_OBJECT_SENSITIVEDATAORIGIN |
+                            TPMA_OBJECT_USERWITHAUTH | TPMA_OBJECT_NODA;
+    auto& ecc = area.parameters.eccDetail;
+    ecc.symmetric = {
+        .algorithm = TPM2_ALG_AES, .keyBits = {.aes = 128}, .mode = {.aes = TPM2_ALG_CFB}};
+    ecc.scheme.scheme = TPM2_ALG_NULL;
+    ecc.curveID = TPM2_ECC_NIST_P256;
+    ecc.kdf.scheme = TPM2_ALG_NULL;
+    return key;
 }
 
 class TpmKeyProcessorTest : public ::testing::Test {
@@ -190,6 +269,132 @@ TEST_F(TpmKeyProcessorTest, HandlesLeaveNothingLoadedBehind) {
         const auto key = processor().createKey(256, plainWord);
         processor().rebuildKey(key->objectIdentifier(), nullptr)->sign(ecdsaSha384, bytesOf("m"));
     }
+}
+
+// Whether a key made while a storage key of the template is persistent still loads once it is
+// gone: it does not when the key was made under the persistent one.
+TEST_F(TpmKeyProcessorTest, UsesAPersistentStorageKeyOnlyWhenItIsOne) {
+    struct Case {
+        const char* what;
+        void (*change)(TPM2B_PUBLIC&);
+        bool used;
+    };
+    const Case cases[] = {
+        // Another key than the one made from the usual template: its unique field differs.
+        {"ECC storage key", [](TPM2B_PUBLIC& key) { key.publicArea.unique.ecc.x.size = 1; }, true},
+        {"P-384 storage key",
+         [](TPM2B_PUBLIC& key) {
+             key.publicArea.parameters.eccDetail.curveID = TPM2_ECC_NIST_P384;
+         },
+         true},
+        {"unrestricted key",
+         [](TPM2B_PUBLIC& key) {
+             key.publicArea.objectAttributes &= ~TPMA_OBJECT_RESTRICTED;
+             key.publicArea.parameters.eccDetail.symmetric.algorithm = TPM2_ALG_NULL;
+         },
+         false},
+        {"signing key",
+         [](TPM2B_PUBLIC& key) {
+             key.publicArea.objectAttributes ^= TPMA_OBJECT_DECRYPT | TPMA_OBJECT_SIGN_ENCRYPT;
+             key.publicArea.parameters.eccDetail.symmetric.algorithm = TPM2_ALG_NULL;
+             key.publicArea.parameters.eccDetail.scheme = {
+                 .scheme = TPM2_ALG_ECDSA, .details = {.ecdsa = {.hashAlg = TPM2_ALG_SHA256}}};
+         },
+         false},
+        {"key that needs a policy",
+         [](TPM2B_PUBLIC& key) { key.publicArea.objectAttributes &= ~TPMA_OBJECT_USERWITHAUTH; },
+         false},
+    };
+    for (const auto& [what, change, used] : cases) {
+        auto keyTemplate = storageTemplate();
+        change(keyTemplate);
+        TpmOwner(*tcti_).persist(keyTemplate);
+        Bytes identifier;
+        {
+            TpmKeyProcessor provisioned(*tcti_, gate_);
+            identifier = provisioned.createKey(256, plainWord)->objectIdentifier();
+        }
+        TpmOwner(*tcti_).evict();
+        TpmKeyProcessor unprovisioned(*tcti_, gate_);
+        if (used) {
+            EXPECT_THROW(unprovisioned.rebuildKey(identifier, nullptr), PlatformError) << what;
+        } else {
+            EXPECT_NO_THROW(unprovisioned.rebuildKey(identifier, nullptr)) << what;
+        }
+    }
+}
+
+TEST_F(TpmKeyProcessorTest, KeysOfAClearedTpmSaySo) {
+    Bytes identifier;
+    {
+        TpmKeyProcessor before(*tcti_, gate_);
+        identifier = before.createKey(256, plainWord)->objectIdentifier();
+    }
+    TpmOwner(*tcti_).clear();
+    TpmKeyProcessor after(*tcti_, gate_);
+    try {
+        after.rebuildKey(identifier, nullptr);
+        FAIL() << "a cleared TPM loaded the key";
+    } catch (const PlatformError& error) {
+        EXPECT_NE(std::string(error.what()).find("the TPM has been cleared"), std::string::npos)
+            << error.what();
+    }
+}
+
+TEST(TpmCurves, AKeyIsMadeOnlyOnACurveTheTpmLists) {
+    struct Case {
+        std::vector<TPM2_ECC_CURVE> listed;
+        int sizeInBits;
+        bool made;
+    };
+    const Case cases[] = {
+        {{TPM2_ECC_NIST_P256, TPM2_ECC_NIST_P384}, 384, true},
+        {{TPM2_ECC_NIST_P256, TPM2_ECC_BN_P256}, 256, true},
+        {{TPM2_ECC_NIST_P256, TPM2_ECC_BN_P256}, 384, false},
+        {{TPM2_ECC_BN_P256, TPM2_ECC_NIST_P384}, 256, false},
+        {{}, 256, false},
+    };
+    for (const auto& [listed, sizeInBits, made] : cases) {
+        if (made) {
+            EXPECT_NO_THROW(requireCurve(listed, sizeInBits)) << sizeInBits;
+            continue;
+        }
+        try {
+            requireCurve(listed, sizeInBits);
+            ADD_FAILURE() << "made a P-" << sizeInBits << " key";
+        } catch (const PlatformError& error) {
+            EXPECT_STREQ(error.what(),
+                         ("Key processor: this TPM cannot make P-" + std::to_string(sizeInBits) +
+                          " keys (it has no P-" + std::to_string(sizeInBits) + " curve)")
+                             .c_str());
+        }
+    }
+}
+
+// Codes reach us from the TPM itself, through a resource manager that marks some with its own
+// layer, and from the software stack; format-one codes carry the handle, session or parameter.
+TEST(TpmTroubles, AreToldApartWhereverTheCodeComesFrom) {
+    const std::pair<TSS2_RC, TpmTrouble> cases[] = {
+        {TPM2_RC_LOCKOUT, TpmTrouble::lockout},
+        {TSS2_RESMGR_TPM_RC_LAYER | TPM2_RC_LOCKOUT, TpmTrouble::lockout},
+        {TPM2_RC_RETRY, TpmTrouble::busy},
+        {TPM2_RC_YIELDED, TpmTrouble::busy},
+        {TPM2_RC_TESTING, TpmTrouble::busy},
+        {TSS2_RESMGR_RC_LAYER | TPM2_RC_RETRY, TpmTrouble::busy},
+        {TSS2_TCTI_RC_TRY_AGAIN, TpmTrouble::busy},
+        {TSS2_TCTI_RC_IO_ERROR, TpmTrouble::unreachable},
+        {TSS2_TCTI_RC_NO_CONNECTION, TpmTrouble::unreachable},
+        {TSS2_RESMGR_RC_LAYER | TPM2_RC_OBJECT_MEMORY, TpmTrouble::noRoom},
+        {TPM2_RC_INTEGRITY | TPM2_RC_P | TPM2_RC_1, TpmTrouble::integrity},
+        {TPM2_RC_BAD_AUTH | TPM2_RC_S | TPM2_RC_1, TpmTrouble::authFailed},
+        {TPM2_RC_AUTH_FAIL | TPM2_RC_S | TPM2_RC_2, TpmTrouble::authFailed},
+        // Look-alikes: a missing handle is not a cleared TPM, nor a software error a busy one.
+        {TPM2_RC_HANDLE | TPM2_RC_1, TpmTrouble::other},
+        {TPM2_RC_SIZE | TPM2_RC_P | TPM2_RC_1, TpmTrouble::other},
+        {TSS2_ESYS_RC_BAD_REFERENCE, TpmTrouble::other},
+        {TSS2_ESYS_RC_GENERAL_FAILURE, TpmTrouble::other},
+    };
+    for (const auto& [rc, trouble] : cases) EXPECT_EQ(troubleOf(rc), trouble) << std::hex << rc;
 }
 
 TEST(TpmKeyProcessorUnreachable, SaysWhy) {
