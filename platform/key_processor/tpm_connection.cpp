@@ -336,9 +336,10 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView 
     // A null ticket: the key is unrestricted, so the TPM signs digests it did not make.
     const TPMT_TK_HASHCHECK noTicket{.tag = TPM2_ST_HASHCHECK, .hierarchy = TPM2_RH_NULL};
     TPMT_SIGNATURE* rawSignature = nullptr;
-    // The digest and the signature are not secret, and the key's password is derived from its
-    // stored identifier: a password authorization, as for Load.
-    check(Esys_Sign(esys_.get(), key.handle(), ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE, &input,
+    // What is signed may itself be confidential: the digest crosses the bus encrypted, under the
+    // salted session, and the key's password never travels.
+    useSession(TPMA_SESSION_DECRYPT);
+    check(Esys_Sign(esys_.get(), key.handle(), session_, ESYS_TR_NONE, ESYS_TR_NONE, &input,
                     &scheme, &noTicket, &rawSignature),
           "sign (the key may have been changed)");
     const EsysOut<TPMT_SIGNATURE> signature(rawSignature);
