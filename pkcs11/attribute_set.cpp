@@ -17,30 +17,15 @@ Bytes boolValue(bool value) {
     return {static_cast<std::uint8_t>(value ? CK_TRUE : CK_FALSE)};
 }
 
-AttributeSet::Values::~Values() {
-    for (auto& [type, value] : entries) {
+AttributeSet::~AttributeSet() {
+    for (auto& [type, value] : values_) {
         if (value) platform::crypto::wipe(value->data(), value->size());
     }
 }
 
-AttributeSet::Entries& AttributeSet::entries() {
-    if (!values_) {
-        values_ = std::make_shared<Values>();
-    } else if (values_.use_count() > 1) {
-        values_ = std::make_shared<Values>(Values{values_->entries});
-    }
-    return values_->entries;
-}
-
-const AttributeSet::Entries& AttributeSet::readEntries() const {
-    static const Entries none;
-    return values_ ? values_->entries : none;
-}
-
 const Bytes* AttributeSet::find(CK_ATTRIBUTE_TYPE type) const {
-    const auto& values = readEntries();
-    const auto found = values.find(type);
-    if (found == values.end() || !found->second) return nullptr;
+    const auto found = values_.find(type);
+    if (found == values_.end() || !found->second) return nullptr;
     return &*found->second;
 }
 
@@ -56,10 +41,9 @@ bool AttributeSet::matches(std::span<const CK_ATTRIBUTE> searchTemplate) const {
 CK_RV AttributeSet::copyInto(std::span<CK_ATTRIBUTE> request) const {
     // Every attribute is answered even after a failure; the last failure is the one reported.
     CK_RV rv = CKR_OK;
-    const auto& values = readEntries();
     for (auto& attribute : request) {
-        const auto found = values.find(attribute.type);
-        if (found == values.end()) {
+        const auto found = values_.find(attribute.type);
+        if (found == values_.end()) {
             attribute.ulValueLen = CK_UNAVAILABLE_INFORMATION;
             rv = CKR_ATTRIBUTE_TYPE_INVALID;
         } else if (!found->second) {

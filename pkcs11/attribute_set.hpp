@@ -1,7 +1,6 @@
 #pragma once
 
 #include <map>
-#include <memory>
 #include <optional>
 #include <span>
 
@@ -13,15 +12,21 @@ namespace keyloft::pkcs11 {
 Bytes ulongValue(CK_ULONG value);
 Bytes boolValue(bool value);
 
-// An object's attributes. A sensitive attribute exists but its value is never given out. Copies
-// share their values until one of them is changed, so that the objects of an unchanged item are
-// not rebuilt when the card is read again.
+// An object's attributes. A sensitive attribute exists but its value is never given out.
 class AttributeSet {
   public:
-    void set(CK_ATTRIBUTE_TYPE type, Bytes value) { entries()[type] = std::move(value); }
+    AttributeSet() = default;
+    AttributeSet(const AttributeSet&) = default;
+    AttributeSet(AttributeSet&&) = default;
+    AttributeSet& operator=(const AttributeSet&) = default;
+    AttributeSet& operator=(AttributeSet&&) = default;
+    // Values may be derived secrets; none is left behind in freed memory.
+    ~AttributeSet();
+
+    void set(CK_ATTRIBUTE_TYPE type, Bytes value) { values_[type] = std::move(value); }
     void setBool(CK_ATTRIBUTE_TYPE type, bool value) { set(type, boolValue(value)); }
     void setUlong(CK_ATTRIBUTE_TYPE type, CK_ULONG value) { set(type, ulongValue(value)); }
-    void setSensitive(CK_ATTRIBUTE_TYPE type) { entries()[type] = std::nullopt; }
+    void setSensitive(CK_ATTRIBUTE_TYPE type) { values_[type] = std::nullopt; }
 
     // The value, or nothing when the attribute is absent or sensitive.
     const Bytes* find(CK_ATTRIBUTE_TYPE type) const;
@@ -34,18 +39,7 @@ class AttributeSet {
     CK_RV copyInto(std::span<CK_ATTRIBUTE> request) const;
 
   private:
-    using Entries = std::map<CK_ATTRIBUTE_TYPE, std::optional<Bytes>>;
-    struct Values {
-        Entries entries;
-        // Values may be derived secrets; none is left behind in freed memory.
-        ~Values();
-    };
-
-    // The entries, made this set's own first when it shares them.
-    Entries& entries();
-    const Entries& readEntries() const;
-
-    std::shared_ptr<Values> values_;
+    std::map<CK_ATTRIBUTE_TYPE, std::optional<Bytes>> values_;
 };
 
 }  // namespace keyloft::pkcs11

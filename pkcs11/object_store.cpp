@@ -20,11 +20,8 @@ keys::StoredKeyMap storedKeysOf(const std::optional<Bytes>& configurationData) {
 void ObjectStore::refresh() {
     auto snapshot = source_();
     if (!snapshot) return;
-    if (snapshot->configurationData != configurationData_) {
-        storedKeys_ = storedKeysOf(snapshot->configurationData);
-        configurationData_ = std::move(snapshot->configurationData);
-    }
-    tokenObjects_ = tokenObjects(snapshot->items, storedKeys_, cache_);
+    storedKeys_ = storedKeysOf(snapshot->configurationData);
+    tokenObjects_ = tokenObjects(snapshot->items, storedKeys_);
 
     std::map<ObjectIdentity, CK_OBJECT_HANDLE> handles;
     tokenHandles_.clear();

@@ -49,8 +49,6 @@ class ObjectStore {
     std::map<CK_OBJECT_HANDLE, std::size_t> indexOf_;
     std::map<CK_OBJECT_HANDLE, SessionObject> sessionObjects_;
     keys::StoredKeyMap storedKeys_;
-    std::optional<Bytes> configurationData_;  // what storedKeys_ was decoded from
-    TokenObjectCache cache_;
     CK_OBJECT_HANDLE nextHandle_ = 1;
 };
 

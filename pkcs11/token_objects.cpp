@@ -2,7 +2,6 @@
 #include "base/certificate_reader.hpp"
 #include "base/control_characters.hpp"
 
-#include <algorithm>
 #include <map>
 
 #include "base/key_types.hpp"
@@ -203,40 +202,17 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
 }
 
 std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
-                                      const keys::StoredKeyMap& storedKeys,
-                                      TokenObjectCache& cache) {
+                                      const keys::StoredKeyMap& storedKeys) {
     std::vector<TokenObject> objects;
-    TokenObjectCache next;
     for (const auto& item : items) {
-        const auto* keyItem = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
-        const Bytes& objectID =
-            keyItem != nullptr
-                ? keyItem->objectID
-                : std::get<platform::token_store::TesseraTokenCertificateItem>(item).objectID;
-        int storedKey = 0;
-        if (keyItem != nullptr && keyItem->publicKeyHash) {
-            const auto stored = storedKeys.find(*keyItem->publicKeyHash);
-            if (stored != storedKeys.end())
-                storedKey = keys::protectionOf(stored->second).exportable ? 1 : 2;
-        }
-        TokenObjectCache::Entry entry{item, storedKey, {}};
-        auto& earlier = cache.entries[objectID];
-        const auto same = std::ranges::find_if(earlier, [&](const TokenObjectCache::Entry& old) {
-            return old.storedKey == storedKey && old.item == item;
-        });
-        if (same != earlier.end()) {
-            entry.objects = std::move(same->objects);
-            earlier.erase(same);
-        } else if (keyItem != nullptr) {
-            appendKeyObjects(*keyItem, storedKeys, entry.objects);
+        if (const auto* certificate =
+                std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+            objects.push_back(certificateObject(*certificate));
         } else {
-            entry.objects.push_back(certificateObject(
-                std::get<platform::token_store::TesseraTokenCertificateItem>(item)));
+            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys,
+                             objects);
         }
-        objects.insert(objects.end(), entry.objects.begin(), entry.objects.end());
-        next.entries[objectID].push_back(std::move(entry));
     }
-    cache = std::move(next);
     // Objects of one class may share an id; their order in the list tells them apart.
     std::map<std::pair<CK_OBJECT_CLASS, Bytes>, std::size_t> seen;
     for (auto& object : objects) {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <compare>
-#include <map>
 #include <optional>
 #include <vector>
 
@@ -37,24 +36,9 @@ struct TokenObject {
     bool allows(CK_ATTRIBUTE_TYPE usage) const;
 };
 
-// The objects made for the items of the last reading, so that the next one builds only those of
-// items that changed (a card of thousands changes by one identity at a time).
-class TokenObjectCache {
-  public:
-    struct Entry {
-        platform::token_store::TesseraTokenItem item;
-        int storedKey = 0;  // what the item's stored key was: none, wrapped or bound
-        std::vector<TokenObject> objects;
-    };
-    // By object id, then in item order.
-    std::map<Bytes, std::vector<Entry>> entries;
-};
-
 // The objects applications see for an item list: a certificate per certificate item; a public
-// and a private key per key item (the private key only when its stored key exists). The cache is
-// used and replaced by what this list made.
+// and a private key per key item (the private key only when its stored key exists).
 std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
-                                      const keys::StoredKeyMap& storedKeys,
-                                      TokenObjectCache& cache);
+                                      const keys::StoredKeyMap& storedKeys);
 
 }  // namespace keyloft::pkcs11
