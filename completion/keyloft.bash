@@ -1,7 +1,10 @@
 # bash completion for keyloft(1)
 
 # The public-key hashes on the user's card, as -h takes them: the 40-hex-digit word of each row.
+# A user without a card gets none, and pressing Tab does not make one.
 _keyloft_hashes() {
+    local data=${XDG_DATA_HOME:-$HOME/.local/share}
+    [[ -f $data/keyloft/tokens.db ]] || return 0
     keyloft list-identities 2>/dev/null |
         awk 'NR > 1 && $1 != "Error:" {
                  for (i = 1; i <= NF; i++) if ($i ~ /^[0-9A-Fa-f]+$/ && length($i) == 40) { print $i; break }

@@ -70,8 +70,9 @@ def test_hashes_come_from_the_card(card, two_identities, command):
     assert complete(card, f"keyloft {command} -h {one[:12]}") == {one}
 
 
-def test_no_hashes_from_an_empty_card(card):
+def test_no_hashes_and_no_card_for_a_new_user(card):
     assert complete(card, "keyloft delete-identity -h ") == set()
+    assert not card.folder.exists()
 
 
 @pytest.mark.parametrize("with_bash_completion", [False, True])
