@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds keyloft with AddressSanitizer and UndefinedBehaviorSanitizer and runs every test:
-# the unit tests and the end-to-end tests against independent tools.
+# the unit tests and the end-to-end tests against independent tools, and the Debian package.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +12,9 @@ build=build-test
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKEYLOFT_SANITIZE=ON \
     -DKEYLOFT_PAM_CONFDIR="$PWD/$build/pam.d"
 cmake --build "$build" -j"$(nproc)"
+
+# The Debian package: built from a copy of the tree, checked by lintian, installed and removed.
+scripts/test-package.sh
 
 # A sanitizer finding ends the process with an error, which fails the test that ran it.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1

@@ -7,6 +7,7 @@
 #include "platform/key_processor/key_processor.hpp"
 #include "platform/key_processor/object_identifier.hpp"
 #include "platform/key_processor/pam_presence_gate.hpp"
+#include "platform/key_processor/polkit_presence_gate.hpp"
 #include "platform/key_processor/soft_key_processor.hpp"
 #include "platform/key_processor/tpm_key_processor.hpp"
 #include "platform/os/paths.hpp"
@@ -31,7 +32,9 @@ std::optional<std::string> environment(const char* name) {
 }
 
 PresenceGate& presenceGate() {
-    static PamPresenceGate gate(pamConfigurationFolder());
+    static PamPresenceGate terminal(pamConfigurationFolder());
+    static PolkitPresenceGate desktop;
+    static TerminalOrDesktopPresenceGate gate(terminal, desktop);
     return gate;
 }
 
