@@ -187,9 +187,8 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
                   {hashOf(1), {.bastionKey = BastionKey{hashOf(1), {1}, BiometryProtection::on}}},
                   {hashOf(2), {}}}));
     // A record without "keys" holds none.
-    EXPECT_TRUE(decodeStoredKeys(
-                    toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}}))
-                    .empty());
+    EXPECT_TRUE(
+        decodeStoredKeys(toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}})).empty());
     EXPECT_TRUE(platform::os::loggedErrors.empty());
 }
 

@@ -242,7 +242,8 @@ TEST_F(TpmKeyProcessorTest, ChangedOrForeignIdentifiersAreRefused) {
 
     // Biometry taken out of the header: the gate is not asked, and the TPM refuses the key.
     Bytes unprotected = identifier;
-    unprotected[ObjectIdentifierHeader::size - 1] &= static_cast<std::uint8_t>(~accessControlBiometryAny);
+    unprotected[ObjectIdentifierHeader::size - 1] &=
+        static_cast<std::uint8_t>(~accessControlBiometryAny);
     EXPECT_THROW(used(unprotected), PlatformError);
     EXPECT_EQ(gate_.asked, 0);
 }
