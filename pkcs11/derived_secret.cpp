@@ -22,7 +22,8 @@ bool boolOf(const CK_ATTRIBUTE& attribute) {
 }  // namespace
 
 TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
-                                std::span<const CK_ATTRIBUTE> keyTemplate) {
+                                std::span<const CK_ATTRIBUTE> keyTemplate,
+                                CK_RV tokenObjectRefusal) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, CKO_SECRET_KEY);
     attributes.setUlong(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
@@ -44,7 +45,7 @@ TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
                     throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
                 break;
             case CKA_TOKEN:
-                if (boolOf(attribute)) throw CryptokiError(CKR_SESSION_READ_ONLY);
+                if (boolOf(attribute)) throw CryptokiError(tokenObjectRefusal);
                 break;
             case CKA_VALUE_LEN:
                 length = ulongOf(attribute);

@@ -32,13 +32,12 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (rv != CKR_OK) return rv;
     try {
-        auto& state = moduleState();
-        const std::lock_guard guard(state.lock);
-        if (state.card) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
         std::shared_ptr<platform::token_store::TesseraTokenWatcher> watcher =
             store::watchUserToken();
-        state.card = std::make_unique<Card>([watcher] { return watcher->changes(); });
-        return CKR_OK;
+        auto card = std::make_unique<Card>([watcher] { return watcher->changes(); });
+        return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
+    } catch (const CryptokiError& error) {
+        return error.rv();
     } catch (const std::bad_alloc&) {
         return CKR_HOST_MEMORY;
     } catch (const std::exception& error) {
@@ -49,11 +48,7 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
 
 CK_RV C_Finalize(CK_VOID_PTR pReserved) {
     if (pReserved != nullptr) return CKR_ARGUMENTS_BAD;
-    auto& state = moduleState();
-    const std::lock_guard guard(state.lock);
-    if (!state.card) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    state.card.reset();
-    return CKR_OK;
+    return endCard() ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
@@ -163,14 +158,14 @@ CK_RV C_CloseAllSessions(CK_SLOT_ID slotID) {
 
 CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
     return onCard([&](Card& card) {
-        const Session& session = card.session(hSession);
+        const auto session = card.session(hSession);
         require(pInfo);
         pInfo->slotID = Card::slotID;
-        const bool readWrite = (session.flags & CKF_RW_SESSION) != 0;
+        const bool readWrite = (session->flags & CKF_RW_SESSION) != 0;
         pInfo->state = card.loggedIn()
                            ? (readWrite ? CKS_RW_USER_FUNCTIONS : CKS_RO_USER_FUNCTIONS)
                            : (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION);
-        pInfo->flags = session.flags;
+        pInfo->flags = session->flags;
         pInfo->ulDeviceError = 0;
     });
 }
@@ -183,8 +178,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
         switch (userType) {
             case CKU_USER:
                 // The token has no PIN: logging in changes nothing but the session state.
-                if (card.loggedIn()) throw CryptokiError(CKR_USER_ALREADY_LOGGED_IN);
-                card.setLoggedIn(true);
+                card.logIn();
                 return;
             case CKU_SO:
                 // There is no security officer, so no PIN is the right one.
@@ -201,8 +195,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        if (!card.loggedIn()) throw CryptokiError(CKR_USER_NOT_LOGGED_IN);
-        card.setLoggedIn(false);
+        card.logOut();
     });
 }
 

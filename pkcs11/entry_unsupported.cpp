@@ -1,5 +1,5 @@
-// Entry points for what the card does not do: verification, encryption and digests are the
-// application's own work on public data, and the card makes no keys.
+// Entry points for what the card does not do: encryption and recovery are the application's own
+// work on public data, and the card makes no secret keys and wraps none.
 #include "pkcs11/module_state.hpp"
 
 using namespace keyloft::pkcs11;
@@ -51,47 +51,11 @@ CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
     return unsupported();
 }
 
-CK_RV C_DigestInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR) {
-    return unsupported();
-}
-
-CK_RV C_Digest(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_DigestKey(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) {
-    return unsupported();
-}
-
-CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
 CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
     return unsupported();
 }
 
 CK_RV C_SignRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
-CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-    return unsupported();
-}
-
-CK_RV C_Verify(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_VerifyFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
     return unsupported();
 }
 

@@ -29,6 +29,11 @@ constexpr std::array table{
     Mechanism{CKM_SHA384_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha384},
     Mechanism{CKM_SHA512_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha512},
     Mechanism{CKM_RSA_PKCS_OAEP, Scheme::rsaOaep, std::nullopt},
+    Mechanism{CKM_SHA_1, Scheme::digest, DigestAlgorithm::sha1},
+    Mechanism{CKM_SHA224, Scheme::digest, DigestAlgorithm::sha224},
+    Mechanism{CKM_SHA256, Scheme::digest, DigestAlgorithm::sha256},
+    Mechanism{CKM_SHA384, Scheme::digest, DigestAlgorithm::sha384},
+    Mechanism{CKM_SHA512, Scheme::digest, DigestAlgorithm::sha512},
 };
 
 constexpr CK_ULONG ecMinBits = 256;
@@ -50,20 +55,23 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type) {
 }
 
 CK_KEY_TYPE keyTypeOf(Scheme scheme) {
+    if (scheme == Scheme::digest) return CK_UNAVAILABLE_INFORMATION;
     return scheme == Scheme::ecdsa || scheme == Scheme::ecdh ? CKK_EC : CKK_RSA;
 }
 
 CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism) {
     switch (mechanism.scheme) {
         case Scheme::ecdsa:
-            return {ecMinBits, ecMaxBits, CKF_SIGN | ecCurveFlags};
+            return {ecMinBits, ecMaxBits, CKF_SIGN | CKF_VERIFY | ecCurveFlags};
         case Scheme::ecdh:
             return {ecMinBits, ecMaxBits, CKF_DERIVE | ecCurveFlags};
         case Scheme::rsaPkcs1:
         case Scheme::rsaPss:
-            return {rsaMinBits, rsaMaxBits, CKF_SIGN};
+            return {rsaMinBits, rsaMaxBits, CKF_SIGN | CKF_VERIFY};
         case Scheme::rsaOaep:
             return {rsaMinBits, rsaMaxBits, CKF_DECRYPT};
+        case Scheme::digest:
+            return {0, 0, CKF_DIGEST};
     }
     return {};
 }

@@ -43,8 +43,9 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     return attributes;
 }
 
-TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item) {
-    auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, item.label);
+TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item,
+                              const std::optional<std::string>& label) {
+    auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, label);
     attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
     attributes.setBool(CKA_TRUSTED, false);
     attributes.setUlong(CKA_CERTIFICATE_CATEGORY, certificateCategoryUnspecified);
@@ -129,16 +130,18 @@ Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& it
 }
 
 void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
-                      const keys::StoredKeyMap& storedKeys, std::vector<TokenObject>& objects) {
+                      const std::optional<std::string>& label, const keys::StoredKeyMap& storedKeys,
+                      std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
     if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
     const auto fields = readCertificate(item.certificate);
     const Capabilities can = capabilitiesOf(item, keyType);
-    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash};
+    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash,
+                         *item.publicKeyData};
 
     auto shared = [&](CK_OBJECT_CLASS objectClass) {
-        auto attributes = commonAttributes(objectClass, item.objectID, item.label);
+        auto attributes = commonAttributes(objectClass, item.objectID, label);
         attributes.setUlong(CKA_KEY_TYPE, keyType);
         attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
         attributes.set(CKA_PUBLIC_KEY_INFO,
@@ -194,6 +197,25 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     objects.push_back(keyObject(CKO_PRIVATE_KEY, item.objectID, std::move(privateKey), facts));
 }
 
+// One label per identity (the items sharing an object id), so that applications that pair a
+// certificate with its key by label find both: the key item's, else the certificate item's. Cards
+// written before certificate replacement kept the label have certificate items without one.
+std::map<Bytes, std::string> identityLabels(const platform::token_store::TesseraTokenItems& items) {
+    std::map<Bytes, std::string> labels;
+    for (const auto& item : items) {
+        std::visit(
+            [&](const auto& entry) {
+                if (!entry.label || entry.label->empty()) return;
+                constexpr bool isKey = std::is_same_v<std::decay_t<decltype(entry)>,
+                                                      platform::token_store::TesseraTokenKeyItem>;
+                if (isKey || !labels.contains(entry.objectID))
+                    labels[entry.objectID] = *entry.label;
+            },
+            item);
+    }
+    return labels;
+}
+
 }  // namespace
 
 bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
@@ -203,14 +225,19 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
 
 std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
                                       const keys::StoredKeyMap& storedKeys) {
+    const auto labels = identityLabels(items);
+    auto labelOf = [&](const Bytes& objectID) {
+        const auto found = labels.find(objectID);
+        return found != labels.end() ? std::optional(found->second) : std::nullopt;
+    };
     std::vector<TokenObject> objects;
     for (const auto& item : items) {
         if (const auto* certificate =
                 std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
-            objects.push_back(certificateObject(*certificate));
+            objects.push_back(certificateObject(*certificate, labelOf(certificate->objectID)));
         } else {
-            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys,
-                             objects);
+            const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
+            appendKeyObjects(key, labelOf(key.objectID), storedKeys, objects);
         }
     }
     // Objects of one class may share an id; their order in the list tells them apart.

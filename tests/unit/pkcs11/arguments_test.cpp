@@ -177,8 +177,10 @@ const Call calls[] = {
      CKR_USER_NOT_LOGGED_IN},
     {"InitializeTwice", [](auto& p, auto, auto) { return p.C_Initialize(nullptr); },
      CKR_CRYPTOKI_ALREADY_INITIALIZED},
-    {"Verify", [](auto& p, auto s, auto k) { return p.C_VerifyInit(s, &ecdsa, k); },
-     CKR_FUNCTION_NOT_SUPPORTED},
+    {"VerifyWithPrivateKey", [](auto& p, auto s, auto k) { return p.C_VerifyInit(s, &ecdsa, k); },
+     CKR_KEY_TYPE_INCONSISTENT},
+    {"DigestWithSigningMechanism", [](auto& p, auto s, auto) { return p.C_DigestInit(s, &ecdsa); },
+     CKR_MECHANISM_INVALID},
 };
 
 INSTANTIATE_TEST_SUITE_P(Calls, Arguments, ::testing::ValuesIn(calls),
