@@ -1,25 +1,6 @@
 #include "pkcs11/derived_secret.hpp"
 
-#include <cstring>
-
 namespace keyloft::pkcs11 {
-namespace {
-
-CK_ULONG ulongOf(const CK_ATTRIBUTE& attribute) {
-    CK_ULONG value = 0;
-    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof value)
-        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
-    std::memcpy(&value, attribute.pValue, sizeof value);
-    return value;
-}
-
-bool boolOf(const CK_ATTRIBUTE& attribute) {
-    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof(CK_BBOOL))
-        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
-    return *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE;
-}
-
-}  // namespace
 
 TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
                                 std::span<const CK_ATTRIBUTE> keyTemplate,

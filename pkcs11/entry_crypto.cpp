@@ -225,10 +225,10 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         const EcdhDerivation derivation(*pMechanism, *card.key(hBaseKey));
         const auto secret = derivation.derive(*card.privateKey(*session, derivation.key()));
         // A read-only session may make no token object at all; in a read-write one, the card
-        // holds only identities, never secret keys.
+        // holds only identities, never secret keys, so CKA_TOKEN cannot be true.
         const CK_RV tokenObjectRefusal = (session->flags & CKF_RW_SESSION) == 0
                                              ? CKR_SESSION_READ_ONLY
-                                             : CKR_TOKEN_WRITE_PROTECTED;
+                                             : CKR_ATTRIBUTE_VALUE_INVALID;
         *phKey = card.objects().addSessionObject(
             hSession, derivedSecretObject(secret, keyTemplate, tokenObjectRefusal));
     });

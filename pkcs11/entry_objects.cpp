@@ -17,17 +17,6 @@ std::shared_ptr<const TokenObject> objectOf(Card& card, CK_OBJECT_HANDLE handle)
 
 extern "C" {
 
-CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
-                     CK_OBJECT_HANDLE_PTR phObject) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        arrayArgument(pTemplate, ulCount);
-        require(phObject);
-        // Identities are made with the tool; the card takes no objects from applications.
-        throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
-    });
-}
-
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                    CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject) {
     return onCard([&](Card& card) {
@@ -36,15 +25,6 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
         arrayArgument(pTemplate, ulCount);
         require(phNewObject);
         throw CryptokiError(CKR_ACTION_PROHIBITED);
-    });
-}
-
-CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        objectOf(card, hObject);
-        if (!card.objects().destroySessionObject(hObject))
-            throw CryptokiError(CKR_ACTION_PROHIBITED);
     });
 }
 
@@ -64,16 +44,6 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
         const auto object = objectOf(card, hObject);
         const CK_RV rv = object->attributes.copyInto(arrayArgument(pTemplate, ulCount));
         if (rv != CKR_OK) throw CryptokiError(rv);
-    });
-}
-
-CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
-                          CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        objectOf(card, hObject);
-        arrayArgument(pTemplate, ulCount);
-        throw CryptokiError(CKR_ACTION_PROHIBITED);
     });
 }
 

@@ -9,7 +9,7 @@
 
 namespace keyloft::pkcs11 {
 
-enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep, digest };
+enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep, digest, ecKeyPair };
 
 // What the module does for one mechanism.
 struct Mechanism {

@@ -38,7 +38,8 @@ const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObje
     const CK_OBJECT_CLASS keyClass = usage == CKA_VERIFY ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
     if (!key.key || key.identity.objectClass != keyClass)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
-    if (found->scheme == Scheme::digest || keyTypeOf(found->scheme) != key.key->keyType)
+    if (found->scheme == Scheme::digest || found->scheme == Scheme::ecKeyPair ||
+        keyTypeOf(found->scheme) != key.key->keyType)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
     const CK_FLAGS needed = usage == CKA_SIGN      ? CKF_SIGN
                             : usage == CKA_VERIFY  ? CKF_VERIFY
@@ -123,6 +124,7 @@ Bytes SignatureInput::signedBytes() const {
         case Scheme::ecdh:
         case Scheme::rsaOaep:
         case Scheme::digest:
+        case Scheme::ecKeyPair:
             break;
     }
     throw CryptokiError(CKR_MECHANISM_INVALID);

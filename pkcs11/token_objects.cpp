@@ -26,16 +26,17 @@ Bytes mechanismList(CK_KEY_TYPE keyType) {
     return Bytes(first, first + types.size() * sizeof(CK_MECHANISM_TYPE));
 }
 
-// Attributes every object here shares: token objects nobody can change through the module.
+// Attributes every object here shares: token objects whose label applications may change (for
+// the whole identity), and whose keys they may destroy (the identity with them).
 AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
                               const std::optional<std::string>& label) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, objectClass);
     attributes.setBool(CKA_TOKEN, true);
     attributes.setBool(CKA_PRIVATE, false);
-    attributes.setBool(CKA_MODIFIABLE, false);
+    attributes.setBool(CKA_MODIFIABLE, true);
     attributes.setBool(CKA_COPYABLE, false);
-    attributes.setBool(CKA_DESTROYABLE, false);
+    attributes.setBool(CKA_DESTROYABLE, objectClass != CKO_CERTIFICATE);
     // Applications print labels and write them into files line by line (ssh-keygen -D).
     attributes.set(CKA_LABEL, textValue(label ? std::optional(withoutControlCharacters(*label))
                                               : std::nullopt));

@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
     Sessions, DerivedTokenObject,
     ::testing::Values(TokenSecret{"ReadOnly", CKF_SERIAL_SESSION, CKR_SESSION_READ_ONLY},
                       TokenSecret{"ReadWrite", CKF_SERIAL_SESSION | CKF_RW_SESSION,
-                                  CKR_TOKEN_WRITE_PROTECTED}),
+                                  CKR_ATTRIBUTE_VALUE_INVALID}),
     [](const auto& test) { return test.param.name; });
 
 }  // namespace
