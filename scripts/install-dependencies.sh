@@ -9,7 +9,9 @@ packages=(
     libp11-kit-dev p11-kit
     openssl openssh-client python3 python3-pytest python3-cryptography
     # Clients the PKCS#11 module is tested with.
-    opensc openssh-server libengine-pkcs11-openssl python3-pykcs11
+    opensc openssh-server libengine-pkcs11-openssl python3-pykcs11 gnutls-bin libnss3-tools
+    # The signing benchmark compares the module with SoftHSM2.
+    softhsm2
 )
 
 sudo=""

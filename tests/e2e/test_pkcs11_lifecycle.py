@@ -1,6 +1,7 @@
 """The module through an application's whole life: torn down from exit handlers in any order, and
 an identity's certificate replaced by the issued one, seen by pkcs11-tool and NSS."""
 import datetime
+import pathlib
 import re
 import shutil
 import subprocess
@@ -13,7 +14,7 @@ from cryptography.hazmat.primitives.asymmetric import ec
 from conftest import PKCS11_MODULE
 from test_pkcs11 import identities_of, listed_objects
 
-EXIT_CLIENT = __import__("pathlib").Path(__file__).with_name("pkcs11_exit_client.c")
+EXIT_CLIENT = pathlib.Path(__file__).with_name("pkcs11_exit_client.c")
 
 
 @pytest.fixture(scope="module")
