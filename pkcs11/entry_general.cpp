@@ -25,6 +25,12 @@ CK_RV checkInitializeArguments(const CK_C_INITIALIZE_ARGS* args) {
     return CKR_OK;
 }
 
+// The card has no PIN to set; a read-only session could not set one anyway.
+CK_RV noPin(Card& card, CK_SESSION_HANDLE hSession) {
+    const bool readWrite = (card.session(hSession)->flags & CKF_RW_SESSION) != 0;
+    return readWrite ? CKR_FUNCTION_NOT_SUPPORTED : CKR_SESSION_READ_ONLY;
+}
+
 }  // namespace
 
 extern "C" {
@@ -122,22 +128,17 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
 CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
     return onCard([&](Card&) {
         Card::checkSlot(slotID);
-        throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
+        // The tool's delete-all-identities empties the card; nothing here starts it anew.
+        throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED);
     });
 }
 
 CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        throw CryptokiError(CKR_SESSION_READ_ONLY);
-    });
+    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
 }
 
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        throw CryptokiError(CKR_SESSION_READ_ONLY);
-    });
+    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
 }
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
