@@ -93,8 +93,7 @@ std::shared_ptr<const TokenObject> Card::key(CK_OBJECT_HANDLE handle) {
     return object;
 }
 
-std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(Session& session,
-                                                                          const KeyFacts& key) {
+Card::ReachedKey Card::privateKey(Session& session, const KeyFacts& key) {
     checkLive();
     const auto stored = objects_.storedKey(key);
     if (!stored) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
@@ -102,15 +101,18 @@ std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(Sessio
         return std::shared_ptr<const platform::key_service::PrivateKey>(
             keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>()));
     };
-    if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on)
-        return reach();
+    if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on) {
+        std::unique_lock presence(keyProcessorLock_);
+        return {reach(), std::move(presence)};
+    }
     // Unwrapping costs more than the signature itself; a session that signs again reuses the
     // key, unless the tool replaced it since.
     const auto kept = session.keys.find(key.publicKeyHash);
-    if (kept != session.keys.end() && kept->second.storage == *stored) return kept->second.handle;
-    auto handle = reach();
+    if (kept != session.keys.end() && kept->second.storage == *stored)
+        return {kept->second.handle, {}};
+    auto handle = withKeyProcessor(reach);
     session.keys.insert_or_assign(key.publicKeyHash, SessionKey{*stored, handle});
-    return handle;
+    return {std::move(handle), {}};
 }
 
 }  // namespace keyloft::pkcs11

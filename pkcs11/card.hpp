@@ -45,12 +45,27 @@ class Card {
 
     // A key object as it is on the token now; throws CKR_KEY_HANDLE_INVALID.
     std::shared_ptr<const TokenObject> key(CK_OBJECT_HANDLE handle);
+    // A private key ready for one operation. A biometry-protected key holds the key processor
+    // for it, so that presence is asked one operation at a time.
+    struct ReachedKey {
+        std::shared_ptr<const platform::key_service::PrivateKey> key;
+        std::unique_lock<std::mutex> presence;
+        const platform::key_service::PrivateKey& operator*() const { return *key; }
+    };
     // The private key behind a key object. A key without biometry protection is reached once per
     // session and kept with it; a protected one is reached for each operation with a fresh
     // authentication context, so that it asks for presence every time. Throws
     // CKR_KEY_HANDLE_INVALID when its stored key has gone from the token.
-    std::shared_ptr<const platform::key_service::PrivateKey> privateKey(Session& session,
-                                                                        const KeyFacts& key);
+    ReachedKey privateKey(Session& session, const KeyFacts& key);
+
+    // Runs work that uses the key processor (reaching or making keys) alone: the processor
+    // keeps state of its own that is not made for several threads. Signing with a reached key
+    // needs no such turn.
+    template <class Work>
+    auto withKeyProcessor(Work&& work) {
+        const std::lock_guard guard(keyProcessorLock_);
+        return work();
+    }
 
   private:
     ObjectStore objects_;
@@ -59,6 +74,7 @@ class Card {
     CK_SESSION_HANDLE nextSession_ = 1;
     std::atomic<bool> loggedIn_ = false;
     std::atomic<bool> released_ = false;
+    std::mutex keyProcessorLock_;
 };
 
 }  // namespace keyloft::pkcs11

@@ -12,8 +12,10 @@ constexpr std::uint32_t changes = IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_F
 
 }  // namespace
 
-FolderChanges::FolderChanges(std::filesystem::path folder)
-    : folder_(std::move(folder)), notifications_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
+FolderChanges::FolderChanges(std::filesystem::path folder, std::chrono::milliseconds settling)
+    : folder_(std::move(folder)),
+      settling_(settling),
+      notifications_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {}
 
 bool FolderChanges::watch() {
     if (!notifications_.isOpen()) return false;
@@ -41,8 +43,9 @@ bool FolderChanges::changedSinceLastAsk() {
             at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
         }
     }
-    // The queue overflowed or could not be read: assume the worst.
-    return changed;
+    const auto now = std::chrono::steady_clock::now();
+    if (changed) lastEvent_ = now;
+    return changed || now - lastEvent_ < settling_;
 }
 
 }  // namespace keyloft::platform::os

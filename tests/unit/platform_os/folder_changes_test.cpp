@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <thread>
 
 #include "support/temporary_folder.hpp"
 
@@ -17,7 +18,7 @@ void write(const std::filesystem::path& file, const std::string& text) {
 TEST(FolderChanges, SeesEveryChangeAndIsQuietOtherwise) {
     const TemporaryFolder root;
     const auto folder = root.path() / "data";
-    platform::os::FolderChanges changes(folder);
+    platform::os::FolderChanges changes(folder, std::chrono::milliseconds(0));
     // Missing: nothing can be watched, so every ask answers yes.
     EXPECT_TRUE(changes.changedSinceLastAsk());
     EXPECT_TRUE(changes.changedSinceLastAsk());
@@ -46,6 +47,19 @@ TEST(FolderChanges, SeesEveryChangeAndIsQuietOtherwise) {
     EXPECT_FALSE(changes.changedSinceLastAsk());
     write(folder / "tokens.db", "new store");
     EXPECT_TRUE(changes.changedSinceLastAsk());
+}
+
+// A write is seen before what it writes may be readable: asks keep answering yes for a while.
+TEST(FolderChanges, KeepsAnsweringYesWhileWritesSettle) {
+    const TemporaryFolder root;
+    platform::os::FolderChanges changes(root.path(), std::chrono::milliseconds(200));
+    EXPECT_TRUE(changes.changedSinceLastAsk());
+    EXPECT_FALSE(changes.changedSinceLastAsk());
+    write(root.path() / "tokens.db-wal", "frame");
+    EXPECT_TRUE(changes.changedSinceLastAsk());
+    EXPECT_TRUE(changes.changedSinceLastAsk());
+    std::this_thread::sleep_for(std::chrono::milliseconds(250));
+    EXPECT_FALSE(changes.changedSinceLastAsk());
 }
 
 }  // namespace
