@@ -19,12 +19,16 @@ void onUserToken(Change&& change) {
 
 }  // namespace
 
-Bytes generateIdentity(const KeyPairRequest& request) {
-    // Key generation and the self-signed certificate come before the transaction, as in the
-    // tool, so that the card is held only while it is written.
+store::NewIdentity makeIdentity(const KeyPairRequest& request) {
     auto identity = store::makeSelfSignedIdentity(request.type, request.label);
     identity.items.key.canSign = request.canSign;
     identity.items.key.canPerformKeyExchange = request.canDerive;
+    return identity;
+}
+
+Bytes addIdentity(store::NewIdentity identity) {
+    // Key generation and the self-signed certificate come before the transaction, as in the
+    // tool, so that the card is held only while it is written.
     onUserToken([&](const store::TesseraTokenConfiguration& token) {
         store::IdentityAdditions additions(token);
         additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));

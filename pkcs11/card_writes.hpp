@@ -5,6 +5,7 @@
 
 #include "base/bytes.hpp"
 #include "keys/key_type.hpp"
+#include "store/identity_creation.hpp"
 
 // Changes applications make to the user's card: each is one write transaction holding the card
 // for its whole read-change-write, writing the very items and stored-key records the tool writes,
@@ -19,8 +20,10 @@ struct KeyPairRequest {
     bool canSign = true;
     bool canDerive = true;
 };
-// Makes the identity and answers its hash.
-Bytes generateIdentity(const KeyPairRequest& request);
+// Makes the key and its self-signed certificate, writing nothing: the key processor's part.
+store::NewIdentity makeIdentity(const KeyPairRequest& request);
+// Writes the identity made and answers its hash.
+Bytes addIdentity(store::NewIdentity identity);
 
 // Gives the identity the certificate (DER) in place of its own, and the label when one is given.
 // Throws CKR_TEMPLATE_INCONSISTENT when the card holds no identity of the certificate's key.

@@ -121,7 +121,8 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         if (!request.label) request.label = labelIn(publicTemplate);
         request.canSign = flagIn(privateTemplate, CKA_SIGN).value_or(true);
         request.canDerive = flagIn(privateTemplate, CKA_DERIVE).value_or(true);
-        const Bytes hash = card.withKeyProcessor([&] { return generateIdentity(request); });
+        const Bytes hash =
+            addIdentity(card.withKeyProcessor([&] { return makeIdentity(request); }));
         *phPublicKey = handleOf(card, CKO_PUBLIC_KEY, hash);
         *phPrivateKey = handleOf(card, CKO_PRIVATE_KEY, hash);
     });
