@@ -149,7 +149,6 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
                        fields ? bytesOf(fields->subjectPublicKeyInfo()) : Bytes{});
         attributes.set(CKA_START_DATE, {});
         attributes.set(CKA_END_DATE, {});
-        attributes.setBool(CKA_DERIVE, can.derive);
         attributes.set(CKA_ALLOWED_MECHANISMS, mechanismList(keyType));
         for (const auto type : {CKA_EC_PARAMS, CKA_MODULUS, CKA_PUBLIC_EXPONENT}) {
             if (const Bytes* value = keyAttributes.find(type)) attributes.set(type, *value);
@@ -157,9 +156,12 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
         return attributes;
     };
 
+    // Usages the module performs with the object: it verifies with public keys, but encrypts
+    // with none and derives only with private keys.
     auto publicKey = shared(CKO_PUBLIC_KEY);
     publicKey.setBool(CKA_VERIFY, can.sign);
-    publicKey.setBool(CKA_ENCRYPT, can.decrypt);
+    publicKey.setBool(CKA_ENCRYPT, false);
+    publicKey.setBool(CKA_DERIVE, false);
     publicKey.setBool(CKA_VERIFY_RECOVER, false);
     publicKey.setBool(CKA_WRAP, false);
     publicKey.setBool(CKA_TRUSTED, false);
@@ -179,6 +181,7 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     const bool bound = !keys::protectionOf(stored->second).exportable;
     auto privateKey = shared(CKO_PRIVATE_KEY);
     privateKey.setBool(CKA_SIGN, can.sign);
+    privateKey.setBool(CKA_DERIVE, can.derive);
     privateKey.setBool(CKA_DECRYPT, can.decrypt);
     privateKey.setBool(CKA_SIGN_RECOVER, false);
     privateKey.setBool(CKA_UNWRAP, false);
