@@ -68,6 +68,28 @@ INSTANTIATE_TEST_SUITE_P(
                       DigestCase{"Sha512", CKM_SHA512, DigestAlgorithm::sha512}),
     [](const auto& test) { return test.param.name; });
 
+// Only a secret whose value the module holds can be digested.
+TEST_F(CardSession, DigestKeyTakesDerivedSecretsOnly) {
+    createIdentity("digest key");
+    const auto key = object(CKO_PRIVATE_KEY, "digest key");
+    const Bytes peer = value(object(CKO_PUBLIC_KEY, "digest key"), CKA_EC_POINT);
+    CK_ECDH1_DERIVE_PARAMS params{CKD_NULL, 0, nullptr, peer.size(),
+                                  const_cast<CK_BYTE*>(peer.data())};
+    CK_MECHANISM ecdh{CKM_ECDH1_DERIVE, &params, sizeof params};
+    CK_OBJECT_HANDLE secret = CK_INVALID_HANDLE;
+    ASSERT_EQ(p11.C_DeriveKey(session, &ecdh, key, nullptr, 0, &secret), CKR_OK);
+
+    CK_MECHANISM sha256{CKM_SHA256, nullptr, 0};
+    ASSERT_EQ(p11.C_DigestInit(session, &sha256), CKR_OK);
+    EXPECT_EQ(p11.C_DigestKey(session, key), CKR_KEY_INDIGESTIBLE);
+    ASSERT_EQ(p11.C_DigestInit(session, &sha256), CKR_OK);
+    ASSERT_EQ(p11.C_DigestKey(session, secret), CKR_OK);
+    Bytes digest(32);
+    CK_ULONG size = digest.size();
+    ASSERT_EQ(p11.C_DigestFinal(session, digest.data(), &size), CKR_OK);
+    EXPECT_EQ(digest, platform::crypto::digest(DigestAlgorithm::sha256, value(secret, CKA_VALUE)));
+}
+
 struct VerifyCase {
     std::string keyType;
     CK_MECHANISM_TYPE mechanism;
