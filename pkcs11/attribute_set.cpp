@@ -17,6 +17,35 @@ Bytes boolValue(bool value) {
     return {static_cast<std::uint8_t>(value ? CK_TRUE : CK_FALSE)};
 }
 
+CK_ULONG ulongOf(const CK_ATTRIBUTE& attribute) {
+    CK_ULONG value = 0;
+    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof value)
+        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+    std::memcpy(&value, attribute.pValue, sizeof value);
+    return value;
+}
+
+bool boolOf(const CK_ATTRIBUTE& attribute) {
+    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof(CK_BBOOL))
+        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+    return *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE;
+}
+
+Bytes valueOf(const CK_ATTRIBUTE& attribute) {
+    const auto* value = static_cast<const std::uint8_t*>(attribute.pValue);
+    if (value == nullptr && attribute.ulValueLen != 0)
+        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+    return value == nullptr ? Bytes{} : Bytes(value, value + attribute.ulValueLen);
+}
+
+const CK_ATTRIBUTE* findIn(std::span<const CK_ATTRIBUTE> attributes, CK_ATTRIBUTE_TYPE type) {
+    const CK_ATTRIBUTE* found = nullptr;
+    for (const auto& attribute : attributes) {
+        if (attribute.type == type) found = &attribute;
+    }
+    return found;
+}
+
 AttributeSet::~AttributeSet() {
     for (auto& [type, value] : values_) {
         if (value) platform::crypto::wipe(value->data(), value->size());

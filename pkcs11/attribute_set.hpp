@@ -12,6 +12,14 @@ namespace keyloft::pkcs11 {
 Bytes ulongValue(CK_ULONG value);
 Bytes boolValue(bool value);
 
+// Values of an application's template; each throws CKR_ATTRIBUTE_VALUE_INVALID for a value of
+// the wrong size.
+CK_ULONG ulongOf(const CK_ATTRIBUTE& attribute);
+bool boolOf(const CK_ATTRIBUTE& attribute);
+Bytes valueOf(const CK_ATTRIBUTE& attribute);
+// The last attribute of the type in the template, or nothing.
+const CK_ATTRIBUTE* findIn(std::span<const CK_ATTRIBUTE> attributes, CK_ATTRIBUTE_TYPE type);
+
 // An object's attributes. A sensitive attribute exists but its value is never given out.
 class AttributeSet {
   public:

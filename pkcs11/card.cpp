@@ -11,59 +11,108 @@ void Card::checkSlot(CK_SLOT_ID slot) {
 }
 
 CK_SESSION_HANDLE Card::openSession(CK_FLAGS flags) {
+    auto slot = std::make_shared<SessionSlot>(flags);
+    const std::unique_lock guard(sessionsLock_);
     const CK_SESSION_HANDLE handle = nextSession_++;
-    sessions_.emplace(handle, Session{.flags = flags});
+    sessions_.emplace(handle, std::move(slot));
     return handle;
 }
 
-Session& Card::session(CK_SESSION_HANDLE handle) {
-    const auto found = sessions_.find(handle);
-    if (found == sessions_.end()) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
-    return found->second;
+LockedSession Card::session(CK_SESSION_HANDLE handle) {
+    std::shared_ptr<SessionSlot> slot;
+    {
+        const std::shared_lock guard(sessionsLock_);
+        const auto found = sessions_.find(handle);
+        if (found == sessions_.end()) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
+        slot = found->second;
+    }
+    return LockedSession(std::move(slot));
+}
+
+std::size_t Card::sessionCount() const {
+    const std::shared_lock guard(sessionsLock_);
+    return sessions_.size();
 }
 
 std::size_t Card::readOnlySessionCount() const {
+    const std::shared_lock guard(sessionsLock_);
     return static_cast<std::size_t>(std::count_if(
         sessions_.begin(), sessions_.end(),
-        [](const auto& entry) { return (entry.second.flags & CKF_RW_SESSION) == 0; }));
+        [](const auto& entry) { return (entry.second->flags & CKF_RW_SESSION) == 0; }));
 }
 
 void Card::closeSession(CK_SESSION_HANDLE handle) {
-    if (sessions_.erase(handle) == 0) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
+    std::shared_ptr<SessionSlot> closed;  // freed outside the lock, with its kept keys
+    {
+        const std::unique_lock guard(sessionsLock_);
+        const auto found = sessions_.find(handle);
+        if (found == sessions_.end()) throw CryptokiError(CKR_SESSION_HANDLE_INVALID);
+        closed = std::move(found->second);
+        sessions_.erase(found);
+        // Logging in is the application's state; it ends with its last session.
+        if (sessions_.empty()) loggedIn_ = false;
+    }
     objects_.dropSessionObjects(handle);
-    // Logging in is the application's state; it ends with its last session.
-    if (sessions_.empty()) loggedIn_ = false;
 }
 
 void Card::closeAllSessions() {
-    for (const auto& [handle, session] : sessions_) objects_.dropSessionObjects(handle);
-    sessions_.clear();
-    loggedIn_ = false;
+    std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionSlot>> closed;
+    {
+        const std::unique_lock guard(sessionsLock_);
+        closed.swap(sessions_);
+        loggedIn_ = false;
+    }
+    for (const auto& [handle, slot] : closed) objects_.dropSessionObjects(handle);
 }
 
-const TokenObject& Card::key(CK_OBJECT_HANDLE handle) const {
-    const TokenObject* object = objects_.find(handle);
-    if (object == nullptr || !object->key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
-    return *object;
+void Card::logIn() {
+    if (loggedIn_.exchange(true)) throw CryptokiError(CKR_USER_ALREADY_LOGGED_IN);
 }
 
-std::shared_ptr<const platform::key_service::PrivateKey> Card::privateKey(
-    Session& session, const KeyFacts& key) const {
-    const keys::KeyStorage* stored = objects_.storedKey(key);
-    if (stored == nullptr) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
+void Card::logOut() {
+    if (!loggedIn_.exchange(false)) throw CryptokiError(CKR_USER_NOT_LOGGED_IN);
+}
+
+void Card::releaseKeys() {
+    released_ = true;
+    const std::shared_lock guard(sessionsLock_);
+    for (const auto& [handle, slot] : sessions_) {
+        const std::lock_guard sessionGuard(slot->lock);
+        slot->session.keys.clear();
+        slot->session.digesting.reset();
+    }
+}
+
+void Card::checkLive() const {
+    if (released_) throw CryptokiError(CKR_FUNCTION_FAILED);
+}
+
+std::shared_ptr<const TokenObject> Card::key(CK_OBJECT_HANDLE handle) {
+    auto object = objects_.find(handle);
+    if (!object || !object->key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
+    return object;
+}
+
+Card::ReachedKey Card::privateKey(Session& session, const KeyFacts& key) {
+    checkLive();
+    const auto stored = objects_.storedKey(key);
+    if (!stored) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
     auto reach = [&] {
         return std::shared_ptr<const platform::key_service::PrivateKey>(
             keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>()));
     };
-    if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on)
-        return reach();
+    if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on) {
+        std::unique_lock presence(keyProcessorLock_);
+        return {reach(), std::move(presence)};
+    }
     // Unwrapping costs more than the signature itself; a session that signs again reuses the
     // key, unless the tool replaced it since.
     const auto kept = session.keys.find(key.publicKeyHash);
-    if (kept != session.keys.end() && kept->second.storage == *stored) return kept->second.handle;
-    auto handle = reach();
+    if (kept != session.keys.end() && kept->second.storage == *stored)
+        return {kept->second.handle, {}};
+    auto handle = withKeyProcessor(reach);
     session.keys.insert_or_assign(key.publicKeyHash, SessionKey{*stored, handle});
-    return handle;
+    return {std::move(handle), {}};
 }
 
 }  // namespace keyloft::pkcs11

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <map>
+#include <shared_mutex>
 
 #include "pkcs11/object_store.hpp"
 #include "pkcs11/session.hpp"
@@ -9,6 +11,7 @@
 namespace keyloft::pkcs11 {
 
 // The module's one slot and its token, the user's card, between C_Initialize and C_Finalize.
+// Every member may be called from several threads at once.
 class Card {
   public:
     static constexpr CK_SLOT_ID slotID = 0;
@@ -21,30 +24,57 @@ class Card {
     static void checkSlot(CK_SLOT_ID slot);
 
     CK_SESSION_HANDLE openSession(CK_FLAGS flags);
-    // Throws CKR_SESSION_HANDLE_INVALID for an unknown handle.
-    Session& session(CK_SESSION_HANDLE handle);
+    // The session, held until the result is dropped; throws CKR_SESSION_HANDLE_INVALID for an
+    // unknown handle. A session closed meanwhile stays whole for the call that holds it.
+    LockedSession session(CK_SESSION_HANDLE handle);
     void closeSession(CK_SESSION_HANDLE handle);
     void closeAllSessions();
-    std::size_t sessionCount() const { return sessions_.size(); }
+    std::size_t sessionCount() const;
     std::size_t readOnlySessionCount() const;
 
     bool loggedIn() const { return loggedIn_; }
-    void setLoggedIn(bool loggedIn) { loggedIn_ = loggedIn; }
+    // Throws CKR_USER_ALREADY_LOGGED_IN / CKR_USER_NOT_LOGGED_IN when nothing changes.
+    void logIn();
+    void logOut();
 
-    // A key object of the session's reach; throws CKR_KEY_HANDLE_INVALID.
-    const TokenObject& key(CK_OBJECT_HANDLE handle) const;
+    // Frees every key and digest state the sessions hold, for the end of the process: from then
+    // on sessions can still be closed, but nothing that needs the crypto library works.
+    void releaseKeys();
+    // Throws CKR_FUNCTION_FAILED once the keys were released.
+    void checkLive() const;
+
+    // A key object as it is on the token now; throws CKR_KEY_HANDLE_INVALID.
+    std::shared_ptr<const TokenObject> key(CK_OBJECT_HANDLE handle);
+    // A private key ready for one operation. A biometry-protected key holds the key processor
+    // for it, so that presence is asked one operation at a time.
+    struct ReachedKey {
+        std::shared_ptr<const platform::key_service::PrivateKey> key;
+        std::unique_lock<std::mutex> presence;
+        const platform::key_service::PrivateKey& operator*() const { return *key; }
+    };
     // The private key behind a key object. A key without biometry protection is reached once per
     // session and kept with it; a protected one is reached for each operation with a fresh
     // authentication context, so that it asks for presence every time. Throws
-    // CKR_KEY_HANDLE_INVALID when its stored key has gone.
-    std::shared_ptr<const platform::key_service::PrivateKey> privateKey(Session& session,
-                                                                        const KeyFacts& key) const;
+    // CKR_KEY_HANDLE_INVALID when its stored key has gone from the token.
+    ReachedKey privateKey(Session& session, const KeyFacts& key);
+
+    // Runs work that uses the key processor (reaching or making keys) alone: the processor
+    // keeps state of its own that is not made for several threads. Signing with a reached key
+    // needs no such turn.
+    template <class Work>
+    auto withKeyProcessor(Work&& work) {
+        const std::lock_guard guard(keyProcessorLock_);
+        return work();
+    }
 
   private:
     ObjectStore objects_;
-    std::map<CK_SESSION_HANDLE, Session> sessions_;
+    mutable std::shared_mutex sessionsLock_;
+    std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionSlot>> sessions_;
     CK_SESSION_HANDLE nextSession_ = 1;
-    bool loggedIn_ = false;
+    std::atomic<bool> loggedIn_ = false;
+    std::atomic<bool> released_ = false;
+    std::mutex keyProcessorLock_;
 };
 
 }  // namespace keyloft::pkcs11

@@ -1,28 +1,10 @@
 #include "pkcs11/derived_secret.hpp"
 
-#include <cstring>
-
 namespace keyloft::pkcs11 {
-namespace {
-
-CK_ULONG ulongOf(const CK_ATTRIBUTE& attribute) {
-    CK_ULONG value = 0;
-    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof value)
-        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
-    std::memcpy(&value, attribute.pValue, sizeof value);
-    return value;
-}
-
-bool boolOf(const CK_ATTRIBUTE& attribute) {
-    if (attribute.pValue == nullptr || attribute.ulValueLen != sizeof(CK_BBOOL))
-        throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
-    return *static_cast<const CK_BBOOL*>(attribute.pValue) != CK_FALSE;
-}
-
-}  // namespace
 
 TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
-                                std::span<const CK_ATTRIBUTE> keyTemplate) {
+                                std::span<const CK_ATTRIBUTE> keyTemplate,
+                                CK_RV tokenObjectRefusal) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, CKO_SECRET_KEY);
     attributes.setUlong(CKA_KEY_TYPE, CKK_GENERIC_SECRET);
@@ -44,7 +26,7 @@ TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
                     throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
                 break;
             case CKA_TOKEN:
-                if (boolOf(attribute)) throw CryptokiError(CKR_SESSION_READ_ONLY);
+                if (boolOf(attribute)) throw CryptokiError(tokenObjectRefusal);
                 break;
             case CKA_VALUE_LEN:
                 length = ulongOf(attribute);

@@ -1,4 +1,4 @@
-// Entry points for signing, decryption, key derivation and random numbers.
+// Entry points for signing, verification, decryption, digests, key derivation and random numbers.
 #include "pkcs11/derived_secret.hpp"
 #include "pkcs11/module_state.hpp"
 #include "platform/crypto/random.hpp"
@@ -25,8 +25,8 @@ void stepOf(std::optional<Operation>& operation, Step&& step) {
 }
 
 // The signature, written when the caller's buffer takes it; true when the operation is done.
-bool finishSigning(const Card& card, Session& session, SignOperation& operation,
-                   CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
+bool finishSigning(Card& card, Session& session, SignOperation& operation, CK_BYTE_PTR pSignature,
+                   CK_ULONG_PTR pulSignatureLen) {
     if (!roomFor(operation.signatureSize(), pSignature, pulSignatureLen)) return false;
     const Bytes signature = operation.sign(*card.privateKey(session, operation.key()));
     deliver(signature, pSignature, pulSignatureLen);
@@ -37,8 +37,9 @@ template <class Operation>
 void startOperation(Card& card, std::optional<Operation>& slot, CK_MECHANISM_PTR pMechanism,
                     CK_OBJECT_HANDLE hKey) {
     require(pMechanism);
+    card.checkLive();
     if (slot) throw CryptokiError(CKR_OPERATION_ACTIVE);
-    slot.emplace(*pMechanism, card.key(hKey));
+    slot.emplace(*pMechanism, *card.key(hKey));
 }
 
 }  // namespace
@@ -47,28 +48,28 @@ extern "C" {
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
     return onCard([&](Card& card) {
-        startOperation(card, card.session(hSession).signing, pMechanism, hKey);
+        startOperation(card, card.session(hSession)->signing, pMechanism, hKey);
     });
 }
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
              CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
-        stepOf(session.signing, [&](SignOperation& operation) {
+        const auto session = card.session(hSession);
+        stepOf(session->signing, [&](SignOperation& operation) {
             const auto data = arrayArgument(pData, ulDataLen);
             require(pulSignatureLen);
             // The data joins the operation only for the call that signs.
             SignOperation whole = operation;
             whole.update(data);
-            return finishSigning(card, session, whole, pSignature, pulSignatureLen);
+            return finishSigning(card, *session, whole, pSignature, pulSignatureLen);
         });
     });
 }
 
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
     return onCard([&](Card& card) {
-        stepOf(card.session(hSession).signing, [&](SignOperation& operation) {
+        stepOf(card.session(hSession)->signing, [&](SignOperation& operation) {
             operation.update(arrayArgument(pPart, ulPartLen));
             return false;
         });
@@ -78,9 +79,109 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
                   CK_ULONG_PTR pulSignatureLen) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
-        stepOf(session.signing, [&](SignOperation& operation) {
-            return finishSigning(card, session, operation, pSignature, pulSignatureLen);
+        const auto session = card.session(hSession);
+        stepOf(session->signing, [&](SignOperation& operation) {
+            return finishSigning(card, *session, operation, pSignature, pulSignatureLen);
+        });
+    });
+}
+
+CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
+    return onCard([&](Card& card) {
+        startOperation(card, card.session(hSession)->verifying, pMechanism, hKey);
+    });
+}
+
+CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
+               CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            card.checkLive();
+            operation.update(arrayArgument(pData, ulDataLen));
+            operation.verify(arrayArgument(pSignature, ulSignatureLen));
+            return true;
+        });
+    });
+}
+
+CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            operation.update(arrayArgument(pPart, ulPartLen));
+            return false;
+        });
+    });
+}
+
+CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            card.checkLive();
+            operation.verify(arrayArgument(pSignature, ulSignatureLen));
+            return true;
+        });
+    });
+}
+
+CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        require(pMechanism);
+        card.checkLive();
+        if (session->digesting) throw CryptokiError(CKR_OPERATION_ACTIVE);
+        session->digesting.emplace(*pMechanism);
+    });
+}
+
+CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
+               CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+            if (operation.inParts()) throw CryptokiError(CKR_OPERATION_ACTIVE);
+            const auto data = arrayArgument(pData, ulDataLen);
+            if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
+            // The data joins the operation only for the call that finishes it.
+            DigestOperation whole = operation;
+            whole.update(data);
+            deliver(whole.finish(), pDigest, pulDigestLen);
+            return true;
+        });
+    });
+}
+
+CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+            operation.update(arrayArgument(pPart, ulPartLen));
+            operation.markInParts();
+            return false;
+        });
+    });
+}
+
+CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        stepOf(session->digesting, [&](DigestOperation& operation) {
+            const auto key = card.objects().find(hKey);
+            if (!key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
+            // Only a secret whose value the module holds can be digested: the derived secrets.
+            const Bytes* value = key->attributes.find(CKA_VALUE);
+            if (key->identity.objectClass != CKO_SECRET_KEY || value == nullptr)
+                throw CryptokiError(CKR_KEY_INDIGESTIBLE);
+            operation.update(*value);
+            operation.markInParts();
+            return false;
+        });
+    });
+}
+
+CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
+    return onCard([&](Card& card) {
+        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+            if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
+            deliver(operation.finish(), pDigest, pulDigestLen);
+            return true;
         });
     });
 }
@@ -88,15 +189,15 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
 CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                     CK_OBJECT_HANDLE hKey) {
     return onCard([&](Card& card) {
-        startOperation(card, card.session(hSession).decrypting, pMechanism, hKey);
+        startOperation(card, card.session(hSession)->decrypting, pMechanism, hKey);
     });
 }
 
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen,
                 CK_BYTE_PTR pData, CK_ULONG_PTR pulDataLen) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
-        stepOf(session.decrypting, [&](DecryptOperation& operation) {
+        const auto session = card.session(hSession);
+        stepOf(session->decrypting, [&](DecryptOperation& operation) {
             const auto ciphertext = arrayArgument(pEncryptedData, ulEncryptedDataLen);
             require(pulDataLen);
             // Without a buffer the caller learns the most the plaintext can take.
@@ -105,7 +206,7 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
                 return false;
             }
             const auto plaintext =
-                operation.decrypt(*card.privateKey(session, operation.key()), ciphertext);
+                operation.decrypt(*card.privateKey(*session, operation.key()), ciphertext);
             roomFor(plaintext.size(), pData, pulDataLen);
             deliver(plaintext, pData, pulDataLen);
             return true;
@@ -117,14 +218,19 @@ CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                   CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount,
                   CK_OBJECT_HANDLE_PTR phKey) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
+        const auto session = card.session(hSession);
         require(pMechanism);
         require(phKey);
         const auto keyTemplate = arrayArgument(pTemplate, ulAttributeCount);
-        const EcdhDerivation derivation(*pMechanism, card.key(hBaseKey));
-        const auto secret = derivation.derive(*card.privateKey(session, derivation.key()));
-        *phKey =
-            card.objects().addSessionObject(hSession, derivedSecretObject(secret, keyTemplate));
+        const EcdhDerivation derivation(*pMechanism, *card.key(hBaseKey));
+        const auto secret = derivation.derive(*card.privateKey(*session, derivation.key()));
+        // A read-only session may make no token object at all; in a read-write one, the card
+        // holds only identities, never secret keys, so CKA_TOKEN cannot be true.
+        const CK_RV tokenObjectRefusal = (session->flags & CKF_RW_SESSION) == 0
+                                             ? CKR_SESSION_READ_ONLY
+                                             : CKR_ATTRIBUTE_VALUE_INVALID;
+        *phKey = card.objects().addSessionObject(
+            hSession, derivedSecretObject(secret, keyTemplate, tokenObjectRefusal));
     });
 }
 
@@ -139,6 +245,7 @@ CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed, CK_ULONG ulSee
 CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen) {
     return onCard([&](Card& card) {
         card.session(hSession);
+        card.checkLive();
         const auto out = arrayArgument(pRandomData, ulRandomLen);
         if (!platform::crypto::randomBytes(out)) throw CryptokiError(CKR_FUNCTION_FAILED);
     });

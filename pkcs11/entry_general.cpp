@@ -4,6 +4,7 @@
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/module_state.hpp"
 #include "pkcs11/token_info.hpp"
+#include "platform/os/folder_changes.hpp"
 #include "store/user_card.hpp"
 
 using namespace keyloft;
@@ -24,6 +25,12 @@ CK_RV checkInitializeArguments(const CK_C_INITIALIZE_ARGS* args) {
     return CKR_OK;
 }
 
+// The card has no PIN to set; a read-only session could not set one anyway.
+CK_RV noPin(Card& card, CK_SESSION_HANDLE hSession) {
+    const bool readWrite = (card.session(hSession)->flags & CKF_RW_SESSION) != 0;
+    return readWrite ? CKR_FUNCTION_NOT_SUPPORTED : CKR_SESSION_READ_ONLY;
+}
+
 }  // namespace
 
 extern "C" {
@@ -32,13 +39,19 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (rv != CKR_OK) return rv;
     try {
-        auto& state = moduleState();
-        const std::lock_guard guard(state.lock);
-        if (state.card) return CKR_CRYPTOKI_ALREADY_INITIALIZED;
         std::shared_ptr<platform::token_store::TesseraTokenWatcher> watcher =
             store::watchUserToken();
-        state.card = std::make_unique<Card>([watcher] { return watcher->changes(); });
-        return CKR_OK;
+        // Every use of a handle asks whether the card changed. Asking the store costs more than
+        // a signature's share allows, so it is asked only when a file of its folder was written.
+        auto folder = std::make_shared<platform::os::FolderChanges>(store::userCardFolder());
+        auto card = std::make_unique<Card>(
+            [watcher, folder]() -> std::optional<platform::token_store::TesseraTokenSnapshot> {
+                if (!folder->changedSinceLastAsk()) return std::nullopt;
+                return watcher->changes();
+            });
+        return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
+    } catch (const CryptokiError& error) {
+        return error.rv();
     } catch (const std::bad_alloc&) {
         return CKR_HOST_MEMORY;
     } catch (const std::exception& error) {
@@ -49,11 +62,7 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
 
 CK_RV C_Finalize(CK_VOID_PTR pReserved) {
     if (pReserved != nullptr) return CKR_ARGUMENTS_BAD;
-    auto& state = moduleState();
-    const std::lock_guard guard(state.lock);
-    if (!state.card) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    state.card.reset();
-    return CKR_OK;
+    return endCard() ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
@@ -119,22 +128,17 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
 CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
     return onCard([&](Card&) {
         Card::checkSlot(slotID);
-        throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
+        // The tool's delete-all-identities empties the card; nothing here starts it anew.
+        throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED);
     });
 }
 
 CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        throw CryptokiError(CKR_SESSION_READ_ONLY);
-    });
+    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
 }
 
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        throw CryptokiError(CKR_SESSION_READ_ONLY);
-    });
+    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
 }
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
@@ -163,14 +167,14 @@ CK_RV C_CloseAllSessions(CK_SLOT_ID slotID) {
 
 CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
     return onCard([&](Card& card) {
-        const Session& session = card.session(hSession);
+        const auto session = card.session(hSession);
         require(pInfo);
         pInfo->slotID = Card::slotID;
-        const bool readWrite = (session.flags & CKF_RW_SESSION) != 0;
+        const bool readWrite = (session->flags & CKF_RW_SESSION) != 0;
         pInfo->state = card.loggedIn()
                            ? (readWrite ? CKS_RW_USER_FUNCTIONS : CKS_RO_USER_FUNCTIONS)
                            : (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION);
-        pInfo->flags = session.flags;
+        pInfo->flags = session->flags;
         pInfo->ulDeviceError = 0;
     });
 }
@@ -183,8 +187,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
         switch (userType) {
             case CKU_USER:
                 // The token has no PIN: logging in changes nothing but the session state.
-                if (card.loggedIn()) throw CryptokiError(CKR_USER_ALREADY_LOGGED_IN);
-                card.setLoggedIn(true);
+                card.logIn();
                 return;
             case CKU_SO:
                 // There is no security officer, so no PIN is the right one.
@@ -201,8 +204,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        if (!card.loggedIn()) throw CryptokiError(CKR_USER_NOT_LOGGED_IN);
-        card.setLoggedIn(false);
+        card.logOut();
     });
 }
 

@@ -6,26 +6,16 @@ using namespace keyloft::pkcs11;
 
 namespace {
 
-const TokenObject& objectOf(Card& card, CK_OBJECT_HANDLE handle) {
-    const TokenObject* object = card.objects().find(handle);
-    if (object == nullptr) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
-    return *object;
+// The object as the token holds it now; CKR_OBJECT_HANDLE_INVALID once it has gone.
+std::shared_ptr<const TokenObject> objectOf(Card& card, CK_OBJECT_HANDLE handle) {
+    auto object = card.objects().find(handle);
+    if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
+    return object;
 }
 
 }  // namespace
 
 extern "C" {
-
-CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
-                     CK_OBJECT_HANDLE_PTR phObject) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        arrayArgument(pTemplate, ulCount);
-        require(phObject);
-        // Identities are made with the tool; the card takes no objects from applications.
-        throw CryptokiError(CKR_TOKEN_WRITE_PROTECTED);
-    });
-}
 
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                    CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject) {
@@ -35,15 +25,6 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
         arrayArgument(pTemplate, ulCount);
         require(phNewObject);
         throw CryptokiError(CKR_ACTION_PROHIBITED);
-    });
-}
-
-CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        objectOf(card, hObject);
-        if (!card.objects().destroySessionObject(hObject))
-            throw CryptokiError(CKR_ACTION_PROHIBITED);
     });
 }
 
@@ -60,56 +41,44 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        const TokenObject& object = objectOf(card, hObject);
-        const CK_RV rv = object.attributes.copyInto(arrayArgument(pTemplate, ulCount));
+        const auto object = objectOf(card, hObject);
+        const CK_RV rv = object->attributes.copyInto(arrayArgument(pTemplate, ulCount));
         if (rv != CKR_OK) throw CryptokiError(rv);
-    });
-}
-
-CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
-                          CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        objectOf(card, hObject);
-        arrayArgument(pTemplate, ulCount);
-        throw CryptokiError(CKR_ACTION_PROHIBITED);
     });
 }
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
+        const auto session = card.session(hSession);
         const auto searchTemplate = arrayArgument(pTemplate, ulCount);
-        if (session.searchResults) throw CryptokiError(CKR_OPERATION_ACTIVE);
-        // What the tool changed while the application ran shows from here on.
-        card.objects().refresh();
-        session.searchResults = card.objects().search(searchTemplate);
-        session.searchPosition = 0;
+        if (session->searchResults) throw CryptokiError(CKR_OPERATION_ACTIVE);
+        session->searchResults = card.objects().search(searchTemplate);
+        session->searchPosition = 0;
     });
 }
 
 CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject,
                     CK_ULONG ulMaxObjectCount, CK_ULONG_PTR pulObjectCount) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
+        const auto session = card.session(hSession);
         require(pulObjectCount);
         const auto out = arrayArgument(phObject, ulMaxObjectCount);
-        if (!session.searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
-        const auto& results = *session.searchResults;
+        if (!session->searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
+        const auto& results = *session->searchResults;
         const std::size_t count =
-            std::min<std::size_t>(out.size(), results.size() - session.searchPosition);
-        std::copy_n(results.begin() + static_cast<std::ptrdiff_t>(session.searchPosition), count,
+            std::min<std::size_t>(out.size(), results.size() - session->searchPosition);
+        std::copy_n(results.begin() + static_cast<std::ptrdiff_t>(session->searchPosition), count,
                     out.begin());
-        session.searchPosition += count;
+        session->searchPosition += count;
         *pulObjectCount = count;
     });
 }
 
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession) {
     return onCard([&](Card& card) {
-        Session& session = card.session(hSession);
-        if (!session.searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
-        session.searchResults.reset();
+        const auto session = card.session(hSession);
+        if (!session->searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
+        session->searchResults.reset();
     });
 }
 

@@ -1,5 +1,6 @@
-// Entry points for what the card does not do: verification, encryption and digests are the
-// application's own work on public data, and the card makes no keys.
+// Entry points for what the card does not do: encryption and recovery are the application's own
+// work on public data, the card keeps no secret keys and wraps none, and an operation's state
+// holds what must not leave the module.
 #include "pkcs11/module_state.hpp"
 
 using namespace keyloft::pkcs11;
@@ -51,47 +52,11 @@ CK_RV C_DecryptFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
     return unsupported();
 }
 
-CK_RV C_DigestInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR) {
-    return unsupported();
-}
-
-CK_RV C_Digest(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
-CK_RV C_DigestUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_DigestKey(CK_SESSION_HANDLE, CK_OBJECT_HANDLE) {
-    return unsupported();
-}
-
-CK_RV C_DigestFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
 CK_RV C_SignRecoverInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
     return unsupported();
 }
 
 CK_RV C_SignRecover(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG_PTR) {
-    return unsupported();
-}
-
-CK_RV C_VerifyInit(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_OBJECT_HANDLE) {
-    return unsupported();
-}
-
-CK_RV C_Verify(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_VerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
-    return unsupported();
-}
-
-CK_RV C_VerifyFinal(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG) {
     return unsupported();
 }
 
@@ -121,11 +86,6 @@ CK_RV C_DecryptVerifyUpdate(CK_SESSION_HANDLE, CK_BYTE_PTR, CK_ULONG, CK_BYTE_PT
 
 CK_RV C_GenerateKey(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
                     CK_OBJECT_HANDLE_PTR) {
-    return unsupported();
-}
-
-CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE, CK_MECHANISM_PTR, CK_ATTRIBUTE_PTR, CK_ULONG,
-                        CK_ATTRIBUTE_PTR, CK_ULONG, CK_OBJECT_HANDLE_PTR, CK_OBJECT_HANDLE_PTR) {
     return unsupported();
 }
 

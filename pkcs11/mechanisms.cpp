@@ -16,6 +16,7 @@ constexpr std::array table{
     Mechanism{CKM_ECDSA_SHA384, Scheme::ecdsa, DigestAlgorithm::sha384},
     Mechanism{CKM_ECDSA_SHA512, Scheme::ecdsa, DigestAlgorithm::sha512},
     Mechanism{CKM_ECDH1_DERIVE, Scheme::ecdh, std::nullopt},
+    Mechanism{CKM_EC_KEY_PAIR_GEN, Scheme::ecKeyPair, std::nullopt},
     Mechanism{CKM_RSA_PKCS, Scheme::rsaPkcs1, std::nullopt},
     Mechanism{CKM_SHA1_RSA_PKCS, Scheme::rsaPkcs1, DigestAlgorithm::sha1},
     Mechanism{CKM_SHA224_RSA_PKCS, Scheme::rsaPkcs1, DigestAlgorithm::sha224},
@@ -29,6 +30,11 @@ constexpr std::array table{
     Mechanism{CKM_SHA384_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha384},
     Mechanism{CKM_SHA512_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha512},
     Mechanism{CKM_RSA_PKCS_OAEP, Scheme::rsaOaep, std::nullopt},
+    Mechanism{CKM_SHA_1, Scheme::digest, DigestAlgorithm::sha1},
+    Mechanism{CKM_SHA224, Scheme::digest, DigestAlgorithm::sha224},
+    Mechanism{CKM_SHA256, Scheme::digest, DigestAlgorithm::sha256},
+    Mechanism{CKM_SHA384, Scheme::digest, DigestAlgorithm::sha384},
+    Mechanism{CKM_SHA512, Scheme::digest, DigestAlgorithm::sha512},
 };
 
 constexpr CK_ULONG ecMinBits = 256;
@@ -50,20 +56,27 @@ const Mechanism* findMechanism(CK_MECHANISM_TYPE type) {
 }
 
 CK_KEY_TYPE keyTypeOf(Scheme scheme) {
-    return scheme == Scheme::ecdsa || scheme == Scheme::ecdh ? CKK_EC : CKK_RSA;
+    if (scheme == Scheme::digest) return CK_UNAVAILABLE_INFORMATION;
+    return scheme == Scheme::ecdsa || scheme == Scheme::ecdh || scheme == Scheme::ecKeyPair
+               ? CKK_EC
+               : CKK_RSA;
 }
 
 CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism) {
     switch (mechanism.scheme) {
         case Scheme::ecdsa:
-            return {ecMinBits, ecMaxBits, CKF_SIGN | ecCurveFlags};
+            return {ecMinBits, ecMaxBits, CKF_SIGN | CKF_VERIFY | ecCurveFlags};
         case Scheme::ecdh:
             return {ecMinBits, ecMaxBits, CKF_DERIVE | ecCurveFlags};
         case Scheme::rsaPkcs1:
         case Scheme::rsaPss:
-            return {rsaMinBits, rsaMaxBits, CKF_SIGN};
+            return {rsaMinBits, rsaMaxBits, CKF_SIGN | CKF_VERIFY};
         case Scheme::rsaOaep:
             return {rsaMinBits, rsaMaxBits, CKF_DECRYPT};
+        case Scheme::digest:
+            return {0, 0, CKF_DIGEST};
+        case Scheme::ecKeyPair:
+            return {ecMinBits, ecMaxBits, CKF_GENERATE_KEY_PAIR | ecCurveFlags};
     }
     return {};
 }
@@ -71,7 +84,9 @@ CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism) {
 std::vector<CK_MECHANISM_TYPE> mechanismsFor(CK_KEY_TYPE keyType) {
     std::vector<CK_MECHANISM_TYPE> types;
     for (const auto& mechanism : table) {
-        if (keyTypeOf(mechanism.scheme) == keyType) types.push_back(mechanism.type);
+        // A key's mechanisms are what it is used with, not how it was made.
+        if (keyTypeOf(mechanism.scheme) == keyType && mechanism.scheme != Scheme::ecKeyPair)
+            types.push_back(mechanism.type);
     }
     return types;
 }

@@ -9,7 +9,7 @@
 
 namespace keyloft::pkcs11 {
 
-enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep };
+enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep, digest, ecKeyPair };
 
 // What the module does for one mechanism.
 struct Mechanism {
@@ -24,6 +24,7 @@ std::span<const Mechanism> mechanisms();
 // Nothing for a mechanism the module does not offer.
 const Mechanism* findMechanism(CK_MECHANISM_TYPE type);
 
+// The key type a scheme works with; CK_UNAVAILABLE_INFORMATION for digests, which take no key.
 CK_KEY_TYPE keyTypeOf(Scheme scheme);
 // Key sizes in bits and CKF_ flags, as C_GetMechanismInfo reports them.
 CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism);

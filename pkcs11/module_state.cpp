@@ -1,12 +1,61 @@
 #include "pkcs11/module_state.hpp"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/crypto/digest_stream.hpp"
 
 namespace keyloft::pkcs11 {
+namespace {
+
+// Applications finalize from exit handlers registered before they first initialized the module,
+// which run after the crypto library's own cleanup. So this handler, registered once the crypto
+// library has started and so run ahead of its cleanup (or at dlclose), frees every key the card
+// holds while that is still safe; the card itself stays for the application's handlers to close.
+void releaseKeysAtExit() {
+    auto& state = moduleState();
+    const std::shared_lock guard(state.lock);
+    if (state.card) state.card->releaseKeys();
+}
+
+// Runs at dlclose, and at exit after every exit handler: a card the application never finalized
+// goes with the module. It holds no keys by then.
+[[gnu::destructor]] void endCardAtUnload() {
+    endCard();
+}
+
+}  // namespace
 
 ModuleState& moduleState() {
-    static ModuleState state;
-    return state;
+    // In the module's own storage, so that unloading it leaves nothing allocated behind.
+    alignas(ModuleState) static std::byte storage[sizeof(ModuleState)];
+    static ModuleState* const state = new (storage) ModuleState;
+    return *state;
+}
+
+bool startCard(std::unique_ptr<Card> card) {
+    platform::crypto::startCryptoLibrary();
+    static std::once_flag registered;
+    std::call_once(registered, [] {
+        if (std::atexit(releaseKeysAtExit) != 0) throw CryptokiError(CKR_HOST_MEMORY);
+    });
+    auto& state = moduleState();
+    const std::unique_lock guard(state.lock);
+    if (state.card) return false;
+    state.card = std::move(card);
+    return true;
+}
+
+bool endCard() {
+    std::unique_ptr<Card> ended;
+    auto& state = moduleState();
+    {
+        const std::unique_lock guard(state.lock);
+        ended = std::move(state.card);
+    }
+    return ended != nullptr;
 }
 
 bool roomFor(std::size_t size, CK_BYTE_PTR buffer, CK_ULONG_PTR length) {

@@ -1,8 +1,8 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <new>
+#include <shared_mutex>
 
 #include "base/error.hpp"
 #include "pkcs11/card.hpp"
@@ -10,14 +10,22 @@
 
 namespace keyloft::pkcs11 {
 
-// The module's state: one lock serialises every entry point, which makes the module safe for
-// applications that call it from several threads (CKF_OS_LOCKING_OK).
+// The module's state. Entry points share the lock, so calls from different threads run at once
+// (CKF_OS_LOCKING_OK); only starting and ending the card take it alone. The card guards its own
+// sessions and objects.
 struct ModuleState {
-    std::mutex lock;
+    std::shared_mutex lock;
     std::unique_ptr<Card> card;  // set between C_Initialize and C_Finalize
 };
 
+// Never destroyed: applications finalize from exit handlers and thread exits that may run after
+// static destructors, and must find the state whole.
 ModuleState& moduleState();
+
+// Starts the card for C_Initialize; false when it already runs.
+bool startCard(std::unique_ptr<Card> card);
+// Ends the card for C_Finalize; false when none runs.
+bool endCard();
 
 // Runs an entry point's work on the initialised card, turning every failure into its CKR_ value.
 // Nothing escapes into the calling application.
@@ -25,7 +33,7 @@ template <class Work>
 CK_RV onCard(Work&& work) noexcept {
     try {
         auto& state = moduleState();
-        const std::lock_guard guard(state.lock);
+        const std::shared_lock guard(state.lock);
         if (!state.card) return CKR_CRYPTOKI_NOT_INITIALIZED;
         work(*state.card);
         return CKR_OK;

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <vector>
@@ -14,6 +17,8 @@ namespace keyloft::pkcs11 {
 
 // The objects of the token and those sessions made, by handle. A token object keeps its handle
 // across re-reads for as long as it stays on the token; a removed one's handle is never reused.
+// Every use of a handle first takes in what changed on the card, so a handle of something the
+// tool removed fails at once. Safe for use from several threads.
 class ObjectStore {
   public:
     // Answers the token's state when it may have changed, nothing when it has not.
@@ -21,15 +26,14 @@ class ObjectStore {
 
     explicit ObjectStore(Source source) : source_(std::move(source)) {}
 
-    // Takes in what the tool changed since the last refresh.
-    void refresh();
-
     // Nothing for an unknown or removed handle.
-    const TokenObject* find(CK_OBJECT_HANDLE handle) const;
+    std::shared_ptr<const TokenObject> find(CK_OBJECT_HANDLE handle);
     // Handles of every object matching the template, token objects first, in token order.
-    std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate) const;
+    std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate);
     // The stored key a private key object uses; nothing when it has gone.
-    const keys::KeyStorage* storedKey(const KeyFacts& key) const;
+    std::optional<keys::KeyStorage> storedKey(const KeyFacts& key);
+    // The handle of a token object; nothing when the token does not hold it.
+    std::optional<CK_OBJECT_HANDLE> handleOf(const ObjectIdentity& identity);
 
     CK_OBJECT_HANDLE addSessionObject(CK_SESSION_HANDLE owner, TokenObject object);
     // False when the handle is no session object.
@@ -37,19 +41,28 @@ class ObjectStore {
     void dropSessionObjects(CK_SESSION_HANDLE owner);
 
   private:
+    // One reading of the token; never changed once published, so readers need no lock.
+    struct Catalog {
+        std::vector<TokenObject> objects;
+        std::vector<CK_OBJECT_HANDLE> handles;  // parallel to objects
+        std::map<ObjectIdentity, CK_OBJECT_HANDLE> handleOf;
+        std::map<CK_OBJECT_HANDLE, std::size_t> indexOf;
+        keys::StoredKeyMap storedKeys;
+    };
     struct SessionObject {
         CK_SESSION_HANDLE owner;
-        TokenObject object;
+        std::shared_ptr<const TokenObject> object;
     };
 
+    // The catalog as the token is now.
+    std::shared_ptr<const Catalog> current();
+
+    std::mutex refreshLock_;  // the source and the making of catalogs
     Source source_;
-    std::vector<TokenObject> tokenObjects_;
-    std::vector<CK_OBJECT_HANDLE> tokenHandles_;  // parallel to tokenObjects_
-    std::map<ObjectIdentity, CK_OBJECT_HANDLE> handleOf_;
-    std::map<CK_OBJECT_HANDLE, std::size_t> indexOf_;
+    std::shared_ptr<const Catalog> catalog_ = std::make_shared<Catalog>();
+    std::atomic<CK_OBJECT_HANDLE> nextHandle_ = 1;
+    std::mutex sessionObjectsLock_;
     std::map<CK_OBJECT_HANDLE, SessionObject> sessionObjects_;
-    keys::StoredKeyMap storedKeys_;
-    CK_OBJECT_HANDLE nextHandle_ = 1;
 };
 
 }  // namespace keyloft::pkcs11

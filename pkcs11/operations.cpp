@@ -1,10 +1,12 @@
 #include "pkcs11/operations.hpp"
 
 #include "base/error.hpp"
+#include "base/key_types.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "der/digest_info.hpp"
 #include "der/ecdsa_signature.hpp"
 #include "der/object_identifiers.hpp"
+#include "platform/key_service/signature_check.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -33,11 +35,14 @@ const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObje
                                   CK_ATTRIBUTE_TYPE usage) {
     const Mechanism* found = findMechanism(mechanism.mechanism);
     if (found == nullptr) throw CryptokiError(CKR_MECHANISM_INVALID);
-    if (!key.key || key.identity.objectClass != CKO_PRIVATE_KEY)
+    const CK_OBJECT_CLASS keyClass = usage == CKA_VERIFY ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
+    if (!key.key || key.identity.objectClass != keyClass)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
-    if (keyTypeOf(found->scheme) != key.key->keyType)
+    if (found->scheme == Scheme::digest || found->scheme == Scheme::ecKeyPair ||
+        keyTypeOf(found->scheme) != key.key->keyType)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
     const CK_FLAGS needed = usage == CKA_SIGN      ? CKF_SIGN
+                            : usage == CKA_VERIFY  ? CKF_VERIFY
                             : usage == CKA_DECRYPT ? CKF_DECRYPT
                                                    : CKF_DERIVE;
     if ((mechanismInfo(*found).flags & needed) == 0) throw CryptokiError(CKR_MECHANISM_INVALID);
@@ -75,8 +80,9 @@ ByteView digestOid(DigestAlgorithm digest) {
 
 }  // namespace
 
-SignOperation::SignOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
-    : mechanism_(&checkedMechanism(mechanism, key, CKA_SIGN)), key_(*key.key) {
+SignatureInput::SignatureInput(const CK_MECHANISM& mechanism, const TokenObject& key,
+                               CK_ATTRIBUTE_TYPE usage)
+    : mechanism_(&checkedMechanism(mechanism, key, usage)), key_(*key.key) {
     if (mechanism_->scheme != Scheme::rsaPss) {
         expectNoParameters(mechanism);
         return;
@@ -93,39 +99,87 @@ SignOperation::SignOperation(const CK_MECHANISM& mechanism, const TokenObject& k
     pss_ = platform::key_service::RsaPssParameters{hash, mgf, pss->sLen};
 }
 
-std::size_t SignOperation::signatureSize() const {
+std::size_t SignatureInput::signatureSize() const {
     return key_.keyType == CKK_EC ? 2 * fieldSize(key_) : fieldSize(key_);
 }
 
-Bytes SignOperation::sign(const platform::key_service::PrivateKey& handle) const {
+Bytes SignatureInput::signedBytes() const {
     const Bytes input =
         mechanism_->digest ? platform::crypto::digest(*mechanism_->digest, data_) : Bytes(data_);
     switch (mechanism_->scheme) {
-        case Scheme::ecdsa: {
+        case Scheme::ecdsa:
             if (input.empty()) throw CryptokiError(CKR_DATA_LEN_RANGE);
-            const Bytes signature = handle.sign(
-                platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
-            auto raw = der::rawEcdsaSignature(signature, fieldSize(key_));
-            if (!raw) throw CryptokiError(CKR_FUNCTION_FAILED);
-            return std::move(*raw);
-        }
+            return input;
         case Scheme::rsaPkcs1: {
-            const Bytes block = mechanism_->digest
-                                    ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
-                                    : input;
+            Bytes block = mechanism_->digest
+                              ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
+                              : input;
             if (block.size() + 11 > fieldSize(key_)) throw CryptokiError(CKR_DATA_LEN_RANGE);
-            return handle.sign(
-                platform::key_service::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, block);
+            return block;
         }
         case Scheme::rsaPss:
             if (input.size() != platform::crypto::digestSize(pss_->hash))
                 throw CryptokiError(CKR_DATA_LEN_RANGE);
-            return handle.signRsaPss(input, *pss_);
+            return input;
         case Scheme::ecdh:
         case Scheme::rsaOaep:
+        case Scheme::digest:
+        case Scheme::ecKeyPair:
             break;
     }
     throw CryptokiError(CKR_MECHANISM_INVALID);
+}
+
+Bytes SignOperation::sign(const platform::key_service::PrivateKey& handle) const {
+    const Bytes input = signedBytes();
+    switch (scheme()) {
+        case Scheme::ecdsa: {
+            const Bytes signature = handle.sign(
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962, input);
+            auto raw = der::rawEcdsaSignature(signature, fieldSize(key()));
+            if (!raw) throw CryptokiError(CKR_FUNCTION_FAILED);
+            return std::move(*raw);
+        }
+        case Scheme::rsaPkcs1:
+            return handle.sign(
+                platform::key_service::SignatureAlgorithm::rsaSignatureDigestPKCS1v15Raw, input);
+        default:
+            return handle.signRsaPss(input, pss());
+    }
+}
+
+void VerifyOperation::verify(ByteView signature) const {
+    if (signature.size() != signatureSize()) throw CryptokiError(CKR_SIGNATURE_LEN_RANGE);
+    const Bytes input = signedBytes();
+    const platform::key_service::SignatureCheck check(
+        key().keyType == CKK_EC ? keyTypeEC : keyTypeRSA, key().publicKeyData);
+    const bool good = scheme() == Scheme::ecdsa      ? check.ecdsa(input, signature)
+                      : scheme() == Scheme::rsaPkcs1 ? check.rsaPkcs1(input, signature)
+                                                     : check.rsaPss(input, signature, pss());
+    if (!good) throw CryptokiError(CKR_SIGNATURE_INVALID);
+}
+
+DigestOperation::DigestOperation(const CK_MECHANISM& mechanism)
+    : stream_([&] {
+          const Mechanism* found = findMechanism(mechanism.mechanism);
+          if (found == nullptr || found->scheme != Scheme::digest)
+              throw CryptokiError(CKR_MECHANISM_INVALID);
+          expectNoParameters(mechanism);
+          return platform::crypto::DigestStream(*found->digest);
+      }()) {}
+
+std::size_t DigestOperation::digestSize() const {
+    return platform::crypto::digestSize(stream_.algorithm());
+}
+
+void DigestOperation::update(ByteView part) {
+    stream_.update(part);
+}
+
+Bytes DigestOperation::finish() const {
+    // The stream is copied so that a call that only asks for the size leaves it usable.
+    platform::crypto::DigestStream copy = stream_;
+    return copy.finish();
 }
 
 DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key)

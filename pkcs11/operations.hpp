@@ -5,6 +5,7 @@
 #include "base/bytes.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/token_objects.hpp"
+#include "platform/crypto/digest_stream.hpp"
 #include "platform/crypto/secret.hpp"
 #include "platform/key_service/private_key.hpp"
 
@@ -12,21 +13,65 @@
 // key when it starts and throws CryptokiError with the return value the standard gives.
 namespace keyloft::pkcs11 {
 
-class SignOperation {
+// What a signing mechanism signs: the data given so far, hashed or encoded as the mechanism says.
+// Signing and verification share it.
+class SignatureInput {
   public:
-    SignOperation(const CK_MECHANISM& mechanism, const TokenObject& key);
+    // usage: CKA_SIGN for a private key, CKA_VERIFY for a public key.
+    SignatureInput(const CK_MECHANISM& mechanism, const TokenObject& key, CK_ATTRIBUTE_TYPE usage);
 
     const KeyFacts& key() const { return key_; }
     std::size_t signatureSize() const;
     void update(ByteView part) { data_.insert(data_.end(), part.begin(), part.end()); }
-    // The signature over everything given so far.
-    Bytes sign(const platform::key_service::PrivateKey& handle) const;
+
+  protected:
+    Scheme scheme() const { return mechanism_->scheme; }
+    const platform::key_service::RsaPssParameters& pss() const { return *pss_; }
+    // The bytes the key signs: the digest (ECDSA, PSS) or the block to pad (PKCS#1 v1.5). Throws
+    // CKR_DATA_LEN_RANGE when the data cannot be signed with the key.
+    Bytes signedBytes() const;
 
   private:
     const Mechanism* mechanism_;
     KeyFacts key_;
     std::optional<platform::key_service::RsaPssParameters> pss_;
     Bytes data_;
+};
+
+class SignOperation : public SignatureInput {
+  public:
+    SignOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+        : SignatureInput(mechanism, key, CKA_SIGN) {}
+
+    // The signature over everything given so far.
+    Bytes sign(const platform::key_service::PrivateKey& handle) const;
+};
+
+class VerifyOperation : public SignatureInput {
+  public:
+    VerifyOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+        : SignatureInput(mechanism, key, CKA_VERIFY) {}
+
+    // Throws CKR_SIGNATURE_LEN_RANGE or CKR_SIGNATURE_INVALID unless the signature is good for
+    // everything given so far.
+    void verify(ByteView signature) const;
+};
+
+// A digest of data given in one part or several.
+class DigestOperation {
+  public:
+    explicit DigestOperation(const CK_MECHANISM& mechanism);
+
+    std::size_t digestSize() const;
+    void update(ByteView part);
+    // True once data went in by parts: the one-call form may no longer finish the operation.
+    bool inParts() const { return inParts_; }
+    void markInParts() { inParts_ = true; }
+    Bytes finish() const;
+
+  private:
+    platform::crypto::DigestStream stream_;
+    bool inParts_ = false;
 };
 
 class DecryptOperation {

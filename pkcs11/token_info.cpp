@@ -56,8 +56,8 @@ CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount, CK_ULONG readWriteSessionCount) {
     fill(info.manufacturerID, "keyloft");
     fill(info.model, "virtual card");
     fill(info.serialNumber, serialNumber());
-    // Identities are managed with the tool; applications only use them, without a PIN.
-    info.flags = CKF_WRITE_PROTECTED | CKF_TOKEN_INITIALIZED | CKF_RNG;
+    // Applications use and manage identities without a PIN, as the tool does.
+    info.flags = CKF_TOKEN_INITIALIZED | CKF_RNG;
     info.ulMaxSessionCount = CK_EFFECTIVELY_INFINITE;
     info.ulSessionCount = sessionCount;
     info.ulMaxRwSessionCount = CK_EFFECTIVELY_INFINITE;

@@ -26,16 +26,17 @@ Bytes mechanismList(CK_KEY_TYPE keyType) {
     return Bytes(first, first + types.size() * sizeof(CK_MECHANISM_TYPE));
 }
 
-// Attributes every object here shares: token objects nobody can change through the module.
+// Attributes every object here shares: token objects whose label applications may change (for
+// the whole identity), and whose keys they may destroy (the identity with them).
 AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
                               const std::optional<std::string>& label) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, objectClass);
     attributes.setBool(CKA_TOKEN, true);
     attributes.setBool(CKA_PRIVATE, false);
-    attributes.setBool(CKA_MODIFIABLE, false);
+    attributes.setBool(CKA_MODIFIABLE, true);
     attributes.setBool(CKA_COPYABLE, false);
-    attributes.setBool(CKA_DESTROYABLE, false);
+    attributes.setBool(CKA_DESTROYABLE, objectClass != CKO_CERTIFICATE);
     // Applications print labels and write them into files line by line (ssh-keygen -D).
     attributes.set(CKA_LABEL, textValue(label ? std::optional(withoutControlCharacters(*label))
                                               : std::nullopt));
@@ -43,8 +44,9 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     return attributes;
 }
 
-TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item) {
-    auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, item.label);
+TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item,
+                              const std::optional<std::string>& label) {
+    auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, label);
     attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
     attributes.setBool(CKA_TRUSTED, false);
     attributes.setUlong(CKA_CERTIFICATE_CATEGORY, certificateCategoryUnspecified);
@@ -129,23 +131,24 @@ Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& it
 }
 
 void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
-                      const keys::StoredKeyMap& storedKeys, std::vector<TokenObject>& objects) {
+                      const std::optional<std::string>& label, const keys::StoredKeyMap& storedKeys,
+                      std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
     if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
     const auto fields = readCertificate(item.certificate);
     const Capabilities can = capabilitiesOf(item, keyType);
-    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash};
+    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash,
+                         *item.publicKeyData};
 
     auto shared = [&](CK_OBJECT_CLASS objectClass) {
-        auto attributes = commonAttributes(objectClass, item.objectID, item.label);
+        auto attributes = commonAttributes(objectClass, item.objectID, label);
         attributes.setUlong(CKA_KEY_TYPE, keyType);
         attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
         attributes.set(CKA_PUBLIC_KEY_INFO,
                        fields ? bytesOf(fields->subjectPublicKeyInfo()) : Bytes{});
         attributes.set(CKA_START_DATE, {});
         attributes.set(CKA_END_DATE, {});
-        attributes.setBool(CKA_DERIVE, can.derive);
         attributes.set(CKA_ALLOWED_MECHANISMS, mechanismList(keyType));
         for (const auto type : {CKA_EC_PARAMS, CKA_MODULUS, CKA_PUBLIC_EXPONENT}) {
             if (const Bytes* value = keyAttributes.find(type)) attributes.set(type, *value);
@@ -153,9 +156,12 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
         return attributes;
     };
 
+    // Usages the module performs with the object: it verifies with public keys, but encrypts
+    // with none and derives only with private keys.
     auto publicKey = shared(CKO_PUBLIC_KEY);
     publicKey.setBool(CKA_VERIFY, can.sign);
-    publicKey.setBool(CKA_ENCRYPT, can.decrypt);
+    publicKey.setBool(CKA_ENCRYPT, false);
+    publicKey.setBool(CKA_DERIVE, false);
     publicKey.setBool(CKA_VERIFY_RECOVER, false);
     publicKey.setBool(CKA_WRAP, false);
     publicKey.setBool(CKA_TRUSTED, false);
@@ -175,6 +181,7 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     const bool bound = !keys::protectionOf(stored->second).exportable;
     auto privateKey = shared(CKO_PRIVATE_KEY);
     privateKey.setBool(CKA_SIGN, can.sign);
+    privateKey.setBool(CKA_DERIVE, can.derive);
     privateKey.setBool(CKA_DECRYPT, can.decrypt);
     privateKey.setBool(CKA_SIGN_RECOVER, false);
     privateKey.setBool(CKA_UNWRAP, false);
@@ -194,6 +201,25 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     objects.push_back(keyObject(CKO_PRIVATE_KEY, item.objectID, std::move(privateKey), facts));
 }
 
+// One label per identity (the items sharing an object id), so that applications that pair a
+// certificate with its key by label find both: the key item's, else the certificate item's. Cards
+// written before certificate replacement kept the label have certificate items without one.
+std::map<Bytes, std::string> identityLabels(const platform::token_store::TesseraTokenItems& items) {
+    std::map<Bytes, std::string> labels;
+    for (const auto& item : items) {
+        std::visit(
+            [&](const auto& entry) {
+                if (!entry.label || entry.label->empty()) return;
+                constexpr bool isKey = std::is_same_v<std::decay_t<decltype(entry)>,
+                                                      platform::token_store::TesseraTokenKeyItem>;
+                if (isKey || !labels.contains(entry.objectID))
+                    labels[entry.objectID] = *entry.label;
+            },
+            item);
+    }
+    return labels;
+}
+
 }  // namespace
 
 bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
@@ -203,14 +229,19 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
 
 std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
                                       const keys::StoredKeyMap& storedKeys) {
+    const auto labels = identityLabels(items);
+    auto labelOf = [&](const Bytes& objectID) {
+        const auto found = labels.find(objectID);
+        return found != labels.end() ? std::optional(found->second) : std::nullopt;
+    };
     std::vector<TokenObject> objects;
     for (const auto& item : items) {
         if (const auto* certificate =
                 std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
-            objects.push_back(certificateObject(*certificate));
+            objects.push_back(certificateObject(*certificate, labelOf(certificate->objectID)));
         } else {
-            appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), storedKeys,
-                             objects);
+            const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
+            appendKeyObjects(key, labelOf(key.objectID), storedKeys, objects);
         }
     }
     // Objects of one class may share an id; their order in the list tells them apart.

@@ -25,6 +25,7 @@ struct KeyFacts {
     CK_KEY_TYPE keyType;
     CK_ULONG sizeInBits;
     Bytes publicKeyHash;  // names the stored key of a private key
+    Bytes publicKeyData;  // EC point or DER RSAPublicKey, for verification
 };
 
 struct TokenObject {

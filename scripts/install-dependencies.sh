@@ -11,7 +11,9 @@ packages=(
     scdoc bash-completion man-db debhelper dpkg-dev lintian
     openssl openssh-client python3 python3-pytest python3-cryptography
     # Clients the PKCS#11 module is tested with.
-    opensc openssh-server libengine-pkcs11-openssl python3-pykcs11
+    opensc openssh-server libengine-pkcs11-openssl python3-pykcs11 gnutls-bin libnss3-tools
+    # The signing benchmark compares the module with SoftHSM2.
+    softhsm2
     # The TPM tests: a simulator behind the resource manager, on a private D-Bus.
     swtpm tpm2-abrmd libtss2-tcti-tabrmd0 dbus-daemon dbus-bin
     # The presence check without a terminal: polkit on a private system bus.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "keys/stored_key_records.hpp"
@@ -51,9 +52,15 @@ void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash);
 // Removes the hash's stored-key record and stores the re-encoded records.
 void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash);
 
-// Replaces the certificate item of the hash with one for the certificate, appended after the rest
-// of the list; false when the card holds no certificate of the hash. Throws "Failed to create
-// token certificate" when no item can be made of the certificate.
+// The label of the identity with the hash: its key item's, else its certificate item's; nothing
+// when neither has one.
+std::optional<std::string> identityLabel(const platform::token_store::TesseraTokenItems& items,
+                                         ByteView hash);
+
+// Replaces the certificate item of the hash with one for the certificate, labelled with the
+// identity's label, appended after the rest of the list; false when the card holds no certificate
+// of the hash. Throws "Failed to create token certificate" when no item can be made of the
+// certificate.
 bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView certificate,
                             ByteView hash);
 

@@ -30,6 +30,10 @@ platform::token_store::TesseraTokenConfiguration userToken(
                                 : driver->second.addTokenConfiguration(userInstanceID);
 }
 
+std::filesystem::path userCardFolder() {
+    return platform::os::dataFolderLocation();
+}
+
 std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchUserToken() {
     return std::make_unique<platform::token_store::TesseraTokenWatcher>(
         platform::os::dataFolderLocation() / storeFileName, std::string(driverClassID),

@@ -21,6 +21,9 @@ platform::token_store::TesseraDriverRegistry openUserRegistry();
 platform::token_store::TesseraTokenConfiguration userToken(
     const platform::token_store::TesseraDriverRegistry& registry);
 
+// The folder of the store file.
+std::filesystem::path userCardFolder();
+
 // Follows the user's token for a reader beside the tool; creates nothing.
 std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchUserToken();
 

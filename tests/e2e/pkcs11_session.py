@@ -24,7 +24,14 @@ def main(module):
         if command == "find":
             answer = []
             for key in private_keys(session):
-                label, id_ = session.getAttributeValue(key, [LowLevel.CKA_LABEL, LowLevel.CKA_ID])
+                try:
+                    label, id_ = session.getAttributeValue(key,
+                                                           [LowLevel.CKA_LABEL, LowLevel.CKA_ID])
+                except PyKCS11.PyKCS11Error as error:
+                    # Deleted by the tool since the search: a handle fails at its next use.
+                    if error.value != LowLevel.CKR_OBJECT_HANDLE_INVALID:
+                        raise
+                    continue
                 answer.append([label, bytes(id_).hex()])
         else:
             (key,) = private_keys(session, [(LowLevel.CKA_ID, bytes.fromhex(args[0]))])

@@ -42,7 +42,7 @@ def test_issued_certificate_replaces_the_old_one_and_goes_last(card, two, tmp_pa
     assert card.out("import-certificate", "-f", str(tmp_path / "issued.pem")) == ""
     items = card.items()
     assert [(kind, label) for kind, _, label, *_ in items] == [
-        ("key", "a"), ("certificate", "b"), ("key", "b"), ("certificate", None)]
+        ("key", "a"), ("certificate", "b"), ("key", "b"), ("certificate", "a")]
     assert items[-1][1] == key_hash(two[0])
     assert items[-1][3] == der(certificate)
 

@@ -52,19 +52,12 @@ const Call calls[] = {
      CKR_SLOT_ID_INVALID},
     {"NullTokenInfo", [](auto& p, auto, auto) { return p.C_GetTokenInfo(0, nullptr); },
      CKR_ARGUMENTS_BAD},
-    {"ReadWriteSessionStillWritesNothing",
-     [](auto& p, auto, auto k) {
-         CK_SESSION_HANDLE other = 0;
-         p.C_OpenSession(0, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &other);
-         return p.C_DestroyObject(other, k);
-     },
-     CKR_ACTION_PROHIBITED},
-    {"CreateObject",
+    {"CreateObjectWithoutClass",
      [](auto& p, auto s, auto) {
          CK_OBJECT_HANDLE created;
          return p.C_CreateObject(s, nullptr, 0, &created);
      },
-     CKR_TOKEN_WRITE_PROTECTED},
+     CKR_TEMPLATE_INCOMPLETE},
     {"ParallelSession",
      [](auto& p, auto, auto) {
          CK_SESSION_HANDLE other = 0;
@@ -168,8 +161,14 @@ const Call calls[] = {
          return p.C_DeriveKey(s, &ecdh, k, nullptr, 0, &derived);
      },
      CKR_MECHANISM_PARAM_INVALID},
-    {"DestroyTokenObject", [](auto& p, auto s, auto k) { return p.C_DestroyObject(s, k); },
-     CKR_ACTION_PROHIBITED},
+    {"DestroyInReadOnlySession", [](auto& p, auto s, auto k) { return p.C_DestroyObject(s, k); },
+     CKR_SESSION_READ_ONLY},
+    {"RelabelInReadOnlySession",
+     [](auto& p, auto s, auto k) {
+         CK_ATTRIBUTE label{CKA_LABEL, buffer, 3};
+         return p.C_SetAttributeValue(s, k, &label, 1);
+     },
+     CKR_SESSION_READ_ONLY},
     {"LoginAsSecurityOfficer",
      [](auto& p, auto s, auto) { return p.C_Login(s, CKU_SO, nullptr, 0); },
      CKR_SESSION_READ_ONLY_EXISTS},
@@ -177,8 +176,10 @@ const Call calls[] = {
      CKR_USER_NOT_LOGGED_IN},
     {"InitializeTwice", [](auto& p, auto, auto) { return p.C_Initialize(nullptr); },
      CKR_CRYPTOKI_ALREADY_INITIALIZED},
-    {"Verify", [](auto& p, auto s, auto k) { return p.C_VerifyInit(s, &ecdsa, k); },
-     CKR_FUNCTION_NOT_SUPPORTED},
+    {"VerifyWithPrivateKey", [](auto& p, auto s, auto k) { return p.C_VerifyInit(s, &ecdsa, k); },
+     CKR_KEY_TYPE_INCONSISTENT},
+    {"DigestWithSigningMechanism", [](auto& p, auto s, auto) { return p.C_DigestInit(s, &ecdsa); },
+     CKR_MECHANISM_INVALID},
 };
 
 INSTANTIATE_TEST_SUITE_P(Calls, Arguments, ::testing::ValuesIn(calls),

@@ -1,0 +1,198 @@
+// Entry points that change the card: key pairs made, certificates stored, labels changed,
+// identities removed. The card has no PIN: no login is needed (docs/decisions.md).
+#include "base/certificate_reader.hpp"
+#include "der/ber_tlv_record.hpp"
+#include "der/object_identifiers.hpp"
+#include "pkcs11/card_writes.hpp"
+#include "pkcs11/module_state.hpp"
+#include "store/identity_lookup.hpp"
+
+using namespace keyloft;
+using namespace keyloft::pkcs11;
+
+namespace {
+
+std::shared_ptr<const TokenObject> objectOf(Card& card, CK_OBJECT_HANDLE handle) {
+    auto object = card.objects().find(handle);
+    if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
+    return object;
+}
+
+// Token objects change only in read-write sessions.
+void requireReadWrite(const Session& session) {
+    if ((session.flags & CKF_RW_SESSION) == 0) throw CryptokiError(CKR_SESSION_READ_ONLY);
+}
+
+std::string textOf(const CK_ATTRIBUTE& attribute) {
+    const Bytes value = valueOf(attribute);
+    return {value.begin(), value.end()};
+}
+
+std::optional<std::string> labelIn(std::span<const CK_ATTRIBUTE> attributes) {
+    const auto* label = findIn(attributes, CKA_LABEL);
+    return label != nullptr ? std::optional(textOf(*label)) : std::nullopt;
+}
+
+// A template value that must be what the card makes anyway.
+void expectUlong(std::span<const CK_ATTRIBUTE> attributes, CK_ATTRIBUTE_TYPE type,
+                 CK_ULONG expected) {
+    const auto* attribute = findIn(attributes, type);
+    if (attribute != nullptr && ulongOf(*attribute) != expected)
+        throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+}
+
+// The card keeps objects only as token objects, for every application of the user.
+void expectTokenObject(std::span<const CK_ATTRIBUTE> attributes) {
+    const auto* token = findIn(attributes, CKA_TOKEN);
+    if (token == nullptr || !boolOf(*token)) throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+}
+
+std::optional<bool> flagIn(std::span<const CK_ATTRIBUTE> attributes, CK_ATTRIBUTE_TYPE type) {
+    const auto* attribute = findIn(attributes, type);
+    return attribute != nullptr ? std::optional(boolOf(*attribute)) : std::nullopt;
+}
+
+// The key type of a new key pair from the curve and whether the key may leave the card.
+KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
+                   std::span<const CK_ATTRIBUTE> privateTemplate) {
+    const auto* parameters = findIn(publicTemplate, CKA_EC_PARAMS);
+    if (parameters == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
+    const Bytes curve = valueOf(*parameters);
+    int sizeInBits = 0;
+    for (const int size : {256, 384, 521}) {
+        if (curve == der::encode(der::oidRecord(der::curveOidForSize(size)))) sizeInBits = size;
+    }
+    if (sizeInBits == 0) throw CryptokiError(CKR_CURVE_NOT_SUPPORTED);
+    // A key asked for as non-extractable is made inside the key processor; a wrapped key can be
+    // exported with the tool.
+    const bool extractable = flagIn(privateTemplate, CKA_EXTRACTABLE).value_or(true);
+    switch (sizeInBits) {
+        case 256:
+            return extractable ? KeyType::p256 : KeyType::p256ne;
+        case 384:
+            return extractable ? KeyType::p384 : KeyType::p384ne;
+        default:
+            // The key processor holds no P-521 keys.
+            if (!extractable) throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+            return KeyType::p521;
+    }
+}
+
+CK_OBJECT_HANDLE handleOf(Card& card, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
+    const auto handle = card.objects().handleOf({objectClass, hash, 0});
+    if (!handle) throw CryptokiError(CKR_FUNCTION_FAILED);
+    return *handle;
+}
+
+}  // namespace
+
+extern "C" {
+
+CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
+                        CK_ATTRIBUTE_PTR pPublicKeyTemplate, CK_ULONG ulPublicKeyAttributeCount,
+                        CK_ATTRIBUTE_PTR pPrivateKeyTemplate, CK_ULONG ulPrivateKeyAttributeCount,
+                        CK_OBJECT_HANDLE_PTR phPublicKey, CK_OBJECT_HANDLE_PTR phPrivateKey) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        require(pMechanism);
+        require(phPublicKey);
+        require(phPrivateKey);
+        const std::span<const CK_ATTRIBUTE> publicTemplate =
+            arrayArgument(pPublicKeyTemplate, ulPublicKeyAttributeCount);
+        const std::span<const CK_ATTRIBUTE> privateTemplate =
+            arrayArgument(pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
+        card.checkLive();
+        if (pMechanism->mechanism != CKM_EC_KEY_PAIR_GEN)
+            throw CryptokiError(CKR_MECHANISM_INVALID);
+        if (pMechanism->pParameter != nullptr || pMechanism->ulParameterLen != 0)
+            throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+        requireReadWrite(*session);
+        for (const auto& [keyTemplate, keyClass] :
+             {std::pair{publicTemplate, CKO_PUBLIC_KEY}, {privateTemplate, CKO_PRIVATE_KEY}}) {
+            expectTokenObject(keyTemplate);
+            expectUlong(keyTemplate, CKA_CLASS, keyClass);
+            expectUlong(keyTemplate, CKA_KEY_TYPE, CKK_EC);
+        }
+        // An id asked for is not kept: the card names every key by its public-key hash, which
+        // pairs it with its certificate (GnuTLS asks for a random one).
+        KeyPairRequest request{keyTypeFor(publicTemplate, privateTemplate)};
+        // One label for the identity: the private key's, else the public key's.
+        request.label = labelIn(privateTemplate);
+        if (!request.label) request.label = labelIn(publicTemplate);
+        request.canSign = flagIn(privateTemplate, CKA_SIGN).value_or(true);
+        request.canDerive = flagIn(privateTemplate, CKA_DERIVE).value_or(true);
+        const Bytes hash =
+            addIdentity(card.withKeyProcessor([&] { return makeIdentity(request); }));
+        *phPublicKey = handleOf(card, CKO_PUBLIC_KEY, hash);
+        *phPrivateKey = handleOf(card, CKO_PRIVATE_KEY, hash);
+    });
+}
+
+CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
+                     CK_OBJECT_HANDLE_PTR phObject) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        const std::span<const CK_ATTRIBUTE> objectTemplate = arrayArgument(pTemplate, ulCount);
+        require(phObject);
+        // The card takes the certificates of its own keys, nothing else.
+        const auto* objectClass = findIn(objectTemplate, CKA_CLASS);
+        if (objectClass == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
+        if (ulongOf(*objectClass) != CKO_CERTIFICATE)
+            throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+        expectUlong(objectTemplate, CKA_CERTIFICATE_TYPE, CKC_X_509);
+        expectTokenObject(objectTemplate);
+        requireReadWrite(*session);
+        const auto* value = findIn(objectTemplate, CKA_VALUE);
+        if (value == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
+        const Bytes certificate = valueOf(*value);
+        const auto fields = readCertificate(certificate);
+        if (!fields) throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+        // The id pairs the certificate with its key: it must be the key's public-key hash.
+        const Bytes hash = store::publicKeyHashOf(*fields);
+        if (const auto* id = findIn(objectTemplate, CKA_ID); id != nullptr && valueOf(*id) != hash)
+            throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+        storeCertificate(certificate, hash, labelIn(objectTemplate));
+        *phObject = handleOf(card, CKO_CERTIFICATE, hash);
+    });
+}
+
+CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        const auto object = objectOf(card, hObject);
+        if (card.objects().destroySessionObject(hObject)) return;
+        // An identity is one unit on the card: either of its keys takes it all away, as
+        // delete-identity does. Its certificate alone is replaced, never destroyed, so that no
+        // key is lost with it.
+        if (object->identity.objectClass == CKO_CERTIFICATE)
+            throw CryptokiError(CKR_ACTION_PROHIBITED);
+        requireReadWrite(*session);
+        removeIdentity(object->identity.objectID);
+    });
+}
+
+CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
+                          CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
+    return onCard([&](Card& card) {
+        const auto session = card.session(hSession);
+        const auto object = objectOf(card, hObject);
+        const std::span<const CK_ATTRIBUTE> changes = arrayArgument(pTemplate, ulCount);
+        if (!object->allows(CKA_MODIFIABLE)) throw CryptokiError(CKR_ACTION_PROHIBITED);
+        requireReadWrite(*session);
+        // Only the label changes, for the whole identity; setting any attribute to the value it
+        // has is allowed, as tools rewrite what they read.
+        std::optional<std::string> label;
+        for (const auto& change : changes) {
+            if (change.type == CKA_LABEL) {
+                label = textOf(change);
+                continue;
+            }
+            const Bytes* current = object->attributes.find(change.type);
+            if (current == nullptr || *current != valueOf(change))
+                throw CryptokiError(CKR_ATTRIBUTE_READ_ONLY);
+        }
+        if (label) relabelIdentity(object->identity.objectID, *label);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,56 @@
+#include "store/identity_creation.hpp"
+
+#include <algorithm>
+
+#include "base/certificate_reader.hpp"
+#include "base/error.hpp"
+#include "der/object_identifiers.hpp"
+#include "keys/key_access.hpp"
+#include "keys/key_creation.hpp"
+#include "platform/crypto/random.hpp"
+#include "pubkey/hex.hpp"
+#include "store/identity_lookup.hpp"
+#include "x509/certificate.hpp"
+
+namespace keyloft::store {
+
+NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel) {
+    auto [key, storage] = keys::generateKey(type, false);
+    const auto publicKey = key->publicKeyAttributes();
+    if (publicKey.externalRepresentation.empty())
+        throw KeyloftError::generic("failed to get public key");
+    Bytes hash = key->applicationLabel();
+    const std::string label = givenLabel.value_or(pubkey::toHexString(hash));
+    // The label is the common name alone: the separators of the subject specification in it
+    // would start other name parts.
+    std::string commonName = label;
+    std::replace_if(
+        commonName.begin(), commonName.end(), [](char c) { return c == ';' || c == '|'; }, ' ');
+    const auto model = x509::X509Certificate::create(publicKey, hash, commonName + ";;;;;;", false,
+                                                     platform::crypto::randomUuid);
+    const auto certificate =
+        der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
+            return keys::signWithStoredKey(
+                tbs, storage,
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
+        }));
+    if (!readCertificate(certificate)) throw KeyloftError::generic("Failed to create certificate");
+    auto items = makeIdentityItems(certificate, hash, label);
+    return {std::move(hash), std::move(storage), std::move(items)};
+}
+
+bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
+                     const std::string& label) {
+    auto items = token.items();
+    bool found = false;
+    for (auto& item : items) {
+        if (!itemMatchesHash(item, hash)) continue;
+        std::visit([&](auto& entry) { entry.label = label; }, item);
+        found = true;
+    }
+    // The list keeps its order, so the identity keeps its place in listings.
+    if (found) token.replaceItems(items);
+    return found;
+}
+
+}  // namespace keyloft::store

@@ -1,0 +1,132 @@
+"""The card managed through the module with real tools (pkcs11-tool, GnuTLS's p11tool, NSS), and
+what they make seen by keyloft, and the reverse."""
+import re
+import shutil
+import sys
+
+import pytest
+from cryptography import x509
+from cryptography.hazmat.primitives import serialization
+from cryptography.hazmat.primitives.serialization import pkcs12
+
+from conftest import PKCS11_MODULE
+from test_pkcs11 import identities_of, listed_objects, tool, wallet  # noqa: F401 (the fixture)
+from test_pkcs11_lifecycle import issue, nss_database
+
+GNUTLS = dict(GNUTLS_PIN="0000")  # p11tool asks for a PIN it does not need; any is taken
+
+
+def listing(card):
+    """keyloft list-identities as {label: (type, hash, protection)}."""
+    rows = card.out("list-identities").splitlines()[1:]
+    return {row.split()[3]: tuple(row.split()[:3]) for row in rows}
+
+
+@pytest.mark.parametrize("key_type, curve, listed", [
+    ("EC:secp384r1", "06052b81040022", ("p-384", "none")),
+    ("EC:prime256v1", "06082a8648ce3d030107", ("p-256", "none")),
+    ("EC:secp521r1", "06052b81040023", ("p-521", "none")),
+])
+def test_pkcs11_tool_generates_identities_the_tool_lists(card, key_type, curve, listed):
+    tool(card, "--keypairgen", "--key-type", key_type, "--label", "Generated")
+    kind, hash_, protection = listing(card)["Generated"]
+    assert (kind, protection) == listed
+    objects = listed_objects(tool(card, "-O").stdout)
+    assert {o["heading"].split(";")[0] for o in objects} == {
+        "Certificate Object", "Public Key Object", "Private Key Object"}
+    assert {(o["label"], o["ID"]) for o in objects} == {("Generated", hash_.lower())}
+    assert [o["EC_PARAMS"] for o in objects if "EC_PARAMS" in o] == [curve]
+    # The record is the tool's own: it signs a request with the key.
+    card.run("create-csr", "-h", hash_, "-f", str(card.home / "generated.csr"), "-CN", "G")
+    request = x509.load_pem_x509_csr((card.home / "generated.csr").read_bytes())
+    assert request.is_signature_valid
+
+
+def test_non_extractable_keys_go_into_the_key_processor(card, tmp_path):
+    # pkcs11-tool cannot ask for a non-extractable key; a PyKCS11 client can.
+    script = tmp_path / "generate.py"
+    script.write_text(f"""
+import PyKCS11
+from PyKCS11.LowLevel import *
+library = PyKCS11.PyKCS11Lib()
+library.load({PKCS11_MODULE!r})
+session = library.openSession(library.getSlotList()[0], CKF_SERIAL_SESSION | CKF_RW_SESSION)
+session.generateKeyPair(
+    [(CKA_TOKEN, True), (CKA_EC_PARAMS, bytes.fromhex("06082a8648ce3d030107"))],
+    [(CKA_TOKEN, True), (CKA_LABEL, "Bound"), (CKA_EXTRACTABLE, False), (CKA_DERIVE, False)],
+    mecha=PyKCS11.Mechanism(CKM_EC_KEY_PAIR_GEN))
+""")
+    card.client(sys.executable, str(script))
+    kind, hash_, protection = listing(card)["Bound"]
+    assert kind == "p-256-ne"
+    (private,) = [o for o in listed_objects(tool(card, "-O").stdout)
+                  if o["heading"].startswith("Private Key")]
+    assert private["Usage"] == "sign"
+    assert "never extractable" in private["Access"]
+
+
+def test_p11tool_generates_and_relabels(card):
+    card.client("p11tool", "--provider", PKCS11_MODULE, "--generate-ecc", "--curve",
+                "secp256r1", "--label", "GnuTLS", "pkcs11:token=keyloft", stdin="", **GNUTLS)
+    kind, hash_, _ = listing(card)["GnuTLS"]
+    assert kind == "p-256"
+    card.client("p11tool", "--provider", PKCS11_MODULE, "--set-label", "Renamed",
+                "pkcs11:token=keyloft;object=GnuTLS;type=private", stdin="", **GNUTLS)
+    assert listing(card)["Renamed"][1] == hash_
+    assert {o["label"] for o in listed_objects(tool(card, "-O").stdout)} == {"Renamed"}
+
+
+def test_issued_certificate_written_by_id_replaces_the_self_signed_one(card):
+    tool(card, "--keypairgen", "--key-type", "EC:prime256v1", "--label", "Web")
+    _, hash_, _ = listing(card)["Web"]
+    card.run("create-csr", "-h", hash_, "-f", str(card.home / "web.csr"), "-CN", "web.example")
+    issued = issue(card.home / "web.csr")
+    (card.home / "web.der").write_bytes(issued.public_bytes(serialization.Encoding.DER))
+    tool(card, "--write-object", str(card.home / "web.der"), "--type", "cert", "--id",
+         hash_.lower())
+    assert identities_of(card)["Web"].certificate == issued
+    # A certificate under another key's id is refused.
+    other = card.client("pkcs11-tool", "--module", PKCS11_MODULE, "--write-object",
+                        str(card.home / "web.der"), "--type", "cert", "--id", "00" * 20,
+                        check=False)
+    assert other.returncode != 0
+    assert len(identities_of(card)) == 1
+
+
+def test_pkcs11_tool_deletes_an_identity_with_its_key(card):
+    card.run("create-identity", "-l", "Gone", "-k", "p-256", "-CN", "Gone")
+    card.run("create-identity", "-l", "Kept", "-k", "p-256", "-CN", "Kept")
+    hash_ = listing(card)["Gone"][1].lower()
+    refused = card.client("pkcs11-tool", "--module", PKCS11_MODULE, "--delete-object", "--type",
+                          "cert", "--id", hash_, check=False)
+    assert refused.returncode != 0 and "Gone" in listing(card)
+    tool(card, "--delete-object", "--type", "privkey", "--id", hash_)
+    assert list(listing(card)) == ["Kept"]
+    assert list(card.records()) == [bytes.fromhex(listing(card)["Kept"][1])]
+
+
+def test_generated_wrapped_key_exports_with_the_tool(card, tmp_path):
+    tool(card, "--keypairgen", "--key-type", "EC:prime256v1", "--label", "Export")
+    _, hash_, _ = listing(card)["Export"]
+    card.run_on_terminal("export-identity", "-h", hash_, "-f", str(tmp_path / "export"),
+                         answers=[b"secret", b"secret"])
+    key, certificate, _ = pkcs12.load_key_and_certificates(
+        (tmp_path / "export.p12").read_bytes(), b"secret")
+    assert certificate == identities_of(card)["Export"].certificate
+    assert key.public_key().public_numbers() == certificate.public_key().public_numbers()
+
+
+@pytest.mark.skipif(shutil.which("certutil") is None, reason="NSS tools are not installed")
+def test_nss_shows_a_changed_label(card, tmp_path):
+    card.run("create-identity", "-l", "Before", "-k", "p-256", "-CN", "Before")
+    database = nss_database(card, tmp_path / "nss")
+    card.client("certutil", "--rename", "-d", database, "-n", "keyloft:Before", "--new-n",
+                "After")
+    listed = card.client("certutil", "-L", "-d", database, "-h", "all").stdout
+    assert re.search(r"^keyloft:After\s", listed, re.M), listed
+    assert "After" in listing(card)
+
+
+def test_pkcs11_tool_test_suite_passes_with_login(wallet):
+    result = tool(wallet.card, "--test", "--login", "--pin", "0000")
+    assert "No errors" in result.stdout, result.stdout
