@@ -1,5 +1,6 @@
 #include "pkcs11/card_writes.hpp"
 
+#include "keys/stored_key_codec.hpp"
 #include "pkcs11/cryptoki.hpp"
 #include "store/identity_creation.hpp"
 #include "store/identity_lookup.hpp"
@@ -20,7 +21,9 @@ void onUserToken(Change&& change) {
 }  // namespace
 
 store::NewIdentity makeIdentity(const KeyPairRequest& request) {
-    auto identity = store::makeSelfSignedIdentity(request.type, request.label);
+    const auto registry = store::openUserRegistry();
+    const auto card = keys::decodeStoredKeys(store::userToken(registry).configurationData());
+    auto identity = store::makeSelfSignedIdentity(request.type, request.label, card);
     identity.items.key.canSign = request.canSign;
     identity.items.key.canPerformKeyExchange = request.canDerive;
     return identity;

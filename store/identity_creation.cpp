@@ -14,8 +14,9 @@
 
 namespace keyloft::store {
 
-NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel) {
-    auto [key, storage] = keys::generateKey(type, false);
+NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel,
+                                   const keys::StoredKeyMap& card) {
+    auto [key, storage] = keys::generateKey(type, false, card);
     const auto publicKey = key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");

@@ -18,7 +18,9 @@ struct NewIdentity {
     keys::KeyStorage storage;
     IdentityItems items;
 };
-NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& label);
+// The card's records decide the key processor (a card holding TPM keys makes no others).
+NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& label,
+                                   const keys::StoredKeyMap& card);
 
 // Gives every item of the identity with the hash the label; false when the card holds none.
 bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
