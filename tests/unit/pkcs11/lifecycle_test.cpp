@@ -38,7 +38,9 @@ TEST_P(DeletedKey, FailsAtItsNextUse) {
     const auto key = object(CKO_PRIVATE_KEY, label);
     const auto certificate = object(CKO_CERTIFICATE, label);
     const auto other = object(CKO_PRIVATE_KEY, label + " stays");
-    if (GetParam().usedBefore) ASSERT_EQ(signWith(p11, session, key), CKR_OK);
+    if (GetParam().usedBefore) {
+        ASSERT_EQ(signWith(p11, session, key), CKR_OK);
+    }
     // An operation started before the deletion, and one in another session.
     CK_MECHANISM ecdsa{CKM_ECDSA, nullptr, 0};
     ASSERT_EQ(p11.C_SignInit(session, &ecdsa, key), CKR_OK);
