@@ -9,7 +9,7 @@ from cryptography import x509
 from cryptography.hazmat.primitives import serialization
 from cryptography.hazmat.primitives.serialization import pkcs12
 
-from conftest import PKCS11_MODULE
+from conftest import PKCS11_MODULE, PKCS11_PRELOAD
 from test_pkcs11 import identities_of, listed_objects, tool, wallet  # noqa: F401 (the fixture)
 from test_pkcs11_lifecycle import issue, nss_database
 
@@ -65,7 +65,12 @@ session.generateKeyPair(
     assert "never extractable" in private["Access"]
 
 
-def test_p11tool_generates_and_relabels(card):
+def test_p11tool_generates_and_relabels(card, key_processor):
+    if key_processor == "tpm" and PKCS11_PRELOAD:
+        # With the sanitizer runtime preloaded into p11tool beside the TPM's D-Bus client threads,
+        # glibc's locale lock ends up unbalanced and p11-kit's destructor waits on it forever at
+        # exit, after the key is made. Unsanitized builds pass this test with the TPM.
+        pytest.skip("p11tool hangs at exit under the preloaded sanitizer with the TPM's D-Bus client")
     card.client("p11tool", "--provider", PKCS11_MODULE, "--generate-ecc", "--curve",
                 "secp256r1", "--label", "GnuTLS", "pkcs11:token=keyloft", stdin="", **GNUTLS)
     kind, hash_, _ = listing(card)["GnuTLS"]
