@@ -16,28 +16,33 @@ namespace keyloft::store {
 
 NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel,
                                    const keys::StoredKeyMap& card) {
-    auto [key, storage] = keys::generateKey(type, false, card);
-    const auto publicKey = key->publicKeyAttributes();
-    if (publicKey.externalRepresentation.empty())
-        throw KeyloftError::generic("failed to get public key");
-    Bytes hash = key->applicationLabel();
-    const std::string label = givenLabel.value_or(pubkey::toHexString(hash));
+    auto key = keys::generateKey(type, false, card);
+    const std::string label = givenLabel.value_or(pubkey::toHexString(key.key->applicationLabel()));
     // The label is the common name alone: the separators of the subject specification in it
     // would start other name parts.
     std::string commonName = label;
     std::replace_if(
         commonName.begin(), commonName.end(), [](char c) { return c == ';' || c == '|'; }, ' ');
-    const auto model = x509::X509Certificate::create(publicKey, hash, commonName + ";;;;;;", false,
+    return certifyNewKey(std::move(key), commonName + ";;;;;;", label);
+}
+
+NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecification,
+                          const std::string& label) {
+    const auto publicKey = key.key->publicKeyAttributes();
+    if (publicKey.externalRepresentation.empty())
+        throw KeyloftError::generic("failed to get public key");
+    Bytes hash = key.key->applicationLabel();
+    const auto model = x509::X509Certificate::create(publicKey, hash, subjectSpecification, false,
                                                      platform::crypto::randomUuid);
     const auto certificate =
         der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
             return keys::signWithStoredKey(
-                tbs, storage,
+                tbs, key.storage,
                 platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
         }));
     if (!readCertificate(certificate)) throw KeyloftError::generic("Failed to create certificate");
     auto items = makeIdentityItems(certificate, hash, label);
-    return {std::move(hash), std::move(storage), std::move(items)};
+    return {std::move(hash), std::move(key.storage), std::move(items)};
 }
 
 bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,

@@ -3,6 +3,9 @@
 #include <optional>
 #include <string>
 
+#include <string_view>
+
+#include "keys/key_creation.hpp"
 #include "keys/key_type.hpp"
 #include "store/identity_writes.hpp"
 
@@ -21,6 +24,12 @@ struct NewIdentity {
 // The card's records decide the key processor (a card holding TPM keys makes no others).
 NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& label,
                                    const keys::StoredKeyMap& card);
+
+// A new key made an identity: a self-signed certificate over it with the subject the
+// specification gives ("CN;E;OU;O;L;ST;C"), signed through its stored record, and its items
+// under the label. Throws the tool's key and certificate errors.
+NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecification,
+                          const std::string& label);
 
 // Gives every item of the identity with the hash the label; false when the card holds none.
 bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,

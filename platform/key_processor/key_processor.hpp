@@ -21,6 +21,10 @@ inline bool isSupportedAccessControl(std::uint32_t word) {
            word == (accessControlPrivateKeyUsage | accessControlBiometryAny);
 }
 
+// Refuses, with PlatformError, a key no processor makes: sizes other than 256 and 384 bits, and
+// access-control words it could not honour.
+void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl);
+
 // One user-authentication session: once presence is confirmed, it holds for every use under it.
 class AuthenticationContext {
   public:

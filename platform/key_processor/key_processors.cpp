@@ -110,6 +110,16 @@ TpmKeyProcessor* tpmProcessor() {
 
 }  // namespace
 
+void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl) {
+    if (sizeInBits != 256 && sizeInBits != 384) {
+        throw PlatformError("Key processor: unsupported key size " + std::to_string(sizeInBits));
+    }
+    if (!isSupportedAccessControl(accessControl)) {
+        throw PlatformError("Key processor: unsupported access control " +
+                            std::to_string(accessControl));
+    }
+}
+
 KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys) {
     const auto forced = environment("KEYLOFT_KEY_PROCESSOR");
     if (forced == "soft") return softProcessor();

@@ -114,13 +114,7 @@ const crypto::SecretBytes& SoftKeyProcessor::deviceKey() {
 
 std::unique_ptr<ProcessorKey> SoftKeyProcessor::createKey(int sizeInBits,
                                                           std::uint32_t accessControl) {
-    if (sizeInBits != 256 && sizeInBits != 384) {
-        throw PlatformError("Key processor: unsupported key size " + std::to_string(sizeInBits));
-    }
-    if (!isSupportedAccessControl(accessControl)) {
-        throw PlatformError("Key processor: unsupported access control " +
-                            std::to_string(accessControl));
-    }
+    checkNewKeyRequest(sizeInBits, accessControl);
     auto key = key_service::SoftwareKey::generateEC(sizeInBits);
     const ObjectIdentifierHeader header{softBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};

@@ -220,13 +220,7 @@ void TpmKeyProcessor::connect() {
 
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
                                                          std::uint32_t accessControl) {
-    if (sizeInBits != 256 && sizeInBits != 384) {
-        throw PlatformError("Key processor: unsupported key size " + std::to_string(sizeInBits));
-    }
-    if (!isSupportedAccessControl(accessControl)) {
-        throw PlatformError("Key processor: unsupported access control " +
-                            std::to_string(accessControl));
-    }
+    checkNewKeyRequest(sizeInBits, accessControl);
     const ObjectIdentifierHeader header{tpmBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};
     const auto headerBytes = header.encode();
