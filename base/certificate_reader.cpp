@@ -5,6 +5,7 @@
 #include <bit>
 
 #include "base/der_reader.hpp"
+#include "base/utf8.hpp"
 
 namespace keyloft {
 namespace {
@@ -52,24 +53,6 @@ bool isUniversal(std::uint8_t tagByte) {
 
 bool isScalarValue(std::uint32_t c) {
     return c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF);
-}
-
-void appendUtf8(std::string& out, std::uint32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
 }
 
 // Calls emit(c) for each character of well-formed UTF-8 of scalar values: no overlong forms,

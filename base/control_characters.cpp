@@ -3,37 +3,10 @@
 #include <cstdint>
 #include <optional>
 
+#include "base/utf8.hpp"
+
 namespace keyloft {
 namespace {
-
-// The length of the valid UTF-8 sequence at the start of the text, or 0.
-std::size_t sequenceLength(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<std::uint8_t>(text[i]); };
-    const std::uint8_t lead = byte(0);
-    std::size_t length = 0;
-    std::uint32_t codePoint = 0;
-    if (lead < 0x80) return 1;
-    if ((lead & 0xE0U) == 0xC0) {
-        length = 2, codePoint = lead & 0x1FU;
-    } else if ((lead & 0xF0U) == 0xE0) {
-        length = 3, codePoint = lead & 0x0FU;
-    } else if ((lead & 0xF8U) == 0xF0) {
-        length = 4, codePoint = lead & 0x07U;
-    } else {
-        return 0;
-    }
-    if (text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xC0U) != 0x80) return 0;
-        codePoint = (codePoint << 6U) | (byte(i) & 0x3FU);
-    }
-    constexpr std::uint32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (codePoint < smallest[length] || codePoint > 0x10FFFF ||
-        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-        return 0;
-    }
-    return length;
-}
 
 // C0, DEL, or C1 (U+0080 to U+009F, encoded C2 80 to C2 9F).
 std::optional<std::uint8_t> controlCode(std::string_view sequence) {
@@ -52,7 +25,7 @@ std::optional<std::uint8_t> controlCode(std::string_view sequence) {
 template <class Keep, class Drop>
 void walk(std::string_view text, Keep keep, Drop drop) {
     while (!text.empty()) {
-        const std::size_t length = sequenceLength(text);
+        const std::size_t length = utf8SequenceLength(text);
         if (length == 0) {
             drop(static_cast<std::uint8_t>(text[0]));
             text.remove_prefix(1);

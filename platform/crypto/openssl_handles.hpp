@@ -39,6 +39,7 @@ using Params = std::unique_ptr<OSSL_PARAM, Deleter<OSSL_PARAM_free>>;
 using Provider = std::unique_ptr<OSSL_PROVIDER, Deleter<OSSL_PROVIDER_unload>>;
 using EcGroup = std::unique_ptr<EC_GROUP, Deleter<EC_GROUP_free>>;
 using EcPoint = std::unique_ptr<EC_POINT, Deleter<EC_POINT_free>>;
+using EcdsaSignature = std::unique_ptr<ECDSA_SIG, Deleter<ECDSA_SIG_free>>;
 using X509Certificate = std::unique_ptr<X509, Deleter<X509_free>>;
 using GeneralNames = std::unique_ptr<GENERAL_NAMES, Deleter<GENERAL_NAMES_free>>;
 using Pkcs12 = std::unique_ptr<PKCS12, Deleter<PKCS12_free>>;

@@ -31,6 +31,13 @@ int fieldBytes(int sizeInBits) {
     return (sizeInBits + 7) / 8;
 }
 
+int ecSizeForPointLength(std::size_t length) {
+    for (const int size : {256, 384, 521}) {
+        if (length == 1 + 2 * static_cast<std::size_t>(fieldBytes(size))) return size;
+    }
+    return 0;
+}
+
 openssl::Pkey ecKeyFromParts(int sizeInBits, ByteView point, const BIGNUM* scalar) {
     const char* curve = curveNameForSize(sizeInBits);
     if (curve == nullptr) return nullptr;

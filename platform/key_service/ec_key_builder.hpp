@@ -19,6 +19,9 @@ const char* curveNameForSize(int sizeInBits);
 // Bytes of one coordinate of a point on the curve of the given size.
 int fieldBytes(int sizeInBits);
 
+// The curve size whose uncompressed point (1 + 2 * field size bytes) has the length; 0 for none.
+int ecSizeForPointLength(std::size_t length);
+
 // An EC key on the curve of the given size from its uncompressed point and, for a key pair, its
 // private scalar; nullptr when OpenSSL refuses the values.
 openssl::Pkey ecKeyFromParts(int sizeInBits, ByteView point, const BIGNUM* scalar = nullptr);

@@ -13,22 +13,8 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-// The curve size follows from the length of the uncompressed point: 1 + 2 * field size.
-int sizeForPointLength(std::size_t length) {
-    switch (length) {
-        case 65:
-            return 256;
-        case 97:
-            return 384;
-        case 133:
-            return 521;
-        default:
-            return 0;
-    }
-}
-
 EVP_PKEY* makeEcKey(ByteView point) {
-    const int sizeInBits = sizeForPointLength(point.size());
+    const int sizeInBits = ecSizeForPointLength(point.size());
     if (sizeInBits == 0 || point[0] != 0x04) {
         throw PlatformError(
             "EC public key data is not an uncompressed point on P-256, P-384 or P-521");

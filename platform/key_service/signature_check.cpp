@@ -15,19 +15,6 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-int sizeForPointLength(std::size_t length) {
-    switch (length) {
-        case 65:
-            return 256;
-        case 97:
-            return 384;
-        case 133:
-            return 521;
-        default:
-            return 0;
-    }
-}
-
 // The key's context is made from the key itself, never through an application's default engine.
 bool verifyWith(EVP_PKEY* key, ByteView input, ByteView signature,
                 const std::function<bool(EVP_PKEY_CTX*)>& configure) {
@@ -41,7 +28,7 @@ bool verifyWith(EVP_PKEY* key, ByteView input, ByteView signature,
 
 SignatureCheck::SignatureCheck(std::string_view keyType, ByteView publicKeyData) {
     if (keyType == keyTypeEC) {
-        const int sizeInBits = sizeForPointLength(publicKeyData.size());
+        const int sizeInBits = ecSizeForPointLength(publicKeyData.size());
         if (sizeInBits != 0 && publicKeyData[0] == 0x04)
             key_ = ecPublicKeyFromPoint(sizeInBits, publicKeyData);
         fieldBytes_ = static_cast<std::size_t>(fieldBytes(sizeInBits));
@@ -56,22 +43,20 @@ SignatureCheck::SignatureCheck(std::string_view keyType, ByteView publicKeyData)
 bool SignatureCheck::ecdsa(ByteView digest, ByteView rawSignature) const {
     if (fieldBytes_ == 0 || rawSignature.size() != 2 * fieldBytes_) return false;
     const int half = static_cast<int>(fieldBytes_);
-    std::unique_ptr<ECDSA_SIG, decltype(&ECDSA_SIG_free)> signature(ECDSA_SIG_new(),
-                                                                    ECDSA_SIG_free);
-    BIGNUM* r = BN_bin2bn(rawSignature.data(), half, nullptr);
-    BIGNUM* s = BN_bin2bn(rawSignature.data() + half, half, nullptr);
-    if (!signature || r == nullptr || s == nullptr || ECDSA_SIG_set0(signature.get(), r, s) != 1) {
-        BN_free(r);
-        BN_free(s);
+    const openssl::EcdsaSignature signature(ECDSA_SIG_new());
+    openssl::Bignum r(BN_bin2bn(rawSignature.data(), half, nullptr));
+    openssl::Bignum s(BN_bin2bn(rawSignature.data() + half, half, nullptr));
+    if (!signature || !r || !s || ECDSA_SIG_set0(signature.get(), r.get(), s.get()) != 1)
         return false;
-    }
-    unsigned char* der = nullptr;
-    const int size = i2d_ECDSA_SIG(signature.get(), &der);
+    // The signature owns the numbers now.
+    (void)r.release();
+    (void)s.release();
+    unsigned char* rawDer = nullptr;
+    const int size = i2d_ECDSA_SIG(signature.get(), &rawDer);
+    const openssl::Buffer der(rawDer);
     if (size <= 0) return false;
-    const bool good = verifyWith(key_.get(), digest, ByteView(der, static_cast<std::size_t>(size)),
-                                 [](EVP_PKEY_CTX*) { return true; });
-    OPENSSL_free(der);
-    return good;
+    return verifyWith(key_.get(), digest, ByteView(der.get(), static_cast<std::size_t>(size)),
+                      [](EVP_PKEY_CTX*) { return true; });
 }
 
 bool SignatureCheck::rsaPkcs1(ByteView block, ByteView signature) const {

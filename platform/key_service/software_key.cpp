@@ -17,19 +17,6 @@
 namespace keyloft::platform::key_service {
 namespace {
 
-int ecSizeForFieldBytes(std::size_t bytes) {
-    switch (bytes) {
-        case 32:
-            return 256;
-        case 48:
-            return 384;
-        case 66:
-            return 521;
-        default:
-            return 0;
-    }
-}
-
 Bytes encodedPublicPoint(EVP_PKEY* key) {
     unsigned char* raw = nullptr;
     const std::size_t size = EVP_PKEY_get1_encoded_public_key(key, &raw);
@@ -128,7 +115,8 @@ SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, By
     if (keyType != keyTypeEC) throw PlatformError("unsupported key type: " + std::string(keyType));
 
     // 0x04 || X || Y || K: three values of the field size after the point prefix.
-    const int sizeInBits = data.size() % 3 == 1 ? ecSizeForFieldBytes(data.size() / 3) : 0;
+    const int sizeInBits =
+        data.size() % 3 == 1 ? ecSizeForPointLength(1 + 2 * (data.size() / 3)) : 0;
     if (sizeInBits == 0) throw PlatformError("invalid EC private key data");
     const std::size_t pointSize = 1 + 2 * (data.size() / 3);
     const ByteView point = data.first(pointSize);

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/error.hpp"
+#include "base/utf8.hpp"
 #include "platform/os/file_descriptor.hpp"
 
 namespace keyloft::platform::os {
@@ -36,41 +37,6 @@ void closeChecked(FileDescriptor& fd, const std::filesystem::path& path) {
     if (::close(fd.release()) != 0) fail("Cannot write file", path, errno);
 }
 
-bool isValidUtf8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        std::size_t extra = 0;
-        unsigned minimum = 0;
-        unsigned codePoint = 0;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        if ((c & 0xE0U) == 0xC0) {
-            extra = 1, minimum = 0x80, codePoint = c & 0x1FU;
-        } else if ((c & 0xF0U) == 0xE0) {
-            extra = 2, minimum = 0x800, codePoint = c & 0x0FU;
-        } else if ((c & 0xF8U) == 0xF0) {
-            extra = 3, minimum = 0x10000, codePoint = c & 0x07U;
-        } else {
-            return false;
-        }
-        if (i + extra >= text.size()) return false;
-        for (std::size_t j = 1; j <= extra; ++j) {
-            const auto next = static_cast<unsigned char>(text[i + j]);
-            if ((next & 0xC0U) != 0x80) return false;
-            codePoint = (codePoint << 6U) | (next & 0x3FU);
-        }
-        if (codePoint < minimum || codePoint > 0x10FFFF ||
-            (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
-            return false;
-        }
-        i += extra + 1;
-    }
-    return true;
-}
-
 }  // namespace
 
 Bytes readFile(const std::filesystem::path& path) {
@@ -93,7 +59,7 @@ Bytes readFile(const std::filesystem::path& path) {
 std::string readTextFile(const std::filesystem::path& path) {
     const Bytes content = readFile(path);
     std::string text(content.begin(), content.end());
-    if (!isValidUtf8(text)) {
+    if (!isUtf8(text)) {
         throw PlatformError("Cannot read file '" + path.string() + "': it is not a text file");
     }
     return text;

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "base/error.hpp"
+#include "base/utf8.hpp"
 #include "platform/plist/plist_format.hpp"
-#include "platform/plist/utf8_text.hpp"
 
 namespace keyloft::platform::plist {
 namespace {
@@ -21,18 +21,6 @@ std::optional<std::uint64_t> readUnsigned(ByteView bytes, std::uint64_t offset,
     std::uint64_t value = 0;
     for (std::uint64_t i = 0; i < width; ++i) value = (value << 8U) | bytes[offset + i];
     return value;
-}
-
-void appendUtf8(std::string& out, std::uint32_t codePoint) {
-    if (codePoint < 0x80) {
-        out += static_cast<char>(codePoint);
-        return;
-    }
-    const int length = codePoint < 0x800 ? 2 : codePoint < 0x10000 ? 3 : 4;
-    constexpr std::uint8_t leads[] = {0, 0, 0xC0, 0xE0, 0xF0};
-    out += static_cast<char>(leads[length] | (codePoint >> (6U * (length - 1))));
-    for (int i = length - 2; i >= 0; --i)
-        out += static_cast<char>(0x80 | ((codePoint >> (6U * i)) & 0x3FU));
 }
 
 // Big-endian UTF-16 to UTF-8; an unpaired surrogate is not text.

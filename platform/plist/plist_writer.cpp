@@ -4,8 +4,8 @@
 #include <bit>
 
 #include "base/error.hpp"
+#include "base/utf8.hpp"
 #include "platform/plist/plist_format.hpp"
-#include "platform/plist/utf8_text.hpp"
 
 namespace keyloft::platform::plist {
 namespace {

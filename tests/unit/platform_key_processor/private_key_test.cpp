@@ -9,6 +9,7 @@
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 #include "support/temporary_folder.hpp"
+#include "unit/platform_key_processor/counting_gate.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -22,11 +23,7 @@ using platform::key_service::SoftwareKey;
 constexpr auto ecdsaDigest = platform::key_service::SignatureAlgorithm::ecdsaSignatureDigestX962;
 const Bytes message = bytesOf("message to sign");
 
-class CountingGate : public PresenceGate {
-  public:
-    void confirm() override { ++asked; }
-    int asked = 0;
-};
+using testing::CountingGate;
 
 // EVP_DigestVerify over the message; configure sets RSA padding options.
 template <class Configure>

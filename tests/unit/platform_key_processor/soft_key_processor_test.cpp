@@ -7,6 +7,7 @@
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 #include "support/temporary_folder.hpp"
+#include "unit/platform_key_processor/counting_gate.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -20,15 +21,7 @@ constexpr std::uint32_t plainWord = accessControlPrivateKeyUsage;
 constexpr std::uint32_t biometryWord = accessControlPrivateKeyUsage | accessControlBiometryAny;
 constexpr auto ecdsa = SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
 
-class CountingGate : public PresenceGate {
-  public:
-    void confirm() override {
-        ++asked;
-        if (!accept) throw PlatformError("refused");
-    }
-    int asked = 0;
-    bool accept = true;
-};
+using testing::CountingGate;
 
 bool verifies(const PublicKeyAttributes& publicKey, ByteView message, ByteView signature) {
     const auto key = ecPublicKeyFromPoint(publicKey.sizeInBits, publicKey.externalRepresentation);

@@ -11,6 +11,7 @@
 #include "platform/key_processor/tpm_connection.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
+#include "unit/platform_key_processor/counting_gate.hpp"
 #include "unit/platform_key_processor/software_tpm.hpp"
 
 namespace keyloft::platform::key_processor {
@@ -25,15 +26,7 @@ constexpr std::uint32_t biometryWord = accessControlPrivateKeyUsage | accessCont
 constexpr auto ecdsaSha384 = SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
 constexpr auto ecdsaDigest = SignatureAlgorithm::ecdsaSignatureDigestX962;
 
-class CountingGate : public PresenceGate {
-  public:
-    void confirm() override {
-        ++asked;
-        if (!accept) throw PlatformError("refused");
-    }
-    int asked = 0;
-    bool accept = true;
-};
+using testing::CountingGate;
 
 // OpenSSL's verdict on a DER signature over input used as the digest, as the key service signs it.
 bool verifiesDigest(const PublicKeyAttributes& publicKey, ByteView digest, ByteView signature) {

@@ -1,11 +1,11 @@
-#include "platform/plist/utf8_text.hpp"
+#include "base/utf8.hpp"
 
 #include <gtest/gtest.h>
 
-namespace keyloft::platform::plist {
+namespace keyloft {
 namespace {
 
-TEST(Utf8Text, AcceptsWellFormedTextOnly) {
+TEST(Utf8, AcceptsWellFormedTextOnly) {
     for (const char* text : {"", "ec", "Zoë", "✓", "😀", "\xF4\x8F\xBF\xBF"})
         EXPECT_TRUE(isUtf8(text)) << text;
     // Lone continuation, overlong NUL and '/', surrogate, above U+10FFFF, cut short, bad
@@ -17,4 +17,4 @@ TEST(Utf8Text, AcceptsWellFormedTextOnly) {
 }
 
 }  // namespace
-}  // namespace keyloft::platform::plist
+}  // namespace keyloft
