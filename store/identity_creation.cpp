@@ -47,16 +47,14 @@ NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecificatio
 
 bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
                      const std::string& label) {
-    auto items = token.items();
-    bool found = false;
-    for (auto& item : items) {
-        if (!itemMatchesHash(item, hash)) continue;
-        std::visit([&](auto& entry) { entry.label = label; }, item);
-        found = true;
+    const auto items = token.items();
+    std::vector<std::size_t> matching;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (itemMatchesHash(items[i], hash)) matching.push_back(i);
     }
-    // The list keeps its order, so the identity keeps its place in listings.
-    if (found) token.replaceItems(items);
-    return found;
+    // The items stay where they are, so the identity keeps its place in listings.
+    token.relabelItemsAt(matching, label);
+    return !matching.empty();
 }
 
 }  // namespace keyloft::store

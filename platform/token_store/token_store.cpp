@@ -142,6 +142,23 @@ void TesseraTokenConfiguration::removeItemsAt(std::vector<std::size_t> positions
     });
 }
 
+void TesseraTokenConfiguration::relabelItemsAt(const std::vector<std::size_t>& positions,
+                                               std::string_view label) const {
+    if (positions.empty()) return;
+    db_->transaction([&] {
+        auto relabel = db_->prepare(
+            "UPDATE items SET label = ? WHERE driver = ? AND instance = ? AND position = ?");
+        for (const std::size_t position : positions) {
+            relabel.reset();
+            relabel.bind(1, label)
+                .bind(2, std::string_view(driver_))
+                .bind(3, std::string_view(instance_))
+                .bind(4, static_cast<std::int64_t>(position))
+                .run();
+        }
+    });
+}
+
 void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) const {
     db_->transaction([&] {
         db_->prepare("DELETE FROM items WHERE driver = ? AND instance = ?")

@@ -37,6 +37,8 @@ class TesseraTokenConfiguration {
     void appendItems(const TesseraTokenItems& items) const;
     // Removes the items at the positions (0-based, in any order); the others keep their order.
     void removeItemsAt(std::vector<std::size_t> positions) const;
+    // Gives the items at the positions the label.
+    void relabelItemsAt(const std::vector<std::size_t>& positions, std::string_view label) const;
     void replaceItems(const TesseraTokenItems& items) const;
 
     std::optional<Bytes> configurationData() const;
