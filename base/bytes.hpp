@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -9,6 +10,14 @@ namespace keyloft {
 
 using Bytes = std::vector<std::uint8_t>;
 using ByteView = std::span<const std::uint8_t>;
+
+// Bytes written over a stored value at an offset, the value keeping its length.
+struct BytePatch {
+    std::size_t offset = 0;
+    Bytes bytes;
+
+    bool operator==(const BytePatch&) const = default;
+};
 
 inline Bytes bytesOf(std::string_view text) {
     return {text.begin(), text.end()};

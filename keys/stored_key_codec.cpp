@@ -1,5 +1,7 @@
 #include "keys/stored_key_codec.hpp"
 
+#include <algorithm>
+#include <array>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -9,12 +11,14 @@
 
 #include "base/error.hpp"
 #include "platform/os/log.hpp"
+#include "platform/plist/plist_extension.hpp"
 #include "platform/plist/plist_reader.hpp"
 #include "platform/plist/plist_writer.hpp"
 
 namespace keyloft::keys {
 namespace {
 
+using platform::plist::PlistExtension;
 using platform::plist::PlistKind;
 using platform::plist::PlistReader;
 using platform::plist::PlistWriter;
@@ -155,50 +159,84 @@ KeyloftDataStorage decodeDataStorage(const PlistReader& list) {
     return storage;
 }
 
-// The names a record uses, written once and shared by every record.
+// The names a record uses, written once and shared by every record; the first objects of the
+// list, so that records added later find them.
 struct Names {
-    explicit Names(PlistWriter& writer)
-        : pubKeyHash(writer.text("pubKeyHash")),
-          keyData(writer.text("keyData")),
-          keyType(writer.text("keyType")),
-          wrappedPrivateKey(writer.text("wrappedPrivateKey")),
-          wrappingPrivateKeyData(writer.text("wrappingPrivateKeyData")),
-          biometryProtection(writer.text("biometryProtection")),
-          bastionKey(writer.text("bastionKey")),
-          sealedKey(writer.text("sealedKey")),
-          on(writer.text(rawValue(BiometryProtection::on))),
-          off(writer.text(rawValue(BiometryProtection::off))) {}
+    static constexpr std::string_view texts[] = {"pubKeyHash",
+                                                 "keyData",
+                                                 "keyType",
+                                                 "wrappedPrivateKey",
+                                                 "wrappingPrivateKeyData",
+                                                 "biometryProtection",
+                                                 "bastionKey",
+                                                 "sealedKey",
+                                                 "on",
+                                                 "off"};
+    static_assert(std::size(texts) == 10);
 
-    Object protection(BiometryProtection value) const {
-        return value == BiometryProtection::on ? on : off;
+    explicit Names(PlistWriter& writer) {
+        for (std::size_t i = 0; i < std::size(texts); ++i) objects[i] = writer.text(texts[i]);
+    }
+    // The names of a list written by encodeStoredKeys; nothing for another layout.
+    static std::optional<Names> found(const PlistReader& list) {
+        if (list.layout().objectCount < std::size(texts)) return std::nullopt;
+        Names names;
+        for (Object i = 0; i < std::size(texts); ++i) {
+            if (list.kind(i) != PlistKind::string || list.text(i) != texts[i]) return std::nullopt;
+            names.objects[i] = i;
+        }
+        return names;
     }
 
-    Object pubKeyHash, keyData, keyType, wrappedPrivateKey, wrappingPrivateKeyData,
-        biometryProtection, bastionKey, sealedKey, on, off;
+    Object pubKeyHash() const { return objects[0]; }
+    Object keyData() const { return objects[1]; }
+    Object keyType() const { return objects[2]; }
+    Object wrappedPrivateKey() const { return objects[3]; }
+    Object wrappingPrivateKeyData() const { return objects[4]; }
+    Object biometryProtection() const { return objects[5]; }
+    Object bastionKey() const { return objects[6]; }
+    Object sealedKey() const { return objects[7]; }
+    Object protection(BiometryProtection value) const {
+        return value == BiometryProtection::on ? objects[8] : objects[9];
+    }
+
+  private:
+    Names() = default;
+    std::array<Object, std::size(texts)> objects{};
 };
-constexpr std::uint64_t nameCount = 10;
+constexpr std::uint64_t nameCount = std::size(Names::texts);
 // A record's objects at most: its storage dictionary, one inner dictionary and five values each.
 constexpr std::uint64_t objectsPerRecord = 1 + 2 * (1 + 5);
+// Objects and bytes a record takes at most, its hash included, but for keys of unusual size.
+constexpr std::uint64_t objectsPerPair = 1 + objectsPerRecord;
+constexpr std::size_t bytesPerPair = 400;
+
+// Room kept for a quarter as many records again, at least 32, in the list and in its array of
+// records: adding one costs its own bytes until the room is used up, and the data is then encoded
+// again with new room.
+std::uint64_t roomRecordsFor(std::size_t records) {
+    return std::max<std::uint64_t>(32, records / 4);
+}
 
 Object encodeKeyStorage(PlistWriter& writer, const Names& names, const KeyStorage& storage) {
     std::vector<std::pair<Object, Object>> records;
     if (const auto& key = storage.bastionKey) {
         const std::pair<Object, Object> fields[] = {
-            {names.pubKeyHash, writer.data(key->pubKeyHash)},
-            {names.keyData, writer.data(key->keyData)},
-            {names.biometryProtection, names.protection(key->biometryProtection)},
+            {names.pubKeyHash(), writer.data(key->pubKeyHash)},
+            {names.keyData(), writer.data(key->keyData)},
+            {names.biometryProtection(), names.protection(key->biometryProtection)},
         };
-        records.emplace_back(names.bastionKey, writer.dictionary(fields));
+        records.emplace_back(names.bastionKey(), writer.dictionary(fields));
     }
     if (const auto& key = storage.sealedKey) {
         const std::pair<Object, Object> fields[] = {
-            {names.pubKeyHash, writer.data(key->pubKeyHash)},
-            {names.keyType, writer.text(key->keyType)},
-            {names.wrappedPrivateKey, writer.data(key->wrappedPrivateKey)},
-            {names.wrappingPrivateKeyData, writer.data(key->wrappingPrivateKeyData)},
-            {names.biometryProtection, names.protection(key->biometryProtection)},
+            {names.pubKeyHash(), writer.data(key->pubKeyHash)},
+            {names.keyType(), writer.text(key->keyType)},
+            {names.wrappedPrivateKey(), writer.data(key->wrappedPrivateKey)},
+            {names.wrappingPrivateKeyData(), writer.data(key->wrappingPrivateKeyData)},
+            {names.biometryProtection(), names.protection(key->biometryProtection)},
         };
-        records.emplace_back(names.sealedKey, writer.dictionary(fields));
+        records.emplace_back(names.sealedKey(), writer.dictionary(fields));
     }
     return writer.dictionary(records);
 }
@@ -226,9 +264,11 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
 }
 
 Bytes encodeStoredKeys(const StoredKeyMap& keys) {
-    // A sealed record takes about 360 bytes, a bound one less.
-    PlistWriter writer(nameCount + 5 + keys.size() * (1 + objectsPerRecord),
-                       256 + keys.size() * 400);
+    const std::uint64_t roomRecords = roomRecordsFor(keys.size());
+    const platform::plist::PlistRoom room{.bytes = roomRecords * bytesPerPair,
+                                          .objects = roomRecords * objectsPerPair};
+    PlistWriter writer(nameCount + 5 + keys.size() * objectsPerPair + room.objects,
+                       256 + (keys.size() + roomRecords) * bytesPerPair);
     const Names names(writer);
     std::vector<Object> pairs;
     pairs.reserve(keys.size() * 2);
@@ -238,9 +278,32 @@ Bytes encodeStoredKeys(const StoredKeyMap& keys) {
     }
     const std::pair<Object, Object> top[] = {
         {writer.text("version"), writer.integer(currentDataVersion)},
-        {writer.text("keys"), writer.array(pairs)},
+        {writer.text("keys"), writer.array(pairs, 2 * roomRecords)},
     };
-    return writer.finish(writer.dictionary(top));
+    return writer.finish(writer.dictionary(top), room);
+}
+
+std::optional<std::vector<BytePatch>> appendStoredKeys(ByteView configurationData,
+                                                       const StoredKeyMap& added) {
+    try {
+        const PlistReader list(configurationData);
+        const auto names = Names::found(list);
+        const auto keys = list.member(list.top(), "keys");
+        if (!names || !keys || list.kind(*keys) != PlistKind::array) return std::nullopt;
+        PlistExtension extension(list);
+        if (extension.objectRoom() < added.size() * objectsPerPair) return std::nullopt;
+        PlistWriter& writer = extension.writer();
+        std::vector<Object> pairs;
+        for (const auto& [hash, storage] : added) {
+            pairs.push_back(writer.data(hash));
+            pairs.push_back(encodeKeyStorage(writer, *names, storage));
+        }
+        if (!extension.extendArray(*keys, pairs)) return std::nullopt;
+        return extension.finish(list.top());
+    } catch (const std::runtime_error&) {
+        // Data that cannot take the records in place is encoded again whole.
+        return std::nullopt;
+    }
 }
 
 }  // namespace keyloft::keys

@@ -28,27 +28,37 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
 }
 
 IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token)
-    : token_(token), records_(keys::decodeStoredKeys(token.configurationData())) {}
+    : token_(token), data_(token.configurationData()), records_(keys::decodeStoredKeys(data_)) {}
 
 IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token,
                                      const std::optional<Bytes>& earlierData,
                                      keys::StoredKeyMap earlierRecords)
-    : token_(token) {
+    : token_(token), data_(token.configurationData()) {
     // Decoding a large card costs far more than comparing its bytes.
-    const auto data = token.configurationData();
-    records_ = data == earlierData ? std::move(earlierRecords) : keys::decodeStoredKeys(data);
+    records_ = data_ == earlierData ? std::move(earlierRecords) : keys::decodeStoredKeys(data_);
 }
 
 void IdentityAdditions::add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items) {
-    records_[hash] = std::move(storage);
+    replaced_ = replaced_ || records_.contains(hash);
+    records_[hash] = storage;
+    added_[hash] = std::move(storage);
     items_.emplace_back(std::move(items.certificate));
     items_.emplace_back(std::move(items.key));
 }
 
 void IdentityAdditions::write() {
     if (items_.empty()) return;
-    token_.replaceConfigurationData(keys::encodeStoredKeys(records_));
+    const auto patches =
+        data_ && !replaced_ ? keys::appendStoredKeys(*data_, added_) : std::nullopt;
+    if (patches) {
+        token_.patchConfigurationData(*patches);
+    } else {
+        token_.replaceConfigurationData(keys::encodeStoredKeys(records_));
+    }
     token_.appendItems(items_);
+    // Later additions are written whole: the stored data is no longer what was read.
+    data_.reset();
+    added_.clear();
     items_.clear();
 }
 

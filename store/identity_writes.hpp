@@ -36,12 +36,16 @@ class IdentityAdditions {
     // Whether the card, or an addition, already holds a record for the hash.
     bool holds(const Bytes& hash) const { return records_.contains(hash); }
     void add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items);
-    // Writes the records, then the items; nothing when nothing was added.
+    // Writes the records, then the items; nothing when nothing was added. The records are added
+    // to the stored data in place while it has room, so that this costs what was added.
     void write();
 
   private:
     const TesseraTokenConfiguration& token_;
+    std::optional<Bytes> data_;  // as stored when the records were read
     keys::StoredKeyMap records_;
+    keys::StoredKeyMap added_;
+    bool replaced_ = false;  // a record of the card was replaced, not added
     platform::token_store::TesseraTokenItems items_;
 };
 

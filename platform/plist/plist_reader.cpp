@@ -127,6 +127,53 @@ PlistKind PlistReader::kind(Object object) const {
     }
 }
 
+PlistReader::Layout PlistReader::layout() const {
+    return {offsetSize_, referenceSize_, objectCount_, table_, bytes_.size() - format::trailerSize};
+}
+
+std::uint64_t PlistReader::endOf(Object object) const {
+    const std::uint64_t offset = offsetOf(object);
+    const std::uint8_t marker = bytes_[offset];
+    const auto fixed = [&](std::uint64_t width) {
+        if (width > table_ - offset - 1) unreadable();
+        return offset + 1 + width;
+    };
+    const auto contents = [&](std::uint64_t unit) {
+        const auto at = contentsAt(offset, unit);
+        return at.position + at.size * unit;
+    };
+    switch (marker >> 4U) {
+        case format::simpleKind:
+            return offset + 1;
+        case format::integerKind:
+        case format::realKind:
+            return fixed(1ULL << (marker & 0x0FU));
+        case format::dateKind:
+            return fixed(8);
+        case format::uidKind:
+            return fixed((marker & 0x0FU) + 1ULL);
+        case format::dataKind:
+        case format::asciiKind:
+            return contents(1);
+        case format::utf16Kind:
+            return contents(2);
+        case format::arrayKind:
+            return contents(referenceSize_);
+        case format::dictionaryKind:
+            return contents(2ULL * referenceSize_);
+        default:
+            unreadable();
+    }
+}
+
+std::optional<PlistReader::GrowableArray> PlistReader::growableArray(Object array) const {
+    const std::uint64_t offset = offsetOf(array);
+    if (bytes_[offset] != (format::arrayKind << 4U | format::sizeFollows)) return std::nullopt;
+    const auto contents = contentsAt(offset, referenceSize_);
+    return GrowableArray{offset + 2, static_cast<std::uint8_t>(contents.position - offset - 2),
+                         contents.size, contents.position};
+}
+
 PlistReader::Contents PlistReader::contentsOf(Object object, std::uint64_t unit) const {
     return contentsAt(offsetOf(object), unit);
 }

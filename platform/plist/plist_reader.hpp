@@ -54,12 +54,33 @@ class PlistReader {
     std::vector<std::optional<Object>> members(Object dictionary,
                                                std::span<const std::string_view> keys) const;
 
+    // Where the list keeps its objects, for adding objects in the room it left (PlistExtension).
+    struct Layout {
+        std::uint8_t offsetSize;
+        std::uint8_t referenceSize;
+        std::uint64_t objectCount;
+        std::uint64_t table;    // where the offset table starts
+        std::uint64_t trailer;  // where the trailer starts
+    };
+    Layout layout() const;
+    // Where an object starts, and where its bytes end.
+    std::uint64_t offsetOf(Object object) const;
+    std::uint64_t endOf(Object object) const;
+    // An array whose count is a separate integer, which can be rewritten in place as it grows:
+    // where that count is, how wide, and where the elements start. Nothing for other arrays.
+    struct GrowableArray {
+        std::uint64_t countAt;
+        std::uint8_t countWidth;
+        std::uint64_t count;
+        std::uint64_t elementsAt;
+    };
+    std::optional<GrowableArray> growableArray(Object array) const;
+
   private:
     struct Contents {
         std::uint64_t size;
         std::uint64_t position;  // where the contents start, past the marker and the size
     };
-    std::uint64_t offsetOf(Object object) const;
     Contents contentsOf(Object object, std::uint64_t unit) const;
     Contents contentsAt(std::uint64_t offset, std::uint64_t unit) const;
     Object reference(std::uint64_t position, std::uint64_t index) const;

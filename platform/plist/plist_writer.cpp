@@ -10,18 +10,8 @@
 namespace keyloft::platform::plist {
 namespace {
 
-// Bytes needed for an unsigned value: 1, 2, 4 or 8.
-std::uint8_t widthFor(std::uint64_t value) {
-    if (value <= 0xFF) return 1;
-    if (value <= 0xFFFF) return 2;
-    if (value <= 0xFFFFFFFF) return 4;
-    return 8;
-}
-
-void appendUnsigned(Bytes& out, std::uint64_t value, std::uint8_t width) {
-    for (int shift = (width - 1) * 8; shift >= 0; shift -= 8)
-        out.push_back(static_cast<std::uint8_t>(value >> static_cast<unsigned>(shift)));
-}
+using format::appendUnsigned;
+using format::widthFor;
 
 std::uint8_t integerMarker(std::uint8_t width) {
     return static_cast<std::uint8_t>(format::integerKind << 4U | std::countr_zero(width));
@@ -65,11 +55,18 @@ PlistWriter::PlistWriter(std::uint64_t objectLimit, std::size_t expectedSize)
     out_.assign(format::magic.data(), format::magic.data() + format::magic.size());
 }
 
+PlistWriter::PlistWriter(std::uint8_t referenceSize, std::uint64_t firstObject,
+                         std::uint64_t objectLimit, std::uint64_t offset)
+    : referenceSize_(referenceSize),
+      firstObject_(firstObject),
+      objectLimit_(objectLimit),
+      offset_(offset) {}
+
 PlistWriter::Object PlistWriter::begin() {
-    if (offsets_.size() >= objectLimit_)
+    if (firstObject_ + offsets_.size() >= objectLimit_)
         throw PlatformError("property list has more objects than announced");
-    offsets_.push_back(out_.size());
-    return offsets_.size() - 1;
+    offsets_.push_back(offset_ + out_.size());
+    return firstObject_ + offsets_.size() - 1;
 }
 
 void PlistWriter::marker(std::uint8_t kind, std::uint64_t size) {
@@ -121,10 +118,20 @@ PlistWriter::Object PlistWriter::integer(std::int64_t value) {
     return object;
 }
 
-PlistWriter::Object PlistWriter::array(std::span<const Object> elements) {
+PlistWriter::Object PlistWriter::array(std::span<const Object> elements, std::uint64_t spare) {
     const Object object = begin();
-    marker(format::arrayKind, elements.size());
+    if (spare == 0) {
+        marker(format::arrayKind, elements.size());
+    } else {
+        // The count is its own integer, wide enough for the spare elements, so that it can be
+        // rewritten in place.
+        out_.push_back(format::arrayKind << 4U | format::sizeFollows);
+        const std::uint8_t width = widthFor(elements.size() + spare);
+        out_.push_back(integerMarker(width));
+        appendUnsigned(out_, elements.size(), width);
+    }
     for (const Object element : elements) appendReference(element);
+    out_.insert(out_.end(), spare * referenceSize_, 0);
     return object;
 }
 
@@ -136,16 +143,13 @@ PlistWriter::Object PlistWriter::dictionary(std::span<const std::pair<Object, Ob
     return object;
 }
 
-Bytes PlistWriter::finish(Object top) {
+Bytes PlistWriter::finish(Object top, PlistRoom room) {
+    out_.insert(out_.end(), room.bytes, 0);
     const std::uint64_t table = out_.size();
     const std::uint8_t offsetSize = widthFor(table);
     for (const std::uint64_t offset : offsets_) appendUnsigned(out_, offset, offsetSize);
-    out_.insert(out_.end(), 6, 0);
-    out_.push_back(offsetSize);
-    out_.push_back(referenceSize_);
-    appendUnsigned(out_, offsets_.size(), 8);
-    appendUnsigned(out_, top, 8);
-    appendUnsigned(out_, table, 8);
+    out_.insert(out_.end(), room.objects * offsetSize, 0);
+    format::appendTrailer(out_, {offsetSize, referenceSize_, offsets_.size(), top, table});
     return std::move(out_);
 }
 

@@ -111,6 +111,23 @@ std::int64_t Statement::integer(int column) const {
     return sqlite3_column_int64(statement_.get(), column);
 }
 
+Blob::Blob(sqlite3* db, const char* table, const char* column, std::int64_t row) : db_(db) {
+    sqlite3_blob* raw = nullptr;
+    const int result = sqlite3_blob_open(db, "main", table, column, row, 1, &raw);
+    blob_.reset(raw);
+    if (result != SQLITE_OK) fail(db, "cannot open a value for writing");
+}
+
+void Blob::write(std::size_t offset, ByteView bytes) {
+    const auto size = static_cast<std::size_t>(sqlite3_blob_bytes(blob_.get()));
+    if (offset > size || bytes.size() > size - offset)
+        throw PlatformError("Token store: a change reaches past the end of the stored value");
+    if (sqlite3_blob_write(blob_.get(), bytes.data(), static_cast<int>(bytes.size()),
+                           static_cast<int>(offset)) != SQLITE_OK) {
+        fail(db_, "cannot change a stored value");
+    }
+}
+
 Connection::Connection(const std::filesystem::path& path) {
     createPrivateFile(path);
     sqlite3* raw = nullptr;
@@ -123,6 +140,8 @@ Connection::Connection(const std::filesystem::path& path) {
     sqlite3_busy_timeout(db_.get(), busyTimeoutMilliseconds);
     execute("PRAGMA journal_mode=WAL");
     execute("PRAGMA foreign_keys=ON");
+    // A change undone on failure keeps the pages it replaces in memory, not in a temporary file.
+    execute("PRAGMA temp_store=MEMORY");
 }
 
 void Connection::execute(std::string_view sql) const {

@@ -48,6 +48,22 @@ class Statement {
     std::unique_ptr<sqlite3_stmt, Finalizer> statement_;
 };
 
+// One value of a row opened for writing in place; it keeps its length.
+class Blob {
+  public:
+    Blob(sqlite3* db, const char* table, const char* column, std::int64_t row);
+
+    // Throws PlatformError when the bytes reach past the value's end.
+    void write(std::size_t offset, ByteView bytes);
+
+  private:
+    struct Closer {
+        void operator()(sqlite3_blob* blob) const { sqlite3_blob_close(blob); }
+    };
+    sqlite3* db_;
+    std::unique_ptr<sqlite3_blob, Closer> blob_;
+};
+
 class Connection {
   public:
     // Opens or creates the database file with mode 0600.
@@ -55,6 +71,9 @@ class Connection {
 
     sqlite3* handle() const { return db_.get(); }
     Statement prepare(std::string_view sql) const { return Statement(db_.get(), sql); }
+    Blob openBlob(const char* table, const char* column, std::int64_t row) const {
+        return {db_.get(), table, column, row};
+    }
     void execute(std::string_view sql) const;
     // Runs the work as one whole change, undone when the work throws: a write transaction of its
     // own, or a savepoint inside the write transaction already open.

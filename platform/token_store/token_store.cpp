@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "base/error.hpp"
 #include "platform/token_store/sqlite_connection.hpp"
 
 namespace keyloft::platform::token_store {
@@ -215,6 +216,16 @@ void TesseraTokenConfiguration::replaceConfigurationData(ByteView data) const {
             .bind(2, std::string_view(driver_))
             .bind(3, std::string_view(instance_))
             .run();
+    });
+}
+
+void TesseraTokenConfiguration::patchConfigurationData(std::span<const BytePatch> patches) const {
+    db_->transaction([&] {
+        auto row = db_->prepare("SELECT rowid FROM tokens WHERE driver = ? AND instance = ?");
+        row.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        if (!row.step()) throw PlatformError("Token store: no token to change");
+        auto blob = db_->openBlob("tokens", "config_data", row.integer(0));
+        for (const auto& patch : patches) blob.write(patch.offset, patch.bytes);
     });
 }
 

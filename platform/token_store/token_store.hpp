@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,10 @@ class TesseraTokenConfiguration {
 
     std::optional<Bytes> configurationData() const;
     void replaceConfigurationData(ByteView data) const;
+    // Writes the patches over the data in place, which keeps its length: only the pages they
+    // touch are written. Throws PlatformError when the token has no data or a patch reaches past
+    // its end.
+    void patchConfigurationData(std::span<const BytePatch> patches) const;
     void removeConfigurationData() const;
 
   private:

@@ -1,11 +1,13 @@
 // Whatever the configuration data, decoding gives a map or one of the two decoding errors; a map
-// survives being written and read again.
+// survives being written and read again; a record added in place, when the data has room for it,
+// reads back beside the others.
 
 #include <cstdlib>
 #include <string_view>
 
 #include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
+#include "support/byte_patches.hpp"
 
 // The system log is not under test, and a line per input would flood it.
 namespace keyloft::platform::os {
@@ -24,5 +26,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     if (keyloft::keys::decodeStoredKeys(keyloft::keys::encodeStoredKeys(keys)) != keys)
         std::abort();
+
+    const keyloft::Bytes hash(20, 0xA5);
+    if (keys.contains(hash)) return 0;
+    const keyloft::keys::StoredKeyMap added{
+        {hash, {.bastionKey = keyloft::keys::BastionKey{hash, {1, 2, 3}}}}};
+    const auto patches = keyloft::keys::appendStoredKeys({data, size}, added);
+    if (!patches) return 0;
+    // A patch past the end throws, and ends the run as a finding.
+    const auto patched = keyloft::testing::patched({data, data + size}, *patches);
+    keys.merge(keyloft::keys::StoredKeyMap(added));
+    if (keyloft::keys::decodeStoredKeys(patched) != keys) std::abort();
     return 0;
 }

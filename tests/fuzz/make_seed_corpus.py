@@ -1,10 +1,15 @@
 """Writes a few stored-key configuration data files as seeds for decode_stored_keys_fuzzer.
 
-Usage: python3 make_seed_corpus.py <folder>
+Usage: python3 make_seed_corpus.py <folder> [<keyloft>]
+With the tool, one more seed holds the data of a card it made, laid out with room for records
+added in place.
 """
 import os
 import plistlib
+import sqlite3
+import subprocess
 import sys
+import tempfile
 
 
 def bastion(fill, protection):
@@ -39,8 +44,23 @@ SEEDS = {
                                                                     "biometryProtection": "on"}}))},
 }
 
+
+
+def card_data(keyloft):
+    with tempfile.TemporaryDirectory() as home:
+        env = dict(os.environ, HOME=home, XDG_DATA_HOME=home, KEYLOFT_KEY_PROCESSOR="soft")
+        for label in ("one", "two"):
+            subprocess.run([keyloft, "create-identity", "-l", label, "-k", "p-256"], env=env,
+                           check=True, capture_output=True)
+        db = sqlite3.connect(os.path.join(home, "keyloft", "tokens.db"))
+        return db.execute("SELECT config_data FROM tokens").fetchone()[0]
+
+
 folder = sys.argv[1]
 os.makedirs(folder, exist_ok=True)
 for name, root in SEEDS.items():
     with open(os.path.join(folder, name + ".bplist"), "wb") as seed:
         plistlib.dump(root, seed, fmt=plistlib.FMT_BINARY, sort_keys=False)
+if len(sys.argv) > 2:
+    with open(os.path.join(folder, "with_room.bplist"), "wb") as seed:
+        seed.write(card_data(sys.argv[2]))

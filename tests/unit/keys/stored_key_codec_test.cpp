@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/error.hpp"
+#include "support/byte_patches.hpp"
 #include "support/plist_tree.hpp"
 #include "support/temporary_folder.hpp"
 
@@ -111,6 +112,56 @@ TEST_F(StoredKeyCodec, StandardReaderSeesTheStoredLayout) {
         R"(["biometryProtection",["string","on"]]]]]]],["data","bb"],["dict",[["sealedKey",["dict",[)"
         R"(["pubKeyHash",["data","bb"]],["keyType",["string","ec"]],["wrappedPrivateKey",["data","0102"]],)"
         R"(["wrappingPrivateKeyData",["data","ee"]],["biometryProtection",["string","off"]]]]]]]]]]]])");
+}
+
+KeyStorage sealedStorage(std::uint8_t fill) {
+    return {.sealedKey = SealedKey{hashOf(fill), "ec", Bytes(178, fill), Bytes(80, fill),
+                                   BiometryProtection::off}};
+}
+
+TEST_F(StoredKeyCodec, RecordsAreAddedInPlaceUntilTheRoomIsUsedUp) {
+    StoredKeyMap expected{{hashOf(1), sealedStorage(1)}, {hashOf(2), {}}};
+    Bytes data = encodeStoredKeys(expected);
+    const std::size_t size = data.size();
+    // One record at a time, as create-identity adds them, and every third time three at once.
+    for (std::uint8_t fill = 3; fill < 200; fill += 3) {
+        StoredKeyMap more{{hashOf(fill), sealedStorage(fill)}};
+        if (fill % 9 == 0) {
+            more.emplace(hashOf(fill + 1),
+                         KeyStorage{.bastionKey = BastionKey{hashOf(fill + 1), Bytes(240, fill),
+                                                             BiometryProtection::on}});
+            more.emplace(hashOf(fill + 2), sealedStorage(fill + 2));
+        }
+        const auto patches = appendStoredKeys(data, more);
+        if (!patches) break;
+        data = testing::patched(data, *patches);
+        expected.merge(more);
+        ASSERT_EQ(decodeStoredKeys(data), expected) << expected.size();
+    }
+    EXPECT_EQ(data.size(), size);
+    EXPECT_GE(expected.size(), 2U + 32U);
+    EXPECT_LT(expected.size(), 100U);
+    EXPECT_TRUE(platform::os::loggedErrors.empty());
+    // Written again whole, the data has room again; data of another layout is written whole.
+    const StoredKeyMap one{{hashOf(0xFF), sealedStorage(0xFF)}};
+    EXPECT_TRUE(appendStoredKeys(encodeStoredKeys(expected), one));
+    EXPECT_FALSE(
+        appendStoredKeys(rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1)}), one));
+}
+
+TEST_F(StoredKeyCodec, StandardReaderSeesRecordsAddedInPlace) {
+    const StoredKeyMap first{{{0xAA}, {.sealedKey = SealedKey{{0xAA}, "ec", {0x01}, {0xEE}}}}};
+    const StoredKeyMap second{
+        {{0xBB}, {.bastionKey = BastionKey{{0xBB}, {0x0B}, BiometryProtection::on}}}};
+    const Bytes data = encodeStoredKeys(first);
+    EXPECT_EQ(
+        readWithPlistlib(testing::patched(data, *appendStoredKeys(data, second))),
+        R"(bplist00 ["dict",[["version",["int",1]],["keys",["array",[["data","aa"],)"
+        R"(["dict",[["sealedKey",["dict",[["pubKeyHash",["data","aa"]],["keyType",["string","ec"]],)"
+        R"(["wrappedPrivateKey",["data","01"]],["wrappingPrivateKeyData",["data","ee"]],)"
+        R"(["biometryProtection",["string","off"]]]]]]],["data","bb"],["dict",[["bastionKey",)"
+        R"(["dict",[["pubKeyHash",["data","bb"]],["keyData",["data","0b"]],)"
+        R"(["biometryProtection",["string","on"]]]]]]]]]]]])");
 }
 
 struct BadData {

@@ -3,11 +3,15 @@
 #include <limits>
 
 #include "base/error.hpp"
+#include "platform/plist/plist_extension.hpp"
 #include "platform/plist/plist_reader.hpp"
 #include "platform/plist/plist_writer.hpp"
+#include "support/byte_patches.hpp"
 
 namespace keyloft::platform::plist {
 namespace {
+
+using testing::patched;
 
 Bytes fromHex(std::string_view hex) {
     Bytes bytes;
@@ -112,6 +116,68 @@ TEST(PlistCodec, RefusesToWriteWhatItCannotRepresent) {
     PlistWriter full(1);
     full.integer(1);
     EXPECT_THROW(full.integer(2), PlatformError);
+}
+
+std::vector<std::int64_t> integersIn(const Bytes& list) {
+    const PlistReader reader(list);
+    std::vector<std::int64_t> values;
+    for (const auto element : reader.elements(*reader.member(reader.top(), "list")))
+        values.push_back(reader.integer(element));
+    return values;
+}
+
+TEST(PlistExtension, AddsObjectsInTheRoomLeftUntilItIsUsedUp) {
+    PlistWriter writer(64);
+    const PlistWriter::Object first[] = {writer.integer(0)};
+    const std::pair<PlistWriter::Object, PlistWriter::Object> top[] = {
+        {writer.text("list"), writer.array(first, 3)}};
+    Bytes list = writer.finish(writer.dictionary(top), {.bytes = 48, .objects = 60});
+    const std::size_t size = list.size();
+    std::vector<std::int64_t> expected{0};
+    int copies = 0;
+    // Each round adds one integer: into the array's spare room while it lasts, then into a copy
+    // of the array with new spare room, until the list's room is used up.
+    for (std::int64_t value = 1;; ++value) {
+        const PlistReader reader(list);
+        PlistExtension extension(reader);
+        PlistWriter& added = extension.writer();
+        const PlistWriter::Object element[] = {added.integer(value)};
+        const auto array = *reader.member(reader.top(), "list");
+        std::optional<std::vector<BytePatch>> patches;
+        if (extension.extendArray(array, element)) {
+            patches = extension.finish(reader.top());
+        } else {
+            ++copies;
+            auto all = reader.elements(array);
+            all.push_back(element[0]);
+            const std::pair<PlistWriter::Object, PlistWriter::Object> entry[] = {
+                {added.text("list"), added.array(all, 3)}};
+            patches = extension.finish(added.dictionary(entry));
+        }
+        if (!patches) break;
+        list = patched(list, *patches);
+        expected.push_back(value);
+        ASSERT_EQ(integersIn(list), expected);
+    }
+    EXPECT_EQ(list.size(), size);
+    EXPECT_GE(copies, 2);
+    EXPECT_GT(expected.size(), 4U);
+}
+
+TEST(PlistExtension, FindsNoRoomInAListWrittenWithout) {
+    PlistWriter writer(4);
+    const PlistWriter::Object elements[] = {writer.integer(7)};
+    const std::pair<PlistWriter::Object, PlistWriter::Object> top[] = {
+        {writer.text("list"), writer.array(elements)}};
+    const Bytes list = writer.finish(writer.dictionary(top));
+    const PlistReader reader(list);
+    PlistExtension extension(reader);
+    EXPECT_EQ(extension.objectRoom(), 0U);
+    EXPECT_FALSE(extension.extendArray(*reader.member(reader.top(), "list"), elements));
+    // Nothing added: the trailer alone is written again, unchanged.
+    const auto unchanged = extension.finish(reader.top());
+    ASSERT_TRUE(unchanged);
+    EXPECT_EQ(patched(list, *unchanged), list);
 }
 
 }  // namespace

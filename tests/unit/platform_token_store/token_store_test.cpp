@@ -104,6 +104,18 @@ TEST_F(TokenStore, ConfigurationDataIsReplacedAndRemoved) {
     EXPECT_FALSE(userToken().configurationData());
 }
 
+TEST_F(TokenStore, ConfigurationDataIsPatchedInPlaceOrNotAtAll) {
+    const auto token = userToken();
+    EXPECT_THROW(token.patchConfigurationData({{BytePatch{0, {1}}}}), PlatformError);
+    token.replaceConfigurationData(Bytes{1, 2, 3, 4, 5});
+    token.patchConfigurationData({{BytePatch{0, {9}}, BytePatch{3, {8, 7}}}});
+    EXPECT_EQ(userToken().configurationData(), (Bytes{9, 2, 3, 8, 7}));
+    // A patch past the end fails the whole change, the patches before it included.
+    EXPECT_THROW(token.patchConfigurationData({{BytePatch{1, {0}}, BytePatch{4, {6, 6}}}}),
+                 PlatformError);
+    EXPECT_EQ(userToken().configurationData(), (Bytes{9, 2, 3, 8, 7}));
+}
+
 TEST_F(TokenStore, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
     userToken();
     sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', 0, 'key', x'01', NULL, x'3000', 1, "
