@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <stdexcept>
 #include <string_view>
 #include <vector>
 
@@ -18,6 +20,16 @@ struct BytePatch {
 
     bool operator==(const BytePatch&) const = default;
 };
+
+// Writes the patches over the bytes; throws std::out_of_range for one that reaches past their end.
+inline void applyPatches(Bytes& bytes, std::span<const BytePatch> patches) {
+    for (const auto& patch : patches) {
+        if (patch.offset > bytes.size() || patch.bytes.size() > bytes.size() - patch.offset)
+            throw std::out_of_range("patch past the end of the bytes");
+        std::copy(patch.bytes.begin(), patch.bytes.end(),
+                  bytes.begin() + static_cast<std::ptrdiff_t>(patch.offset));
+    }
+}
 
 inline Bytes bytesOf(std::string_view text) {
     return {text.begin(), text.end()};

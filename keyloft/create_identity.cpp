@@ -11,16 +11,17 @@ void KeyloftApp::createIdentity() {
     if (!keyType) throw KeyloftError::generic("Missing or unsupported 'keyType' paramater");
     const bool biometry = keyProtection == KeyProtection::bio;
 
+    // Read without decoding every record: only the key processor depends on them.
     const auto data = tokenConfiguration.configurationData();
-    auto card = keys::decodeStoredKeys(data);
+    const bool tpmCard = keys::holdsTpmKeys(data);
     const std::string specification = commonName + ";" + email + ";" + organizationalUnit + ";" +
                                       organization + ";" + locality + ";" + stateOrProvince + ";" +
                                       country;
     auto identity =
-        store::certifyNewKey(keys::generateKey(*keyType, biometry, card), specification, *label);
+        store::certifyNewKey(keys::generateKey(*keyType, biometry, tpmCard), specification, *label);
 
     tokenConfiguration.writeTransaction([&] {
-        store::IdentityAdditions additions(tokenConfiguration, data, std::move(card));
+        store::IdentityAdditions additions(tokenConfiguration, data);
         additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));
         additions.write();
     });

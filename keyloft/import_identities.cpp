@@ -44,12 +44,13 @@ void KeyloftApp::importIdentities() {
 
     tokenConfiguration.writeTransaction([&] {
         store::IdentityAdditions additions(tokenConfiguration);
+        const bool tpmCard = keys::holdsTpmKeys(additions.records());
         // Identities added before one fails stay on the card.
         try {
             for (auto& identity : *identities) {
                 const Bytes keyHash = identity.key.applicationLabel();
-                keys::KeyStorage storage{
-                    .sealedKey = keys::makeSealedKey(identity.key, biometry, additions.records())};
+                keys::KeyStorage storage{.sealedKey =
+                                             keys::makeSealedKey(identity.key, biometry, tpmCard)};
                 const std::string identityLabel = labelOf(identity.certificate);
                 auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
                 if (additions.holds(keyHash)) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/error.hpp"
+#include "keys/stored_key_codec.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/key_service/ecies.hpp"
 
@@ -13,18 +14,27 @@ BiometryProtection protectionFor(bool biometry) {
     return biometry ? BiometryProtection::on : BiometryProtection::off;
 }
 
-platform::key_processor::KeyProcessor& processorFor(const StoredKeyMap& card) {
-    return platform::key_processor::defaultKeyProcessor(holdsTpmKeys(card));
+// A stored record, or one read in place.
+template <class Storage>
+bool reachesTpm(const Storage& storage) {
+    const auto& [bastionKey, sealedKey] = storage;
+    return (bastionKey && platform::key_processor::isTpmKey(bastionKey->keyData)) ||
+           (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
 }
 
 }  // namespace
 
 bool holdsTpmKeys(const StoredKeyMap& card) {
-    return std::any_of(card.begin(), card.end(), [](const auto& entry) {
-        const auto& [bastionKey, sealedKey] = entry.second;
-        return (bastionKey && platform::key_processor::isTpmKey(bastionKey->keyData)) ||
-               (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
+    return std::any_of(card.begin(), card.end(),
+                       [](const auto& entry) { return reachesTpm(entry.second); });
+}
+
+bool holdsTpmKeys(const std::optional<Bytes>& configurationData) {
+    bool found = false;
+    readStoredKeys(configurationData, [&](ByteView /*hash*/, const KeyStorageView& storage) {
+        found = found || reachesTpm(storage);
     });
+    return found;
 }
 
 std::uint32_t accessControlFor(bool biometry) {
@@ -32,16 +42,17 @@ std::uint32_t accessControlFor(bool biometry) {
            (biometry ? platform::key_processor::accessControlBiometryAny : 0U);
 }
 
-NewKey generateKey(KeyType type, bool biometry, const StoredKeyMap& card) {
+NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys) {
     const auto inProcessor = [&](int sizeInBits) {
-        auto key = processorFor(card).createKey(sizeInBits, accessControlFor(biometry));
+        auto key = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
+                       .createKey(sizeInBits, accessControlFor(biometry));
         KeyStorage storage{.bastionKey = makeBastionKey(*key, biometry)};
         return NewKey{std::move(key), std::move(storage)};
     };
     const auto wrapped = [&](int sizeInBits) {
         auto key = std::make_unique<platform::key_service::SoftwareKey>(
             platform::key_service::SoftwareKey::generateEC(sizeInBits));
-        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry, card)};
+        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry, cardHoldsTpmKeys)};
         return NewKey{std::move(key), std::move(storage)};
     };
     switch (type) {
@@ -65,7 +76,7 @@ BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool
 }
 
 SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,
-                        const StoredKeyMap& card) {
+                        bool cardHoldsTpmKeys) {
     const auto plaintext = key.externalRepresentation();
     SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
     try {
@@ -74,7 +85,8 @@ SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biom
         throw KeyloftError::generic("failed to get private key attributes");
     }
 
-    const auto wrapping = processorFor(card).createKey(256, accessControlFor(biometry));
+    const auto wrapping = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
+                              .createKey(256, accessControlFor(biometry));
     Bytes wrappingPoint;
     try {
         wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+
+#include "base/bytes.hpp"
 #include "keys/key_type.hpp"
 
 #include "keys/stored_key_records.hpp"
@@ -20,16 +23,19 @@ struct NewKey {
 
 // Whether the card's records reach any key inside a TPM: such a card gets no new soft keys.
 bool holdsTpmKeys(const StoredKeyMap& card);
+// The same of the card's configuration data, read without decoding it into a map; throws the
+// decoder's errors.
+bool holdsTpmKeys(const std::optional<Bytes>& configurationData);
 
-// A key pair of the type for the card: made inside the key processor for the "-ne" types, else a
-// software key wrapped under a new processor-held key.
-NewKey generateKey(KeyType type, bool biometry, const StoredKeyMap& card);
+// A key pair of the type for a card (that holds TPM keys or not): made inside the key processor
+// for the "-ne" types, else a software key wrapped under a new processor-held key.
+NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys);
 
 // The record of a processor key.
 BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry);
 
 // Wraps a software private key under a new processor-held P-256 wrapping key.
 SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,
-                        const StoredKeyMap& card);
+                        bool cardHoldsTpmKeys);
 
 }  // namespace keyloft::keys

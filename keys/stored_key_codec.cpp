@@ -65,18 +65,18 @@ Object required(const PlistReader& list, Object dictionary, std::string_view key
 }
 
 // The members of one dictionary, found in one pass and checked as they are taken.
+template <std::size_t count>
 class Fields {
   public:
     Fields(const PlistReader& list, Object dictionary, const Path& path,
-           std::span<const std::string_view> names)
-        : list_(list), path_(path), names_(names), values_(list.members(dictionary, names)) {}
+           const std::array<std::string_view, count>& names)
+        : list_(list), path_(path), names_(names) {
+        list.members(dictionary, names, values_);
+    }
 
     std::optional<Object> optional(std::size_t field) const { return values_[field]; }
 
-    Bytes data(std::size_t field) const {
-        const auto bytes = list_.data(of(field, PlistKind::data));
-        return {bytes.begin(), bytes.end()};
-    }
+    ByteView data(std::size_t field) const { return list_.data(of(field, PlistKind::data)); }
     std::string text(std::size_t field) const { return list_.text(of(field, PlistKind::string)); }
     BiometryProtection protection(std::size_t field) const {
         const auto raw = text(field);
@@ -93,12 +93,13 @@ class Fields {
 
     const PlistReader& list_;
     const Path& path_;
-    std::span<const std::string_view> names_;
-    std::vector<std::optional<Object>> values_;
+    const std::array<std::string_view, count>& names_;
+    std::array<std::optional<Object>, count> values_{};
 };
 
-BastionKey decodeBastionKey(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::string_view names[] = {"pubKeyHash", "keyData", "biometryProtection"};
+BastionKeyView readBastionKey(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::array<std::string_view, 3> names = {"pubKeyHash", "keyData",
+                                                              "biometryProtection"};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     return {.pubKeyHash = fields.data(0),
@@ -106,9 +107,10 @@ BastionKey decodeBastionKey(const PlistReader& list, Object value, const Path& p
             .biometryProtection = fields.protection(2)};
 }
 
-SealedKey decodeSealedKey(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::string_view names[] = {"pubKeyHash", "keyType", "wrappedPrivateKey",
-                                                 "wrappingPrivateKeyData", "biometryProtection"};
+SealedKeyView readSealedKey(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::array<std::string_view, 5> names = {
+        "pubKeyHash", "keyType", "wrappedPrivateKey", "wrappingPrivateKeyData",
+        "biometryProtection"};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     return {.pubKeyHash = fields.data(0),
@@ -118,45 +120,41 @@ SealedKey decodeSealedKey(const PlistReader& list, Object value, const Path& pat
             .biometryProtection = fields.protection(4)};
 }
 
-KeyStorage decodeKeyStorage(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::string_view names[] = {"bastionKey", "sealedKey"};
+KeyStorageView readKeyStorage(const PlistReader& list, Object value, const Path& path) {
+    static constexpr std::array<std::string_view, 2> names = {"bastionKey", "sealedKey"};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
-    KeyStorage storage;
+    KeyStorageView storage;
     if (const auto bastionKey = fields.optional(0))
-        storage.bastionKey = decodeBastionKey(list, *bastionKey, path / names[0]);
+        storage.bastionKey = readBastionKey(list, *bastionKey, path / names[0]);
     if (const auto sealedKey = fields.optional(1))
-        storage.sealedKey = decodeSealedKey(list, *sealedKey, path / names[1]);
+        storage.sealedKey = readSealedKey(list, *sealedKey, path / names[1]);
     return storage;
 }
 
 // The map is a flat list: hash, storage, hash, storage, ...
-StoredKeyMap decodeKeyPairs(const PlistReader& list, Object value) {
+void readKeyPairs(const PlistReader& list, Object value, const StoredKeyVisitor& visit) {
     const Path keys = root / "keys";
     expect(list, value, PlistKind::array, keys);
     const auto pairs = list.elements(value);
     if (pairs.size() % 2 != 0) {
         throw LayoutError("keys: odd number of elements (" + std::to_string(pairs.size()) + ")");
     }
-    StoredKeyMap map;
     for (std::size_t i = 0; i < pairs.size(); i += 2) {
         expect(list, pairs[i], PlistKind::data, keys[i]);
-        const auto hash = list.data(pairs[i]);
-        // The tool writes the pairs in order, so each goes in at the end.
-        map.insert_or_assign(map.end(), Bytes(hash.begin(), hash.end()),
-                             decodeKeyStorage(list, pairs[i + 1], keys[i + 1]));
+        visit(list.data(pairs[i]), readKeyStorage(list, pairs[i + 1], keys[i + 1]));
     }
-    return map;
 }
 
-KeyloftDataStorage decodeDataStorage(const PlistReader& list) {
+// The data's version; the records, read before it is compared, go to the visitor.
+std::int64_t readDataStorage(const PlistReader& list, const StoredKeyVisitor& visit) {
     expect(list, list.top(), PlistKind::dictionary, root, "root");
     const Object version = required(list, list.top(), "version", root);
     expect(list, version, PlistKind::integer, root / "version");
-    KeyloftDataStorage storage{.version = list.integer(version)};
-    if (const auto keys = list.member(list.top(), "keys"))
-        storage.keys = decodeKeyPairs(list, *keys);
-    return storage;
+    const std::int64_t value = list.integer(version);
+    // Never written without "keys", but such a record holds no keys.
+    if (const auto keys = list.member(list.top(), "keys")) readKeyPairs(list, *keys, visit);
+    return value;
 }
 
 // The names a record uses, written once and shared by every record; the first objects of the
@@ -243,24 +241,48 @@ Object encodeKeyStorage(PlistWriter& writer, const Names& names, const KeyStorag
 
 }  // namespace
 
-StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
-    if (!configurationData) return {};
-    KeyloftDataStorage storage;
+KeyStorage KeyStorageView::owned() const {
+    KeyStorage storage;
+    if (bastionKey) {
+        storage.bastionKey =
+            BastionKey{bytesOf(bastionKey->pubKeyHash), bytesOf(bastionKey->keyData),
+                       bastionKey->biometryProtection};
+    }
+    if (sealedKey) {
+        storage.sealedKey =
+            SealedKey{bytesOf(sealedKey->pubKeyHash), sealedKey->keyType,
+                      bytesOf(sealedKey->wrappedPrivateKey),
+                      bytesOf(sealedKey->wrappingPrivateKeyData), sealedKey->biometryProtection};
+    }
+    return storage;
+}
+
+void readStoredKeys(const std::optional<Bytes>& configurationData, const StoredKeyVisitor& visit) {
+    if (!configurationData) return;
+    std::int64_t version = 0;
     try {
-        storage = decodeDataStorage(PlistReader(*configurationData));
+        version = readDataStorage(PlistReader(*configurationData), visit);
     } catch (const std::runtime_error& failure) {
         // Both the property-list reader (PlatformError) and the layout checks (LayoutError) land
         // here.
         platform::os::logError(std::string("Failed to decode data: ") + failure.what());
         throw KeyloftError::decodeDataFailed();
     }
-    if (storage.version != currentDataVersion) {
+    if (version != currentDataVersion) {
         platform::os::logDebug("Ignoring decoded data with different version: " +
-                               std::to_string(storage.version));
+                               std::to_string(version));
         throw KeyloftError::dataVersionMismatch();
     }
-    // Never written without "keys", but such a record holds no keys.
-    return storage.keys ? std::move(*storage.keys) : StoredKeyMap{};
+}
+
+StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
+    StoredKeyMap map;
+    readStoredKeys(configurationData, [&](ByteView hash, const KeyStorageView& storage) {
+        // The tool writes the pairs in order, so each goes in at the end; a later pair of the
+        // same hash replaces an earlier one.
+        map.insert_or_assign(map.end(), Bytes(hash.begin(), hash.end()), storage.owned());
+    });
+    return map;
 }
 
 Bytes encodeStoredKeys(const StoredKeyMap& keys) {

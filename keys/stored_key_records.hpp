@@ -49,9 +49,4 @@ using StoredKeyMap = std::map<Bytes, KeyStorage>;
 
 inline constexpr std::int64_t currentDataVersion = 1;
 
-struct KeyloftDataStorage {
-    std::int64_t version = currentDataVersion;
-    std::optional<StoredKeyMap> keys;
-};
-
 }  // namespace keyloft::keys

@@ -22,8 +22,8 @@ void onUserToken(Change&& change) {
 
 store::NewIdentity makeIdentity(const KeyPairRequest& request) {
     const auto registry = store::openUserRegistry();
-    const auto card = keys::decodeStoredKeys(store::userToken(registry).configurationData());
-    auto identity = store::makeSelfSignedIdentity(request.type, request.label, card);
+    const bool tpmCard = keys::holdsTpmKeys(store::userToken(registry).configurationData());
+    auto identity = store::makeSelfSignedIdentity(request.type, request.label, tpmCard);
     identity.items.key.canSign = request.canSign;
     identity.items.key.canPerformKeyExchange = request.canDerive;
     return identity;

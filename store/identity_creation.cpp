@@ -15,8 +15,8 @@
 namespace keyloft::store {
 
 NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel,
-                                   const keys::StoredKeyMap& card) {
-    auto key = keys::generateKey(type, false, card);
+                                   bool cardHoldsTpmKeys) {
+    auto key = keys::generateKey(type, false, cardHoldsTpmKeys);
     const std::string label = givenLabel.value_or(pubkey::toHexString(key.key->applicationLabel()));
     // The label is the common name alone: the separators of the subject specification in it
     // would start other name parts.

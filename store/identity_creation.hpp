@@ -21,9 +21,9 @@ struct NewIdentity {
     keys::KeyStorage storage;
     IdentityItems items;
 };
-// The card's records decide the key processor (a card holding TPM keys makes no others).
+// A card holding TPM keys makes no others (see keys::holdsTpmKeys).
 NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& label,
-                                   const keys::StoredKeyMap& card);
+                                   bool cardHoldsTpmKeys);
 
 // A new key made an identity: a self-signed certificate over it with the subject the
 // specification gives ("CN;E;OU;O;L;ST;C"), signed through its stored record, and its items

@@ -31,16 +31,22 @@ IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token)
     : token_(token), data_(token.configurationData()), records_(keys::decodeStoredKeys(data_)) {}
 
 IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token,
-                                     const std::optional<Bytes>& earlierData,
-                                     keys::StoredKeyMap earlierRecords)
+                                     const std::optional<Bytes>& earlierData)
     : token_(token), data_(token.configurationData()) {
-    // Decoding a large card costs far more than comparing its bytes.
-    records_ = data_ == earlierData ? std::move(earlierRecords) : keys::decodeStoredKeys(data_);
+    // Data changed meanwhile is checked before anything is added to it.
+    if (data_ != earlierData) records_ = keys::decodeStoredKeys(data_);
+}
+
+const keys::StoredKeyMap& IdentityAdditions::records() const {
+    if (!records_) {
+        records_ = keys::decodeStoredKeys(data_);
+        for (const auto& [hash, storage] : added_) (*records_)[hash] = storage;
+    }
+    return *records_;
 }
 
 void IdentityAdditions::add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items) {
-    replaced_ = replaced_ || records_.contains(hash);
-    records_[hash] = storage;
+    if (records_) (*records_)[hash] = storage;
     added_[hash] = std::move(storage);
     items_.emplace_back(std::move(items.certificate));
     items_.emplace_back(std::move(items.key));
@@ -48,16 +54,15 @@ void IdentityAdditions::add(const Bytes& hash, keys::KeyStorage storage, Identit
 
 void IdentityAdditions::write() {
     if (items_.empty()) return;
-    const auto patches =
-        data_ && !replaced_ ? keys::appendStoredKeys(*data_, added_) : std::nullopt;
+    const auto patches = data_ ? keys::appendStoredKeys(*data_, added_) : std::nullopt;
     if (patches) {
         token_.patchConfigurationData(*patches);
+        applyPatches(*data_, *patches);
     } else {
-        token_.replaceConfigurationData(keys::encodeStoredKeys(records_));
+        data_ = keys::encodeStoredKeys(records());
+        token_.replaceConfigurationData(*data_);
     }
     token_.appendItems(items_);
-    // Later additions are written whole: the stored data is no longer what was read.
-    data_.reset();
     added_.clear();
     items_.clear();
 }

@@ -26,15 +26,16 @@ class IdentityAdditions {
   public:
     // Throws the decoder's errors for damaged configuration data.
     explicit IdentityAdditions(const TesseraTokenConfiguration& token);
-    // The same, taking the records decoded earlier from the data when the data is still that.
+    // The same, for a card whose data was read (and checked) earlier: while the data is still
+    // that, its records are decoded only when asked for.
     IdentityAdditions(const TesseraTokenConfiguration& token,
-                      const std::optional<Bytes>& earlierData, keys::StoredKeyMap earlierRecords);
+                      const std::optional<Bytes>& earlierData);
 
     // The card's records with the additions so far.
-    const keys::StoredKeyMap& records() const { return records_; }
+    const keys::StoredKeyMap& records() const;
 
     // Whether the card, or an addition, already holds a record for the hash.
-    bool holds(const Bytes& hash) const { return records_.contains(hash); }
+    bool holds(const Bytes& hash) const { return records().contains(hash); }
     void add(const Bytes& hash, keys::KeyStorage storage, IdentityItems items);
     // Writes the records, then the items; nothing when nothing was added. The records are added
     // to the stored data in place while it has room, so that this costs what was added.
@@ -42,10 +43,9 @@ class IdentityAdditions {
 
   private:
     const TesseraTokenConfiguration& token_;
-    std::optional<Bytes> data_;  // as stored when the records were read
-    keys::StoredKeyMap records_;
+    std::optional<Bytes> data_;  // as stored, without the additions not yet written
+    mutable std::optional<keys::StoredKeyMap> records_;
     keys::StoredKeyMap added_;
-    bool replaced_ = false;  // a record of the card was replaced, not added
     platform::token_store::TesseraTokenItems items_;
 };
 

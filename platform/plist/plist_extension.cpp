@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "base/error.hpp"
 #include "platform/plist/plist_format.hpp"
 
 namespace keyloft::platform::plist {
@@ -10,10 +11,16 @@ namespace {
 
 using format::appendUnsigned;
 
+// Where the objects end. Only a list whose objects lie in the order of their numbers, none
+// running into the next, is extended: then the room after each object is known from the next
+// one's offset alone.
 std::uint64_t objectsEndOf(const PlistReader& list) {
     std::uint64_t end = 0;
-    for (std::uint64_t object = 0; object < list.layout().objectCount; ++object)
-        end = std::max(end, list.endOf(object));
+    for (std::uint64_t object = 0; object < list.layout().objectCount; ++object) {
+        if (list.offsetOf(object) < end)
+            throw PlatformError("property list is not laid out in the order of its objects");
+        end = list.endOf(object);
+    }
     return end;
 }
 
@@ -43,20 +50,10 @@ std::uint64_t PlistExtension::objectRoom() const {
     return limit > used ? limit - used : 0;
 }
 
-std::uint64_t PlistExtension::roomFrom(std::uint64_t start, Object owner) const {
-    // The room ends where the next object starts, or where the room at the end starts; none is
-    // left when another object's bytes run into it (only a list made by hand does that).
-    std::uint64_t end = objectsEnd_;
-    for (Object object = 0; object < layout_.objectCount; ++object) {
-        if (object == owner) continue;
-        const std::uint64_t at = list_.offsetOf(object);
-        if (at >= start) {
-            end = std::min(end, at);
-        } else if (list_.endOf(object) > start) {
-            return 0;
-        }
-    }
-    return end - start;
+std::uint64_t PlistExtension::roomAfter(Object object, std::uint64_t end) const {
+    const std::uint64_t next =
+        object + 1 < layout_.objectCount ? list_.offsetOf(object + 1) : objectsEnd_;
+    return next - end;
 }
 
 bool PlistExtension::extendArray(Object array, std::span<const Object> elements) {
@@ -64,7 +61,7 @@ bool PlistExtension::extendArray(Object array, std::span<const Object> elements)
     if (!growable) return false;
     const std::uint64_t count = growable->count + elements.size();
     const std::uint64_t used = growable->elementsAt + growable->count * layout_.referenceSize;
-    const std::uint64_t room = roomFrom(used, array) / layout_.referenceSize;
+    const std::uint64_t room = roomAfter(array, used) / layout_.referenceSize;
     if (!fits(count, growable->countWidth) || elements.size() > room) return false;
     BytePatch countPatch{growable->countAt, {}};
     appendUnsigned(countPatch.bytes, count, growable->countWidth);

@@ -18,8 +18,8 @@ class PlistExtension {
   public:
     using Object = PlistWriter::Object;
 
-    // The list must outlive the extension. Throws the reader's PlatformError for a list it cannot
-    // read.
+    // The list must outlive the extension. Throws PlatformError for a list it cannot read, or
+    // whose objects are not laid out in the order of their numbers (as PlistWriter writes them).
     explicit PlistExtension(const PlistReader& list);
 
     // How many objects can still be added.
@@ -34,8 +34,8 @@ class PlistExtension {
     std::optional<std::vector<BytePatch>> finish(Object top);
 
   private:
-    // Free bytes from the end of the owner's bytes up to the next object.
-    std::uint64_t roomFrom(std::uint64_t start, Object owner) const;
+    // Free bytes from the end of the object's bytes up to the next object.
+    std::uint64_t roomAfter(Object object, std::uint64_t end) const;
 
     const PlistReader& list_;
     PlistReader::Layout layout_;

@@ -238,36 +238,42 @@ std::vector<PlistReader::Object> PlistReader::elements(Object array) const {
     return objects;
 }
 
-std::vector<std::optional<PlistReader::Object>> PlistReader::members(
-    Object dictionary, std::span<const std::string_view> keys) const {
-    const auto contents = contentsOf(dictionary, 2 * referenceSize_);
-    std::vector<std::optional<Object>> found(keys.size());
-    for (std::uint64_t i = 0; i < contents.size; ++i) {
-        const Object key = reference(contents.position, i);
-        const std::uint64_t offset = offsetOf(key);
-        const unsigned kind = bytes_[offset] >> 4U;
-        // The keys the tool looks for are ASCII, stored as ASCII strings; others are read whole.
-        std::string wide;
-        std::string_view name;
-        if (kind == format::asciiKind) {
+std::string_view PlistReader::keyName(Object key, std::string& wide) const {
+    Key& known = keys_[key % keys_.size()];
+    if (known.object == key) return known.name;
+    const std::uint64_t offset = offsetOf(key);
+    // The keys the tool looks for are ASCII, stored as ASCII strings; others are read whole.
+    switch (bytes_[offset] >> 4U) {
+        case format::asciiKind: {
             const auto at = contentsAt(offset, 1);
-            name = {reinterpret_cast<const char*>(bytes_.data() + at.position), at.size};
-        } else if (kind == format::utf16Kind) {
-            wide = text(key);
-            name = wide;
-        } else {
-            unreadable();
+            known = {key, {reinterpret_cast<const char*>(bytes_.data() + at.position), at.size}};
+            return known.name;
         }
+        case format::utf16Kind:
+            wide = text(key);
+            return wide;
+        default:
+            unreadable();
+    }
+}
+
+void PlistReader::members(Object dictionary, std::span<const std::string_view> keys,
+                          std::span<std::optional<Object>> found) const {
+    const auto contents = contentsOf(dictionary, 2 * referenceSize_);
+    for (std::uint64_t i = 0; i < contents.size; ++i) {
+        std::string wide;
+        const std::string_view name = keyName(reference(contents.position, i), wide);
         for (std::size_t k = 0; k < keys.size(); ++k) {
             if (name == keys[k]) found[k] = reference(contents.position, contents.size + i);
         }
     }
-    return found;
 }
 
 std::optional<PlistReader::Object> PlistReader::member(Object dictionary,
                                                        std::string_view key) const {
-    return members(dictionary, std::span(&key, 1)).front();
+    std::optional<Object> found;
+    members(dictionary, std::span(&key, 1), std::span(&found, 1));
+    return found;
 }
 
 }  // namespace keyloft::platform::plist

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -31,7 +32,8 @@ std::string_view kindName(PlistKind kind);
 // one, and nothing is decoded until it is asked for, so that reading one record of a large list
 // costs that record. The bytes must outlive the reader. Every accessor throws PlatformError
 // "data is not a binary property list" for bytes that do not hold what the trailer promises, and
-// its own PlatformError for text with a NUL character or that is not valid UTF-8.
+// its own PlatformError for text with a NUL character or that is not valid UTF-8. A reader is for
+// one thread at a time.
 class PlistReader {
   public:
     using Object = std::uint64_t;
@@ -51,8 +53,9 @@ class PlistReader {
     // The value of the key in a dictionary; a key written twice gives its later value.
     std::optional<Object> member(Object dictionary, std::string_view key) const;
     // The same for several keys at once, in one pass over the dictionary.
-    std::vector<std::optional<Object>> members(Object dictionary,
-                                               std::span<const std::string_view> keys) const;
+    // Found in place of nothing, so that reading a record allocates nothing.
+    void members(Object dictionary, std::span<const std::string_view> keys,
+                 std::span<std::optional<Object>> found) const;
 
     // Where the list keeps its objects, for adding objects in the room it left (PlistExtension).
     struct Layout {
@@ -84,6 +87,8 @@ class PlistReader {
     Contents contentsOf(Object object, std::uint64_t unit) const;
     Contents contentsAt(std::uint64_t offset, std::uint64_t unit) const;
     Object reference(std::uint64_t position, std::uint64_t index) const;
+    // A dictionary key's text; one in UTF-16 is converted into the buffer.
+    std::string_view keyName(Object key, std::string& wide) const;
 
     ByteView bytes_;
     std::uint8_t offsetSize_ = 0;
@@ -91,6 +96,12 @@ class PlistReader {
     std::uint64_t objectCount_ = 0;
     Object top_ = 0;
     std::uint64_t table_ = 0;
+    // Dictionaries of many records share a few key objects: those read last, by object number.
+    struct Key {
+        Object object = ~Object{0};
+        std::string_view name;
+    };
+    mutable std::array<Key, 16> keys_{};
 };
 
 }  // namespace keyloft::platform::plist

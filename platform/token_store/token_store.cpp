@@ -98,10 +98,12 @@ void TesseraTokenConfiguration::readTransaction(const std::function<void()>& wor
 
 void TesseraTokenConfiguration::appendItems(const TesseraTokenItems& items) const {
     db_->transaction([&] {
-        auto count = db_->prepare("SELECT count(*) FROM items WHERE driver = ? AND instance = ?");
-        count.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
-        count.step();
-        insertItems(items, count.integer(0));
+        // Positions run from 0 without gaps; the largest is found in the index without counting.
+        auto end = db_->prepare(
+            "SELECT coalesce(max(position) + 1, 0) FROM items WHERE driver = ? AND instance = ?");
+        end.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        end.step();
+        insertItems(items, end.integer(0));
     });
 }
 

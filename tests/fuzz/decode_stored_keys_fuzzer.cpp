@@ -7,7 +7,6 @@
 
 #include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "support/byte_patches.hpp"
 
 // The system log is not under test, and a line per input would flood it.
 namespace keyloft::platform::os {
@@ -34,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto patches = keyloft::keys::appendStoredKeys({data, size}, added);
     if (!patches) return 0;
     // A patch past the end throws, and ends the run as a finding.
-    const auto patched = keyloft::testing::patched({data, data + size}, *patches);
+    keyloft::Bytes patched(data, data + size);
+    keyloft::applyPatches(patched, *patches);
     keys.merge(keyloft::keys::StoredKeyMap(added));
     if (keyloft::keys::decodeStoredKeys(patched) != keys) std::abort();
     return 0;

@@ -6,12 +6,14 @@
 #include "platform/plist/plist_extension.hpp"
 #include "platform/plist/plist_reader.hpp"
 #include "platform/plist/plist_writer.hpp"
-#include "support/byte_patches.hpp"
 
 namespace keyloft::platform::plist {
 namespace {
 
-using testing::patched;
+Bytes patched(Bytes list, const std::vector<BytePatch>& patches) {
+    applyPatches(list, patches);
+    return list;
+}
 
 Bytes fromHex(std::string_view hex) {
     Bytes bytes;

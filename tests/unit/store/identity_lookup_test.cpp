@@ -113,5 +113,47 @@ TEST_F(IdentityRemoval, RemovingFromATokenWithoutDataWritesAnEmptyRecordSet) {
     EXPECT_TRUE(keys::decodeStoredKeys(data).empty());
 }
 
+keys::KeyStorage storageOf(const Identity& identity) {
+    return {.bastionKey = keys::BastionKey{identity.hash, Bytes(200, identity.hash[0])}};
+}
+
+IdentityItems itemsOf(const Identity& identity) {
+    return makeIdentityItems(identity.certificate, identity.hash, "label");
+}
+
+// The writes that add identities, as create-identity, import-identities and the module make them.
+TEST_F(IdentityRemoval, AdditionsKeepEveryRecordWhateverWroteTheCardMeanwhile) {
+    const Identity c = makeIdentity("P-256");
+    const Identity d = makeIdentity("P-256");
+    const auto card = token();
+    {
+        IdentityAdditions first(card);
+        first.add(a.hash, storageOf(a), itemsOf(a));
+        first.write();
+    }
+    const auto read = token().configurationData();
+    // Added in place to the data read before: the data keeps its length.
+    IdentityAdditions unchanged(card, read);
+    unchanged.add(b.hash, storageOf(b), itemsOf(b));
+    unchanged.write();
+    EXPECT_EQ(token().configurationData()->size(), read->size());
+    // Data that changed after it was read is read again, so nothing written meanwhile is lost;
+    // a second write of the same additions adds to what the first wrote.
+    IdentityAdditions stale(card, read);
+    stale.add(c.hash, storageOf(c), itemsOf(c));
+    stale.write();
+    EXPECT_TRUE(stale.holds(b.hash));
+    stale.add(d.hash, storageOf(d), itemsOf(d));
+    stale.write();
+
+    const keys::StoredKeyMap expected{{a.hash, storageOf(a)},
+                                      {b.hash, storageOf(b)},
+                                      {c.hash, storageOf(c)},
+                                      {d.hash, storageOf(d)}};
+    EXPECT_EQ(keys::decodeStoredKeys(token().configurationData()), expected);
+    EXPECT_EQ(stale.records(), expected);
+    EXPECT_EQ(token().items().size(), 8U);
+}
+
 }  // namespace
 }  // namespace keyloft::store
