@@ -1,6 +1,7 @@
 #include "pkcs11/object_catalog.hpp"
 
 #include <algorithm>
+#include <string_view>
 
 #include "base/error.hpp"
 #include "keys/stored_key_codec.hpp"
@@ -21,52 +22,78 @@ keys::StoredKeyMap storedKeysOf(const std::shared_ptr<const Bytes>& configuratio
     }
 }
 
+// No position: an item the previous catalog did not hold.
+constexpr std::size_t none = SIZE_MAX;
+
 bool sameLabel(const std::string* a, const std::string* b) {
     return a == b || (a != nullptr && b != nullptr && *a == *b);
 }
 
-// The positions of the items, looked up by the items' addresses.
-class ItemPositions {
-  public:
-    explicit ItemPositions(std::span<const SharedTokenItem> items) {
-        positions_.reserve(items.size());
-        for (std::size_t i = 0; i < items.size(); ++i) positions_.emplace_back(items[i].get(), i);
-        std::ranges::sort(positions_);
-    }
+std::size_t hashOf(ByteView objectID) {
+    return std::hash<std::string_view>{}(
+        {reinterpret_cast<const char*>(objectID.data()), objectID.size()});
+}
 
-    std::optional<std::size_t> find(const TesseraTokenItem* item) const {
-        const auto found = std::ranges::lower_bound(positions_, item, {}, &Entry::first);
-        if (found == positions_.end() || found->first != item) return std::nullopt;
+bool lessID(ByteView a, ByteView b) {
+    return compareIDs(a, b) < 0;
+}
+
+// Finds items of the previous catalog by address. Items mostly keep their order, so the one
+// after the last found is tried first; the index is sorted only when that fails.
+class PreviousItems {
+  public:
+    explicit PreviousItems(std::span<const SharedTokenItem> items) : items_(items) {}
+
+    std::size_t find(const TesseraTokenItem* item) {
+        if (next_ < items_.size() && items_[next_].get() == item) return next_++;
+        if (byAddress_.empty()) {
+            byAddress_.reserve(items_.size());
+            for (std::size_t i = 0; i < items_.size(); ++i)
+                byAddress_.emplace_back(items_[i].get(), i);
+            std::ranges::sort(byAddress_);
+        }
+        const auto found = std::ranges::lower_bound(byAddress_, item, {}, &Entry::first);
+        if (found == byAddress_.end() || found->first != item) return none;
+        next_ = found->second + 1;
         return found->second;
     }
 
   private:
     using Entry = std::pair<const TesseraTokenItem*, std::size_t>;
-    std::vector<Entry> positions_;
+    std::span<const SharedTokenItem> items_;
+    std::size_t next_ = 0;
+    std::vector<Entry> byAddress_;
 };
 
-// Class and id, the names under which a handle passes from a dropped object to a new one.
-struct ObjectKey {
-    CK_OBJECT_CLASS objectClass;
-    ByteView objectID;
-
-    std::strong_ordering operator<=>(const ObjectKey& other) const {
-        if (const auto order = objectClass <=> other.objectClass; order != 0) return order;
-        return std::lexicographical_compare_three_way(objectID.begin(), objectID.end(),
-                                                      other.objectID.begin(), other.objectID.end());
+// For each item, its position among the previous items, or none; marks the previous items that
+// stay.
+std::vector<std::size_t> positionsBefore(std::span<const SharedTokenItem> previousItems,
+                                         std::span<const SharedTokenItem> items,
+                                         std::vector<bool>& stays) {
+    std::vector<std::size_t> before(items.size(), none);
+    PreviousItems previous(previousItems);
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const std::size_t found = previous.find(items[i].get());
+        if (found == none || stays[found]) continue;
+        stays[found] = true;
+        before[i] = found;
     }
-    bool operator==(const ObjectKey& other) const { return (*this <=> other) == 0; }
-};
-
-ObjectKey keyOf(const TokenObject& object) {
-    return {object.identity.objectClass, object.identity.objectID};
+    return before;
 }
 
-// The handle of an object the new catalog did not keep.
+// A handle of a dropped object, for an object made anew with the same class and id.
 struct FreedHandle {
-    ObjectKey key;
+    CK_OBJECT_CLASS objectClass;
+    ByteView objectID;
     CK_OBJECT_HANDLE handle;
     bool taken = false;
+
+    bool before(CK_OBJECT_CLASS otherClass, ByteView otherID) const {
+        return objectClass != otherClass ? objectClass < otherClass : lessID(objectID, otherID);
+    }
+    bool names(const ObjectIdentity& identity) const {
+        return objectClass == identity.objectClass && compareIDs(objectID, identity.objectID) == 0;
+    }
 };
 
 }  // namespace
@@ -82,83 +109,137 @@ ObjectCatalog::ObjectCatalog(const ObjectCatalog& previous,
         storedKeys_ =
             std::make_shared<const keys::StoredKeyMap>(storedKeysOf(snapshot_.configurationData));
     }
-    const auto labels = identityLabels(snapshot_.items);
-    const ItemPositions previousPositions(previous.snapshot_.items);
+    const auto& items = snapshot_.items;
+    std::vector<bool> stays(previous.itemObjects_.size(), false);
+    const auto before = positionsBefore(previous.snapshot_.items, items, stays);
+    const auto labels = labelsAfter(previous, before, stays);
+
     std::vector<bool> keptItems(previous.itemObjects_.size(), false);
-    std::vector<std::size_t> made;  // objects waiting for a handle
-    itemObjects_.reserve(snapshot_.items.size());
-    objects_.reserve(previous.objects_.size());
-    handles_.reserve(previous.objects_.size());
-
-    for (std::size_t i = 0; i < snapshot_.items.size(); ++i) {
-        const auto& item = *snapshot_.items[i];
-        auto before = previousPositions.find(&item);
-        if (before && keptItems[*before]) before.reset();
-        const PrivateKeyCustody custody = before && sameKeys
-                                              ? previous.itemObjects_[*before].custody
-                                              : custodyOf(item, *storedKeys_);
-        ItemObjects entry{labels[i], custody, objects_.size(), 0};
-        const ItemObjects* old = before ? &previous.itemObjects_[*before] : nullptr;
+    std::vector<std::size_t> remade;
+    itemObjects_.reserve(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const ItemObjects* old = before[i] != none ? &previous.itemObjects_[before[i]] : nullptr;
+        const PrivateKeyCustody custody =
+            old != nullptr && sameKeys ? old->custody : custodyOf(*items[i], *storedKeys_);
         if (old != nullptr && old->custody == custody && sameLabel(old->label, labels[i])) {
-            keptItems[*before] = true;
-            keep(previous, *old);
+            keptItems[before[i]] = true;
+            itemObjects_.push_back(
+                {labels[i], old->idHash, custody, old->objects, old->handles, old->count});
         } else {
-            for (auto& object : itemObjects(item, labels[i], custody)) {
-                made.push_back(objects_.size());
-                objects_.push_back(std::make_shared<const TokenObject>(std::move(object)));
-                handles_.push_back(CK_INVALID_HANDLE);
-            }
+            remade.push_back(i);
+            const std::size_t idHash = old != nullptr ? old->idHash : hashOf(objectIDOf(*items[i]));
+            itemObjects_.push_back({labels[i], idHash, custody, nullptr});
         }
-        entry.count = objects_.size() - entry.first;
-        itemObjects_.push_back(entry);
     }
-    giveHandles(previous, keptItems, made, newHandle);
+    makeObjects(previous, keptItems, remade, newHandle);
 
-    byHandle_.reserve(handles_.size());
-    for (std::size_t i = 0; i < handles_.size(); ++i) byHandle_.emplace_back(handles_[i], i);
-    std::ranges::sort(byHandle_);
+    // Handles are given in token order and kept in place, so they are seldom out of order.
+    for (std::size_t i = 0; i < itemObjects_.size(); ++i) {
+        const auto& entry = itemObjects_[i];
+        for (std::uint32_t j = 0; j < entry.count; ++j)
+            places_.push_back({entry.handles[j], static_cast<std::uint32_t>(i), j});
+    }
+    if (!std::ranges::is_sorted(places_, {}, &Place::handle))
+        std::ranges::sort(places_, {}, &Place::handle);
 }
 
-void ObjectCatalog::keep(const ObjectCatalog& previous, const ItemObjects& objects) {
-    const auto from = static_cast<std::ptrdiff_t>(objects.first);
-    const auto to = static_cast<std::ptrdiff_t>(objects.first + objects.count);
-    objects_.insert(objects_.end(), previous.objects_.begin() + from,
-                    previous.objects_.begin() + to);
-    handles_.insert(handles_.end(), previous.handles_.begin() + from,
-                    previous.handles_.begin() + to);
+std::vector<const std::string*> ObjectCatalog::labelsAfter(const ObjectCatalog& previous,
+                                                           const std::vector<std::size_t>& before,
+                                                           const std::vector<bool>& stays) const {
+    const auto& items = snapshot_.items;
+    // Ids of items that came or went, by hash: only their identities' labels may have changed. A
+    // hash shared by chance only costs working a label out again.
+    std::vector<std::size_t> touched;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (before[i] == none) touched.push_back(hashOf(objectIDOf(*items[i])));
+    }
+    for (std::size_t j = 0; j < stays.size(); ++j) {
+        if (!stays[j]) touched.push_back(previous.itemObjects_[j].idHash);
+    }
+    std::ranges::sort(touched);
+
+    std::vector<const std::string*> labels(items.size(), nullptr);
+    std::vector<const TesseraTokenItem*> again;
+    std::vector<std::size_t> againAt;
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if (before[i] != none &&
+            !std::ranges::binary_search(touched, previous.itemObjects_[before[i]].idHash)) {
+            // Its identity's items are all still here, so the label it points into is too.
+            labels[i] = previous.itemObjects_[before[i]].label;
+            continue;
+        }
+        again.push_back(items[i].get());
+        againAt.push_back(i);
+    }
+    const auto worked = identityLabels(again);
+    for (std::size_t k = 0; k < again.size(); ++k) labels[againAt[k]] = worked[k];
+    return labels;
 }
 
-void ObjectCatalog::giveHandles(const ObjectCatalog& previous, const std::vector<bool>& keptItems,
-                                const std::vector<std::size_t>& made, const NewHandle& newHandle) {
+void ObjectCatalog::makeObjects(const ObjectCatalog& previous, const std::vector<bool>& keptItems,
+                                const std::vector<std::size_t>& remade,
+                                const NewHandle& newHandle) {
     std::vector<FreedHandle> freed;
     for (std::size_t i = 0; i < keptItems.size(); ++i) {
-        if (keptItems[i]) continue;
         const auto& entry = previous.itemObjects_[i];
-        for (std::size_t j = entry.first; j < entry.first + entry.count; ++j)
-            freed.push_back({keyOf(*previous.objects_[j]), previous.handles_[j]});
+        if (keptItems[i]) continue;
+        for (std::size_t j = 0; j < entry.count; ++j) {
+            const auto& identity = (*entry.objects)[j].identity;
+            freed.push_back({identity.objectClass, identity.objectID, entry.handles[j]});
+        }
     }
     // Stable, so that of several objects of one class and id each takes the handle of the one
     // that stood in its place in token order.
-    std::ranges::stable_sort(freed, std::ranges::less{}, &FreedHandle::key);
-    for (const std::size_t index : made) {
-        const auto [first, last] = std::ranges::equal_range(freed, keyOf(*objects_[index]),
-                                                            std::ranges::less{}, &FreedHandle::key);
-        const auto free = std::ranges::find(first, last, false, &FreedHandle::taken);
-        if (free != last) free->taken = true;
-        handles_[index] = free != last ? free->handle : newHandle();
+    std::ranges::stable_sort(freed, [](const FreedHandle& a, const FreedHandle& b) {
+        return a.before(b.objectClass, b.objectID);
+    });
+    auto handleFor = [&](const ObjectIdentity& identity) {
+        auto candidate = std::ranges::partition_point(freed, [&](const FreedHandle& entry) {
+            return entry.before(identity.objectClass, identity.objectID);
+        });
+        for (; candidate != freed.end() && candidate->names(identity); ++candidate) {
+            if (candidate->taken) continue;
+            candidate->taken = true;
+            return candidate->handle;
+        }
+        return newHandle();
+    };
+
+    for (const std::size_t i : remade) {
+        auto& entry = itemObjects_[i];
+        auto objects = itemObjects(*snapshot_.items[i], entry.label, entry.custody);
+        for (std::size_t j = 0; j < objects.size(); ++j)
+            entry.handles.at(j) = handleFor(objects[j].identity);
+        entry.count = static_cast<std::uint8_t>(objects.size());
+        entry.objects = std::make_shared<const std::vector<TokenObject>>(std::move(objects));
     }
 }
 
+std::vector<CK_OBJECT_HANDLE> ObjectCatalog::search(
+    std::span<const CK_ATTRIBUTE> searchTemplate) const {
+    std::vector<CK_OBJECT_HANDLE> found;
+    for (const auto& entry : itemObjects_) {
+        for (std::size_t j = 0; j < entry.count; ++j) {
+            if ((*entry.objects)[j].attributes.matches(searchTemplate))
+                found.push_back(entry.handles[j]);
+        }
+    }
+    return found;
+}
+
 std::shared_ptr<const TokenObject> ObjectCatalog::find(CK_OBJECT_HANDLE handle) const {
-    const auto found = std::ranges::lower_bound(byHandle_, handle, {},
-                                                &std::pair<CK_OBJECT_HANDLE, std::size_t>::first);
-    if (found == byHandle_.end() || found->first != handle) return nullptr;
-    return objects_[found->second];
+    const auto found = std::ranges::lower_bound(places_, handle, {}, &Place::handle);
+    if (found == places_.end() || found->handle != handle) return nullptr;
+    const auto& objects = itemObjects_[found->item].objects;
+    // Shares the objects' ownership, so the object outlives a re-read that drops it.
+    return {objects, &(*objects)[found->object]};
 }
 
 std::optional<CK_OBJECT_HANDLE> ObjectCatalog::handleOf(const ObjectIdentity& identity) const {
-    for (std::size_t i = 0; i < objects_.size(); ++i) {
-        if (objects_[i]->identity == identity) return handles_[i];
+    for (const auto& entry : itemObjects_) {
+        for (std::size_t j = 0; j < entry.count; ++j) {
+            if ((*entry.objects)[j].identity == identity) return entry.handles[j];
+        }
     }
     return std::nullopt;
 }

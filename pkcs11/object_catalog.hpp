@@ -1,11 +1,12 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "keys/stored_key_records.hpp"
@@ -30,10 +31,8 @@ class ObjectCatalog {
     ObjectCatalog(const ObjectCatalog& previous,
                   platform::token_store::TesseraTokenSnapshot snapshot, const NewHandle& newHandle);
 
-    // In token order, parallel to handles().
-    std::span<const std::shared_ptr<const TokenObject>> objects() const { return objects_; }
-    std::span<const CK_OBJECT_HANDLE> handles() const { return handles_; }
-
+    // Handles of the objects matching the template, in token order.
+    std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate) const;
     // Nothing for a handle the catalog does not hold.
     std::shared_ptr<const TokenObject> find(CK_OBJECT_HANDLE handle) const;
     // The handle of the first object of the class and id, in token order.
@@ -42,27 +41,38 @@ class ObjectCatalog {
     const keys::KeyStorage* storedKey(const Bytes& publicKeyHash) const;
 
   private:
-    // What the catalog made of one item.
+    // What the catalog made of one item; the objects are shared by the catalogs that keep them.
     struct ItemObjects {
         const std::string* label;  // the identity's, pointing into the snapshot's items
+        std::size_t idHash;        // of the item's id: tells touched identities without the ids
         PrivateKeyCustody custody;
-        std::size_t first;  // into objects_
-        std::size_t count;
+        std::shared_ptr<const std::vector<TokenObject>> objects;
+        std::array<CK_OBJECT_HANDLE, maxObjectsPerItem> handles{};  // of the objects, in order
+        std::uint8_t count = 0;                                     // of the objects
+    };
+    // Where a handle's object is.
+    struct Place {
+        CK_OBJECT_HANDLE handle;
+        std::uint32_t item;
+        std::uint32_t object;
     };
 
-    // Takes over the previous catalog's objects of an item, with their handles.
-    void keep(const ObjectCatalog& previous, const ItemObjects& objects);
-    // Gives each object made anew a freed handle of its class and id, else a new one.
-    void giveHandles(const ObjectCatalog& previous, const std::vector<bool>& keptItems,
-                     const std::vector<std::size_t>& made, const NewHandle& newHandle);
+    // For each item, its identity's label; worked out again only for identities whose items
+    // changed (before: each item's position in the previous catalog, or none; stays: whether
+    // each previous item is still there).
+    std::vector<const std::string*> labelsAfter(const ObjectCatalog& previous,
+                                                const std::vector<std::size_t>& before,
+                                                const std::vector<bool>& stays) const;
+    // Makes the objects of the items not kept; each takes a freed handle of its class and id,
+    // else a new one.
+    void makeObjects(const ObjectCatalog& previous, const std::vector<bool>& keptItems,
+                     const std::vector<std::size_t>& remade, const NewHandle& newHandle);
 
     platform::token_store::TesseraTokenSnapshot snapshot_;
     std::shared_ptr<const keys::StoredKeyMap> storedKeys_ =
         std::make_shared<const keys::StoredKeyMap>();
     std::vector<ItemObjects> itemObjects_;  // parallel to the snapshot's items
-    std::vector<std::shared_ptr<const TokenObject>> objects_;
-    std::vector<CK_OBJECT_HANDLE> handles_;
-    std::vector<std::pair<CK_OBJECT_HANDLE, std::size_t>> byHandle_;  // into objects_, sorted
+    std::vector<Place> places_;             // sorted by handle
 };
 
 }  // namespace keyloft::pkcs11

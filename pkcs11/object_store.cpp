@@ -23,12 +23,7 @@ std::shared_ptr<const TokenObject> ObjectStore::find(CK_OBJECT_HANDLE handle) {
 }
 
 std::vector<CK_OBJECT_HANDLE> ObjectStore::search(std::span<const CK_ATTRIBUTE> searchTemplate) {
-    const auto catalog = current();
-    const auto objects = catalog->objects();
-    std::vector<CK_OBJECT_HANDLE> found;
-    for (std::size_t i = 0; i < objects.size(); ++i) {
-        if (objects[i]->attributes.matches(searchTemplate)) found.push_back(catalog->handles()[i]);
-    }
+    auto found = current()->search(searchTemplate);
     const std::lock_guard guard(sessionObjectsLock_);
     for (const auto& [handle, entry] : sessionObjects_) {
         if (entry.object->attributes.matches(searchTemplate)) found.push_back(handle);

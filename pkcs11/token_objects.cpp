@@ -1,7 +1,6 @@
 #include "pkcs11/token_objects.hpp"
 
 #include <algorithm>
-#include <tuple>
 
 #include "base/certificate_reader.hpp"
 #include "base/control_characters.hpp"
@@ -237,40 +236,42 @@ std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenIt
 // kept the label have certificate items without one. Sorting views of the ids groups the items
 // without copying an id or a label.
 std::vector<const std::string*> identityLabels(
-    std::span<const platform::token_store::SharedTokenItem> items) {
-    auto fieldsOf = [&](std::size_t index) {
-        return std::visit(
-            [](const auto& entry) {
-                constexpr bool isKey = std::is_same_v<std::decay_t<decltype(entry)>,
-                                                      platform::token_store::TesseraTokenKeyItem>;
-                return std::tuple(ByteView(entry.objectID), &entry.label, isKey);
-            },
-            *items[index]);
-    };
+    std::span<const platform::token_store::TesseraTokenItem* const> items) {
     std::vector<std::pair<ByteView, std::size_t>> byID;
     byID.reserve(items.size());
-    for (std::size_t i = 0; i < items.size(); ++i) byID.emplace_back(std::get<0>(fieldsOf(i)), i);
+    for (std::size_t i = 0; i < items.size(); ++i) byID.emplace_back(objectIDOf(*items[i]), i);
     std::ranges::sort(byID, [](const auto& a, const auto& b) {
-        const auto order = std::lexicographical_compare_three_way(a.first.begin(), a.first.end(),
-                                                                  b.first.begin(), b.first.end());
+        const auto order = compareIDs(a.first, b.first);
         return order != 0 ? order < 0 : a.second < b.second;
     });
 
     std::vector<const std::string*> labels(items.size(), nullptr);
     for (auto group = byID.begin(); group != byID.end();) {
         const auto end = std::find_if(group, byID.end(), [&](const auto& entry) {
-            return !std::ranges::equal(entry.first, group->first);
+            return compareIDs(entry.first, group->first) != 0;
         });
         const std::string* chosen = nullptr;
         for (auto entry = group; entry != end; ++entry) {
-            const auto [id, label, isKey] = fieldsOf(entry->second);
-            if (!*label || (*label)->empty() || (chosen != nullptr && !isKey)) continue;
-            chosen = &**label;
+            const auto& item = *items[entry->second];
+            const bool isKey =
+                std::holds_alternative<platform::token_store::TesseraTokenKeyItem>(item);
+            const auto& label = std::visit(
+                [](const auto& fields) -> const auto& { return fields.label; }, item);
+            if (!label || label->empty() || (chosen != nullptr && !isKey)) continue;
+            chosen = &*label;
         }
         for (auto entry = group; entry != end; ++entry) labels[entry->second] = chosen;
         group = end;
     }
     return labels;
+}
+
+ByteView objectIDOf(const platform::token_store::TesseraTokenItem& item) {
+    return std::visit([](const auto& fields) { return ByteView(fields.objectID); }, item);
+}
+
+std::strong_ordering compareIDs(ByteView a, ByteView b) {
+    return std::lexicographical_compare_three_way(a.begin(), a.end(), b.begin(), b.end());
 }
 
 }  // namespace keyloft::pkcs11

@@ -56,9 +56,10 @@ TesseraTokenSnapshot TesseraTokenWatcher::read() {
                                   ", rowid FROM items WHERE driver = ? AND instance = ?"
                                   " ORDER BY position");
         query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        std::size_t hint = 0;
         while (query.step()) {
             const std::int64_t rowid = query.integer(rowidColumn);
-            auto item = knownItem(query, rowid);
+            auto item = knownItem(query, rowid, hint);
             if (!item) item = std::make_shared<const TesseraTokenItem>(itemOfRow(query));
             rows.push_back({rowid, item});
             snapshot.items.push_back(std::move(item));
@@ -72,12 +73,16 @@ TesseraTokenSnapshot TesseraTokenWatcher::read() {
     return snapshot;
 }
 
-SharedTokenItem TesseraTokenWatcher::knownItem(const sqlite::Statement& row,
-                                               std::int64_t rowid) const {
-    const auto known = std::ranges::lower_bound(known_, rowid, {}, &KnownRow::rowid);
+SharedTokenItem TesseraTokenWatcher::knownItem(const sqlite::Statement& row, std::int64_t rowid,
+                                               std::size_t& hint) const {
+    // Rows usually come in the order of their rowids: the one after the last found is tried first.
+    auto known = hint < known_.size() && known_[hint].rowid == rowid
+                     ? known_.begin() + static_cast<std::ptrdiff_t>(hint)
+                     : std::ranges::lower_bound(known_, rowid, {}, &KnownRow::rowid);
     // A rowid freed by a removal may be given to a new row: only the bytes tell.
     if (known == known_.end() || known->rowid != rowid || !rowHoldsItem(row, *known->item))
         return nullptr;
+    hint = static_cast<std::size_t>(known - known_.begin()) + 1;
     return known->item;
 }
 

@@ -47,8 +47,10 @@ class TesseraTokenWatcher {
     };
 
     TesseraTokenSnapshot read();
-    // The previous snapshot's item when the current row still holds it.
-    SharedTokenItem knownItem(const sqlite::Statement& row, std::int64_t rowid) const;
+    // The previous snapshot's item when the current row still holds it; the hint is where the
+    // next row's is looked for first.
+    SharedTokenItem knownItem(const sqlite::Statement& row, std::int64_t rowid,
+                              std::size_t& hint) const;
     std::shared_ptr<const Bytes> configurationData() const;
 
     std::filesystem::path storePath_;
