@@ -208,10 +208,13 @@ void ObjectCatalog::makeObjects(const ObjectCatalog& previous, const std::vector
     for (const std::size_t i : remade) {
         auto& entry = itemObjects_[i];
         auto objects = itemObjects(*snapshot_.items[i], entry.label, entry.custody);
-        for (std::size_t j = 0; j < objects.size(); ++j)
+        auto block = std::make_shared<ObjectBlock>();
+        for (std::size_t j = 0; j < objects.size(); ++j) {
             entry.handles.at(j) = handleFor(objects[j].identity);
+            (*block)[j] = std::move(objects[j]);
+        }
         entry.count = static_cast<std::uint8_t>(objects.size());
-        entry.objects = std::make_shared<const std::vector<TokenObject>>(std::move(objects));
+        entry.objects = std::move(block);
     }
 }
 

@@ -41,12 +41,15 @@ class ObjectCatalog {
     const keys::KeyStorage* storedKey(const Bytes& publicKeyHash) const;
 
   private:
+    // The objects of one item, in one allocation with their count of owners: walking the catalog
+    // costs a memory fetch an item.
+    using ObjectBlock = std::array<TokenObject, maxObjectsPerItem>;
     // What the catalog made of one item; the objects are shared by the catalogs that keep them.
     struct ItemObjects {
         const std::string* label;  // the identity's, pointing into the snapshot's items
         std::size_t idHash;        // of the item's id: tells touched identities without the ids
         PrivateKeyCustody custody;
-        std::shared_ptr<const std::vector<TokenObject>> objects;
+        std::shared_ptr<const ObjectBlock> objects;
         std::array<CK_OBJECT_HANDLE, maxObjectsPerItem> handles{};  // of the objects, in order
         std::uint8_t count = 0;                                     // of the objects
     };
