@@ -34,6 +34,38 @@ std::size_t hashOf(ByteView objectID) {
         {reinterpret_cast<const char*>(objectID.data()), objectID.size()});
 }
 
+// Of the public-key hash a key item's private key is stored under; never 0, which stands for none.
+std::size_t keyHashOf(const TesseraTokenItem& item) {
+    const auto* key = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
+    return key != nullptr && key->publicKeyHash ? hashOf(*key->publicKeyHash) | 1U : 0;
+}
+
+// Hashes (as keyHashOf) of the public-key hashes whose record came, went or changed custody: only
+// the key items stored under them need looking up again.
+std::vector<std::size_t> changedRecords(const keys::StoredKeyMap& before,
+                                        const keys::StoredKeyMap& after) {
+    auto custody = [](const keys::KeyStorage& storage) {
+        return std::pair(storage.bastionKey.has_value(), storage.sealedKey.has_value());
+    };
+    std::vector<std::size_t> changed;
+    auto was = before.begin();
+    auto is = after.begin();
+    while (was != before.end() || is != after.end()) {
+        if (is == after.end() || (was != before.end() && was->first < is->first)) {
+            changed.push_back(hashOf(was++->first) | 1U);
+        } else if (was == before.end() || is->first < was->first) {
+            changed.push_back(hashOf(is++->first) | 1U);
+        } else {
+            if (custody(was->second) != custody(is->second))
+                changed.push_back(hashOf(is->first) | 1U);
+            ++was;
+            ++is;
+        }
+    }
+    std::ranges::sort(changed);
+    return changed;
+}
+
 bool lessID(ByteView a, ByteView b) {
     return compareIDs(a, b) < 0;
 }
@@ -109,6 +141,8 @@ ObjectCatalog::ObjectCatalog(const ObjectCatalog& previous,
         storedKeys_ =
             std::make_shared<const keys::StoredKeyMap>(storedKeysOf(snapshot_.configurationData));
     }
+    const auto changedKeys =
+        sameKeys ? std::vector<std::size_t>{} : changedRecords(*previous.storedKeys_, *storedKeys_);
     const auto& items = snapshot_.items;
     std::vector<bool> stays(previous.itemObjects_.size(), false);
     const auto before = positionsBefore(previous.snapshot_.items, items, stays);
@@ -119,16 +153,19 @@ ObjectCatalog::ObjectCatalog(const ObjectCatalog& previous,
     itemObjects_.reserve(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         const ItemObjects* old = before[i] != none ? &previous.itemObjects_[before[i]] : nullptr;
+        const bool lookUp = old == nullptr || (old->keyHash != 0 && std::ranges::binary_search(
+                                                                        changedKeys, old->keyHash));
         const PrivateKeyCustody custody =
-            old != nullptr && sameKeys ? old->custody : custodyOf(*items[i], *storedKeys_);
+            lookUp ? custodyOf(*items[i], *storedKeys_) : old->custody;
         if (old != nullptr && old->custody == custody && sameLabel(old->label, labels[i])) {
             keptItems[before[i]] = true;
-            itemObjects_.push_back(
-                {labels[i], old->idHash, custody, old->objects, old->handles, old->count});
+            itemObjects_.push_back({labels[i], old->idHash, old->keyHash, custody, old->objects,
+                                    old->handles, old->count});
         } else {
             remade.push_back(i);
             const std::size_t idHash = old != nullptr ? old->idHash : hashOf(objectIDOf(*items[i]));
-            itemObjects_.push_back({labels[i], idHash, custody, nullptr});
+            const std::size_t keyHash = old != nullptr ? old->keyHash : keyHashOf(*items[i]);
+            itemObjects_.push_back({labels[i], idHash, keyHash, custody, nullptr});
         }
     }
     makeObjects(previous, keptItems, remade, newHandle);

@@ -46,12 +46,16 @@ class ObjectCatalog {
     using ObjectBlock = std::array<TokenObject, maxObjectsPerItem>;
     // What the catalog made of one item; the objects are shared by the catalogs that keep them.
     struct ItemObjects {
-        const std::string* label;  // the identity's, pointing into the snapshot's items
-        std::size_t idHash;        // of the item's id: tells touched identities without the ids
+        // The identity's, pointing into the snapshot's items.
+        const std::string* label;
+        // Of the item's id, and of a key item's public-key hash (else 0): they tell which items
+        // a change touched without reading the items.
+        std::size_t idHash;
+        std::size_t keyHash;
         PrivateKeyCustody custody;
         std::shared_ptr<const ObjectBlock> objects;
         std::array<CK_OBJECT_HANDLE, maxObjectsPerItem> handles{};  // of the objects, in order
-        std::uint8_t count = 0;                                     // of the objects
+        std::uint8_t count = 0;                                     // of the objects in use
     };
     // Where a handle's object is.
     struct Place {
