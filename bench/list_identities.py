@@ -5,9 +5,11 @@ and 10,000 identities, `keyloft create-identity` on an empty and on a full card,
 
 The cards are filled directly through SQLite and plistlib (certificates made with Python's
 cryptography), so that filling a large card does not depend on the tool's own speed. The PKCS#11
-search runs in a client that keeps the module loaded; "after a change" times
-the search that follows a write to the store (the module reads the card again), "unchanged" one
-that follows none.
+search runs in a client that keeps the module loaded; "after relabel" times
+the search that follows the relabelling of the last identity (the module reads the card again),
+"after append" the one that follows an identity appended as the tool appends one (its rows, and
+then also a record for its key in the configuration data), "unchanged" one that follows no
+write.
 
 Usage: bench/list_identities.py [path/to/keyloft [path/to/libkeyloft-pkcs11.so]]
        (default: build/keyloft and the module built beside it)
@@ -44,7 +46,7 @@ IMPORTED = 1000
 # Runs in its own process with the card's environment, so the module finds that card. Calls the
 # module through ctypes, so that the time is the module's, not a Python wrapper's per object.
 SEARCH = """
-import ctypes, json, sqlite3, sys, time
+import ctypes, json, plistlib, sqlite3, sys, time
 ulong = ctypes.c_ulong
 module = ctypes.CDLL(sys.argv[1])
 assert module.C_Initialize(None) == 0
@@ -54,8 +56,30 @@ session = ulong()
 assert module.C_OpenSession(slots[0], ulong(4), None, None, ctypes.byref(session)) == 0
 handles = (ulong * 4096)()
 db = sqlite3.connect(sys.argv[2])
-# A change to the card as the tool makes one: the last identity is relabelled (each time to a new
-# label: an UPDATE that changes nothing leaves the store's data version as it was).
+# Changes to the card as the tool makes them: the last identity is relabelled (each time to a new
+# label: an UPDATE that changes nothing leaves the store's data version as it was), and an identity
+# is appended: a certificate row and a key row after the last, under an object id of its own, with
+# or without a record of its own in the configuration data. It reuses the last identity's
+# certificate, so its key finds the stored key every identity here uses.
+
+
+def append(serial, with_record):
+    last, object_id, certificate = db.execute(
+        "SELECT position, object_id, certificate FROM items ORDER BY position DESC").fetchone()
+    object_id = (0xFFFF0000 + serial).to_bytes(4, "big") + object_id[4:]
+    rows = [(last + 1, "certificate", object_id, f"appended {serial}", certificate, None, None,
+             None),
+            (last + 2, "key", object_id, f"appended {serial}", certificate, 1, 0, 1)]
+    db.executemany("INSERT INTO items VALUES ('org.keyloft.token', 'user', ?, ?, ?, ?, ?, ?, ?, ?)",
+                   rows)
+    if with_record:
+        (data,) = db.execute("SELECT config_data FROM tokens WHERE instance = 'user'").fetchone()
+        data = plistlib.loads(data)
+        data["keys"] += [object_id, {"sealedKey": {
+            "pubKeyHash": object_id, "keyType": "ec", "wrappedPrivateKey": bytes(178),
+            "wrappingPrivateKeyData": bytes(80), "biometryProtection": "off"}}]
+        db.execute("UPDATE tokens SET config_data = ? WHERE instance = 'user'",
+                   (plistlib.dumps(data, fmt=plistlib.FMT_BINARY),))
 
 
 def search():
@@ -68,15 +92,27 @@ def search():
     return found
 
 
-samples = {"changed": [], "unchanged": []}
+def timed(kind):
+    start = time.perf_counter()
+    found = search()
+    samples[kind].append(time.perf_counter() - start)
+    return found
+
+
+samples = {"relabelled": [], "unchanged": [], "appended": [], "appended with record": []}
+objects = search()
 for run in range(int(sys.argv[3])):
     with db:
         db.execute("UPDATE items SET label = ? WHERE position >= (SELECT max(position) - 1"
                    " FROM items)", (f"relabelled {run}",))
-    for kind in ("changed", "unchanged"):
-        start = time.perf_counter()
-        objects = search()
-        samples[kind].append(time.perf_counter() - start)
+    assert timed("relabelled") == objects
+    assert timed("unchanged") == objects
+    for serial, kind in enumerate(("appended", "appended with record"), start=2 * run):
+        with db:
+            append(serial, kind == "appended with record")
+        # The appended identity brings a certificate and its key pair.
+        objects += 3
+        assert timed(kind) == objects
 module.C_CloseSession(session)
 module.C_Finalize(None)
 print(json.dumps({"objects": objects, **samples}))
@@ -153,13 +189,15 @@ def timed(home, *args, runs=RUNS):
 
 
 def searched(home, count):
-    """Median seconds of a search over all objects after a change and without one."""
+    """Median seconds of a search over all objects after a relabel, without a change, and after
+    an append."""
     result = subprocess.run([sys.executable, "-c", SEARCH, MODULE,
                              str(home / "data" / "keyloft" / "tokens.db"), str(RUNS)],
                             env=env_for(home), capture_output=True, text=True, check=True)
     samples = json.loads(result.stdout)
-    assert samples["objects"] == 3 * count, samples["objects"]
-    return statistics.median(samples["changed"]), statistics.median(samples["unchanged"])
+    assert samples["objects"] == 3 * (count + 2 * RUNS), samples["objects"]
+    return tuple(statistics.median(samples[kind])
+                 for kind in ("relabelled", "appended", "appended with record", "unchanged"))
 
 
 def bundle(folder, count):
@@ -178,7 +216,8 @@ def main():
     print(f"keyloft: {KEYLOFT}")
     print(f"module:  {MODULE if search else 'none, PKCS#11 searches skipped'}")
     print(f"{'identities':>10} {'list median ms':>15} {'list min ms':>12} {'ms per 1000':>12}"
-          f" {'search after change ms':>23} {'search unchanged ms':>20}")
+          f" {'search after relabel ms':>24} {'search after append ms':>23}"
+          f" {'... append with record ms':>26} {'search unchanged ms':>20}")
     for count in SIZES:
         with tempfile.TemporaryDirectory() as folder:
             home = pathlib.Path(folder)
@@ -186,10 +225,11 @@ def main():
             median, best = timed(home, "list-identities")
             lines = run(home, "list-identities").stdout.count("\n")
             assert lines == count + 1, lines
-            changed, unchanged = searched(home, count) if search else (float("nan"),) * 2
+            relabelled, appended, recorded, unchanged = (searched(home, count) if search
+                                                         else (float("nan"),) * 4)
             print(f"{count:>10} {median * 1000:>15.1f} {best * 1000:>12.1f} "
-                  f"{median * 1000 / count * 1000:>12.1f} {changed * 1000:>23.1f}"
-                  f" {unchanged * 1000:>20.1f}")
+                  f"{median * 1000 / count * 1000:>12.1f} {relabelled * 1000:>24.1f}"
+                  f" {appended * 1000:>23.1f} {recorded * 1000:>26.1f} {unchanged * 1000:>20.1f}")
     for count in (0, 1000):
         with tempfile.TemporaryDirectory() as folder:
             home = pathlib.Path(folder)

@@ -58,7 +58,7 @@ TokenObject derivedSecretObject(const platform::crypto::SecretBytes& secret,
         attributes.set(CKA_VALUE,
                        Bytes(secret.begin(), secret.begin() + static_cast<std::ptrdiff_t>(length)));
     }
-    return {{CKO_SECRET_KEY, {}, 0}, std::move(attributes), std::nullopt};
+    return {{CKO_SECRET_KEY, {}}, std::move(attributes), std::nullopt};
 }
 
 }  // namespace keyloft::pkcs11

@@ -79,7 +79,7 @@ KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
 }
 
 CK_OBJECT_HANDLE handleOf(Card& card, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
-    const auto handle = card.objects().handleOf({objectClass, hash, 0});
+    const auto handle = card.objects().handleOf({objectClass, hash});
     if (!handle) throw CryptokiError(CKR_FUNCTION_FAILED);
     return *handle;
 }

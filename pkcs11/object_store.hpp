@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "keys/stored_key_records.hpp"
+#include "pkcs11/object_catalog.hpp"
 #include "pkcs11/token_objects.hpp"
 #include "platform/token_store/token_watcher.hpp"
 
@@ -41,25 +42,18 @@ class ObjectStore {
     void dropSessionObjects(CK_SESSION_HANDLE owner);
 
   private:
-    // One reading of the token; never changed once published, so readers need no lock.
-    struct Catalog {
-        std::vector<TokenObject> objects;
-        std::vector<CK_OBJECT_HANDLE> handles;  // parallel to objects
-        std::map<ObjectIdentity, CK_OBJECT_HANDLE> handleOf;
-        std::map<CK_OBJECT_HANDLE, std::size_t> indexOf;
-        keys::StoredKeyMap storedKeys;
-    };
     struct SessionObject {
         CK_SESSION_HANDLE owner;
         std::shared_ptr<const TokenObject> object;
     };
 
     // The catalog as the token is now.
-    std::shared_ptr<const Catalog> current();
+    std::shared_ptr<const ObjectCatalog> current();
 
     std::mutex refreshLock_;  // the source and the making of catalogs
     Source source_;
-    std::shared_ptr<const Catalog> catalog_ = std::make_shared<Catalog>();
+    // Replaced, never changed, so readers use the one they took without a lock.
+    std::shared_ptr<const ObjectCatalog> catalog_ = std::make_shared<const ObjectCatalog>();
     std::atomic<CK_OBJECT_HANDLE> nextHandle_ = 1;
     std::mutex sessionObjectsLock_;
     std::map<CK_OBJECT_HANDLE, SessionObject> sessionObjects_;

@@ -1,8 +1,9 @@
 #include "pkcs11/token_objects.hpp"
+
+#include <algorithm>
+
 #include "base/certificate_reader.hpp"
 #include "base/control_characters.hpp"
-
-#include <map>
 
 #include "base/key_types.hpp"
 #include "der/ber_tlv_record.hpp"
@@ -16,8 +17,11 @@ namespace {
 // CK_CERTIFICATE_CATEGORY_UNSPECIFIED, which the header does not name.
 constexpr CK_ULONG certificateCategoryUnspecified = 0;
 
-Bytes textValue(const std::optional<std::string>& text) {
-    return text ? Bytes(text->begin(), text->end()) : Bytes{};
+Bytes textValue(const std::string* text) {
+    if (text == nullptr) return {};
+    // Applications print labels and write them into files line by line (ssh-keygen -D).
+    const std::string printable = withoutControlCharacters(*text);
+    return Bytes(printable.begin(), printable.end());
 }
 
 Bytes mechanismList(CK_KEY_TYPE keyType) {
@@ -29,7 +33,7 @@ Bytes mechanismList(CK_KEY_TYPE keyType) {
 // Attributes every object here shares: token objects whose label applications may change (for
 // the whole identity), and whose keys they may destroy (the identity with them).
 AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
-                              const std::optional<std::string>& label) {
+                              const std::string* label) {
     AttributeSet attributes;
     attributes.setUlong(CKA_CLASS, objectClass);
     attributes.setBool(CKA_TOKEN, true);
@@ -37,15 +41,13 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     attributes.setBool(CKA_MODIFIABLE, true);
     attributes.setBool(CKA_COPYABLE, false);
     attributes.setBool(CKA_DESTROYABLE, objectClass != CKO_CERTIFICATE);
-    // Applications print labels and write them into files line by line (ssh-keygen -D).
-    attributes.set(CKA_LABEL, textValue(label ? std::optional(withoutControlCharacters(*label))
-                                              : std::nullopt));
+    attributes.set(CKA_LABEL, textValue(label));
     attributes.set(CKA_ID, Bytes(objectID.begin(), objectID.end()));
     return attributes;
 }
 
 TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item,
-                              const std::optional<std::string>& label) {
+                              const std::string* label) {
     auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, label);
     attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
     attributes.setBool(CKA_TRUSTED, false);
@@ -57,7 +59,7 @@ TokenObject certificateObject(const platform::token_store::TesseraTokenCertifica
     attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
     attributes.set(CKA_ISSUER, fields ? bytesOf(fields->issuer()) : Bytes{});
     attributes.set(CKA_SERIAL_NUMBER, fields ? bytesOf(fields->serialNumber()) : Bytes{});
-    return {{CKO_CERTIFICATE, item.objectID, 0}, std::move(attributes), std::nullopt};
+    return {{CKO_CERTIFICATE, item.objectID}, std::move(attributes), std::nullopt};
 }
 
 struct RsaNumbers {
@@ -131,7 +133,7 @@ Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& it
 }
 
 void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
-                      const std::optional<std::string>& label, const keys::StoredKeyMap& storedKeys,
+                      const std::string* label, PrivateKeyCustody custody,
                       std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
@@ -174,11 +176,10 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     }
     objects.push_back(keyObject(CKO_PUBLIC_KEY, item.objectID, std::move(publicKey), facts));
 
-    const auto stored = storedKeys.find(*item.publicKeyHash);
-    if (stored == storedKeys.end()) return;
+    if (custody == PrivateKeyCustody::none) return;
     // A key bound to the key processor was made there and can never leave it; a wrapped key
     // can be exported by the tool, and may have been imported.
-    const bool bound = !keys::protectionOf(stored->second).exportable;
+    const bool bound = custody == PrivateKeyCustody::bound;
     auto privateKey = shared(CKO_PRIVATE_KEY);
     privateKey.setBool(CKA_SIGN, can.sign);
     privateKey.setBool(CKA_DERIVE, can.derive);
@@ -201,25 +202,6 @@ void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
     objects.push_back(keyObject(CKO_PRIVATE_KEY, item.objectID, std::move(privateKey), facts));
 }
 
-// One label per identity (the items sharing an object id), so that applications that pair a
-// certificate with its key by label find both: the key item's, else the certificate item's. Cards
-// written before certificate replacement kept the label have certificate items without one.
-std::map<Bytes, std::string> identityLabels(const platform::token_store::TesseraTokenItems& items) {
-    std::map<Bytes, std::string> labels;
-    for (const auto& item : items) {
-        std::visit(
-            [&](const auto& entry) {
-                if (!entry.label || entry.label->empty()) return;
-                constexpr bool isKey = std::is_same_v<std::decay_t<decltype(entry)>,
-                                                      platform::token_store::TesseraTokenKeyItem>;
-                if (isKey || !labels.contains(entry.objectID))
-                    labels[entry.objectID] = *entry.label;
-            },
-            item);
-    }
-    return labels;
-}
-
 }  // namespace
 
 bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
@@ -227,30 +209,69 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
     return value != nullptr && value->size() == 1 && (*value)[0] == CK_TRUE;
 }
 
-std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
-                                      const keys::StoredKeyMap& storedKeys) {
-    const auto labels = identityLabels(items);
-    auto labelOf = [&](const Bytes& objectID) {
-        const auto found = labels.find(objectID);
-        return found != labels.end() ? std::optional(found->second) : std::nullopt;
-    };
+PrivateKeyCustody custodyOf(const platform::token_store::TesseraTokenItem& item,
+                            const keys::StoredKeyMap& storedKeys) {
+    const auto* key = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
+    if (key == nullptr || !key->publicKeyHash) return PrivateKeyCustody::none;
+    const auto stored = storedKeys.find(*key->publicKeyHash);
+    if (stored == storedKeys.end()) return PrivateKeyCustody::none;
+    return keys::protectionOf(stored->second).exportable ? PrivateKeyCustody::exportable
+                                                         : PrivateKeyCustody::bound;
+}
+
+std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenItem& item,
+                                     const std::string* label, PrivateKeyCustody custody) {
     std::vector<TokenObject> objects;
-    for (const auto& item : items) {
-        if (const auto* certificate =
-                std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
-            objects.push_back(certificateObject(*certificate, labelOf(certificate->objectID)));
-        } else {
-            const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
-            appendKeyObjects(key, labelOf(key.objectID), storedKeys, objects);
-        }
-    }
-    // Objects of one class may share an id; their order in the list tells them apart.
-    std::map<std::pair<CK_OBJECT_CLASS, Bytes>, std::size_t> seen;
-    for (auto& object : objects) {
-        object.identity.occurrence =
-            seen[{object.identity.objectClass, object.identity.objectID}]++;
+    if (const auto* certificate =
+            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+        objects.push_back(certificateObject(*certificate, label));
+    } else {
+        appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), label, custody,
+                         objects);
     }
     return objects;
+}
+
+// The key item's label, else the certificate item's: cards written before certificate replacement
+// kept the label have certificate items without one. Sorting views of the ids groups the items
+// without copying an id or a label.
+std::vector<const std::string*> identityLabels(
+    std::span<const platform::token_store::TesseraTokenItem* const> items) {
+    std::vector<std::pair<ByteView, std::size_t>> byID;
+    byID.reserve(items.size());
+    for (std::size_t i = 0; i < items.size(); ++i) byID.emplace_back(objectIDOf(*items[i]), i);
+    std::ranges::sort(byID, [](const auto& a, const auto& b) {
+        const auto order = compareIDs(a.first, b.first);
+        return order != 0 ? order < 0 : a.second < b.second;
+    });
+
+    std::vector<const std::string*> labels(items.size(), nullptr);
+    for (auto group = byID.begin(); group != byID.end();) {
+        const auto end = std::find_if(group, byID.end(), [&](const auto& entry) {
+            return compareIDs(entry.first, group->first) != 0;
+        });
+        const std::string* chosen = nullptr;
+        for (auto entry = group; entry != end; ++entry) {
+            const auto& item = *items[entry->second];
+            const bool isKey =
+                std::holds_alternative<platform::token_store::TesseraTokenKeyItem>(item);
+            const auto& label = std::visit(
+                [](const auto& fields) -> const auto& { return fields.label; }, item);
+            if (!label || label->empty() || (chosen != nullptr && !isKey)) continue;
+            chosen = &*label;
+        }
+        for (auto entry = group; entry != end; ++entry) labels[entry->second] = chosen;
+        group = end;
+    }
+    return labels;
+}
+
+ByteView objectIDOf(const platform::token_store::TesseraTokenItem& item) {
+    return std::visit([](const auto& fields) { return ByteView(fields.objectID); }, item);
+}
+
+std::strong_ordering compareIDs(ByteView a, ByteView b) {
+    return std::lexicographical_compare_three_way(a.begin(), a.end(), b.begin(), b.end());
 }
 
 }  // namespace keyloft::pkcs11

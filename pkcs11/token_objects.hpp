@@ -1,7 +1,10 @@
 #pragma once
 
 #include <compare>
+#include <cstdint>
 #include <optional>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "base/bytes.hpp"
@@ -11,11 +14,10 @@
 
 namespace keyloft::pkcs11 {
 
-// Names an object across re-reads of the item list, so that its handle survives them.
+// The class and id of an object; objects of one class may share an id.
 struct ObjectIdentity {
     CK_OBJECT_CLASS objectClass = 0;
     Bytes objectID;
-    std::size_t occurrence = 0;  // among objects of the same class and id, in item order
 
     auto operator<=>(const ObjectIdentity&) const = default;
 };
@@ -37,9 +39,28 @@ struct TokenObject {
     bool allows(CK_ATTRIBUTE_TYPE usage) const;
 };
 
-// The objects applications see for an item list: a certificate per certificate item; a public
-// and a private key per key item (the private key only when its stored key exists).
-std::vector<TokenObject> tokenObjects(const platform::token_store::TesseraTokenItems& items,
-                                      const keys::StoredKeyMap& storedKeys);
+// Whether a key item's private key object exists, and what it promises of the key.
+enum class PrivateKeyCustody : std::uint8_t { none, exportable, bound };
+
+// none for a certificate item and for a key whose stored key is missing.
+PrivateKeyCustody custodyOf(const platform::token_store::TesseraTokenItem& item,
+                            const keys::StoredKeyMap& storedKeys);
+
+// The objects applications see for one item: a certificate for a certificate item; a public and
+// a private key for a key item (the private key only with a custody), so never more than
+// maxObjectsPerItem. The label is the identity's (see identityLabels); null for none.
+inline constexpr std::size_t maxObjectsPerItem = 2;
+std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenItem& item,
+                                     const std::string* label, PrivateKeyCustody custody);
+
+// One label per identity (the items sharing an object id), so that applications that pair a
+// certificate with its key by label find both: for each item, its identity's label, pointing into
+// the items, or null. The items given must include every item of their identities.
+std::vector<const std::string*> identityLabels(
+    std::span<const platform::token_store::TesseraTokenItem* const> items);
+
+ByteView objectIDOf(const platform::token_store::TesseraTokenItem& item);
+// Orders ids byte by byte, for sorting views of them.
+std::strong_ordering compareIDs(ByteView a, ByteView b);
 
 }  // namespace keyloft::pkcs11

@@ -95,16 +95,26 @@ bool Statement::isNull(int column) const {
 }
 
 std::string Statement::text(int column) const {
-    const auto* data = sqlite3_column_text(statement_.get(), column);
-    const int size = sqlite3_column_bytes(statement_.get(), column);
-    return data == nullptr ? std::string() : std::string(reinterpret_cast<const char*>(data), size);
+    return std::string(textView(column));
 }
 
 Bytes Statement::blob(int column) const {
+    const ByteView value = blobView(column);
+    return Bytes(value.begin(), value.end());
+}
+
+std::string_view Statement::textView(int column) const {
+    const auto* data = sqlite3_column_text(statement_.get(), column);
+    const int size = sqlite3_column_bytes(statement_.get(), column);
+    return data == nullptr ? std::string_view()
+                           : std::string_view(reinterpret_cast<const char*>(data), size);
+}
+
+ByteView Statement::blobView(int column) const {
     const auto* data =
         static_cast<const std::uint8_t*>(sqlite3_column_blob(statement_.get(), column));
     const int size = sqlite3_column_bytes(statement_.get(), column);
-    return data == nullptr ? Bytes() : Bytes(data, data + size);
+    return data == nullptr ? ByteView() : ByteView(data, static_cast<std::size_t>(size));
 }
 
 std::int64_t Statement::integer(int column) const {

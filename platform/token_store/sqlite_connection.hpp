@@ -38,6 +38,9 @@ class Statement {
     bool isNull(int column) const;
     std::string text(int column) const;
     Bytes blob(int column) const;
+    // The current row's value in place, valid until the next step or reset.
+    std::string_view textView(int column) const;
+    ByteView blobView(int column) const;
     std::int64_t integer(int column) const;
 
   private:

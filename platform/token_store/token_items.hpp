@@ -1,8 +1,10 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "base/bytes.hpp"
 
@@ -37,6 +39,8 @@ struct TesseraTokenKeyItem {
 
 using TesseraTokenItem = std::variant<TesseraTokenCertificateItem, TesseraTokenKeyItem>;
 using TesseraTokenItems = std::vector<TesseraTokenItem>;
+// An item as readers that follow the token hold it, shared from one reading to the next.
+using SharedTokenItem = std::shared_ptr<const TesseraTokenItem>;
 
 // Item constructors: nothing when the certificate cannot be parsed.
 std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,

@@ -4,6 +4,7 @@
 #include <limits>
 
 #include "base/error.hpp"
+#include "platform/token_store/item_rows.hpp"
 #include "platform/token_store/sqlite_connection.hpp"
 
 namespace keyloft::platform::token_store {
@@ -35,16 +36,6 @@ CREATE TABLE items (
 );
 )sql";
 
-std::optional<bool> flagAt(const sqlite::Statement& row, int column) {
-    if (row.isNull(column)) return std::nullopt;
-    return row.integer(column) != 0;
-}
-
-std::optional<std::string> textAt(const sqlite::Statement& row, int column) {
-    if (row.isNull(column)) return std::nullopt;
-    return row.text(column);
-}
-
 // A store is created by the first process that finds it without tables; the driver ships with
 // the tool, so it is registered in the same transaction.
 // Readers of an existing store never take the write lock for this.
@@ -65,26 +56,11 @@ void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippe
 }  // namespace
 
 TesseraTokenItems TesseraTokenConfiguration::items() const {
-    auto query = db_->prepare(
-        "SELECT kind, object_id, label, certificate, can_sign, can_decrypt, can_key_exchange"
-        " FROM items WHERE driver = ? AND instance = ? ORDER BY position");
+    auto query = db_->prepare("SELECT " + std::string(itemColumns) +
+                              " FROM items WHERE driver = ? AND instance = ? ORDER BY position");
     query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
     TesseraTokenItems items;
-    while (query.step()) {
-        if (query.text(0) == "certificate") {
-            items.emplace_back(
-                TesseraTokenCertificateItem{query.blob(1), textAt(query, 2), query.blob(3)});
-            continue;
-        }
-        TesseraTokenKeyItem key{.objectID = query.blob(1),
-                                .label = textAt(query, 2),
-                                .certificate = query.blob(3),
-                                .canSign = flagAt(query, 4),
-                                .canDecrypt = flagAt(query, 5),
-                                .canPerformKeyExchange = flagAt(query, 6)};
-        deriveKeyFields(key);
-        items.emplace_back(std::move(key));
-    }
+    while (query.step()) items.push_back(itemOfRow(query));
     return items;
 }
 

@@ -54,7 +54,6 @@ class TesseraTokenConfiguration {
     void insertItems(const TesseraTokenItems& items, std::int64_t position) const;
 
     friend class TesseraTokenDriverConfiguration;
-    friend class TesseraTokenWatcher;
     TesseraTokenConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver,
                               std::string instance)
         : db_(std::move(db)), driver_(std::move(driver)), instance_(std::move(instance)) {}

@@ -1,15 +1,15 @@
 #include "platform/token_store/token_watcher.hpp"
 
+#include <algorithm>
+
+#include "platform/token_store/item_rows.hpp"
 #include "platform/token_store/sqlite_connection.hpp"
-#include "platform/token_store/token_store.hpp"
 
 namespace keyloft::platform::token_store {
 namespace {
 
-// Non-owning: the configuration object only borrows the watcher's connection while it reads.
-std::shared_ptr<const sqlite::Connection> borrowed(const sqlite::Connection& db) {
-    return {std::shared_ptr<const sqlite::Connection>(), &db};
-}
+// After the item columns.
+constexpr int rowidColumn = itemColumnCount;
 
 bool hasSchema(const sqlite::Connection& db) {
     auto query =
@@ -45,15 +45,55 @@ std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
     return snapshot;
 }
 
-TesseraTokenSnapshot TesseraTokenWatcher::read() const {
+// A change touches a few rows of many: the rows that still hold what they held are handed out as
+// the items read before, neither copied nor derived again.
+TesseraTokenSnapshot TesseraTokenWatcher::read() {
     TesseraTokenSnapshot snapshot;
+    std::vector<KnownRow> rows;
     db_->readTransaction([&] {
         if (!hasSchema(*db_)) return;
-        const TesseraTokenConfiguration token(borrowed(*db_), driver_, instance_);
-        snapshot.items = token.items();
-        snapshot.configurationData = token.configurationData();
+        auto query = db_->prepare("SELECT " + std::string(itemColumns) +
+                                  ", rowid FROM items WHERE driver = ? AND instance = ?"
+                                  " ORDER BY position");
+        query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        std::size_t hint = 0;
+        while (query.step()) {
+            const std::int64_t rowid = query.integer(rowidColumn);
+            auto item = knownItem(query, rowid, hint);
+            if (!item) item = std::make_shared<const TesseraTokenItem>(itemOfRow(query));
+            rows.push_back({rowid, item});
+            snapshot.items.push_back(std::move(item));
+        }
+        snapshot.configurationData = configurationData();
     });
+    // Rows keep their rowid when a removal renumbers their positions.
+    std::ranges::sort(rows, {}, &KnownRow::rowid);
+    known_ = std::move(rows);
+    knownConfigurationData_ = snapshot.configurationData;
     return snapshot;
+}
+
+SharedTokenItem TesseraTokenWatcher::knownItem(const sqlite::Statement& row, std::int64_t rowid,
+                                               std::size_t& hint) const {
+    // Rows usually come in the order of their rowids: the one after the last found is tried first.
+    auto known = hint < known_.size() && known_[hint].rowid == rowid
+                     ? known_.begin() + static_cast<std::ptrdiff_t>(hint)
+                     : std::ranges::lower_bound(known_, rowid, {}, &KnownRow::rowid);
+    // A rowid freed by a removal may be given to a new row: only the bytes tell.
+    if (known == known_.end() || known->rowid != rowid || !rowHoldsItem(row, *known->item))
+        return nullptr;
+    hint = static_cast<std::size_t>(known - known_.begin()) + 1;
+    return known->item;
+}
+
+std::shared_ptr<const Bytes> TesseraTokenWatcher::configurationData() const {
+    auto query = db_->prepare("SELECT config_data FROM tokens WHERE driver = ? AND instance = ?");
+    query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+    if (!query.step() || query.isNull(0)) return nullptr;
+    const ByteView data = query.blobView(0);
+    if (knownConfigurationData_ && std::ranges::equal(data, *knownConfigurationData_))
+        return knownConfigurationData_;
+    return std::make_shared<const Bytes>(data.begin(), data.end());
 }
 
 }  // namespace keyloft::platform::token_store

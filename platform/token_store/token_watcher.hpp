@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/bytes.hpp"
 #include "platform/token_store/token_items.hpp"
@@ -13,12 +14,15 @@ namespace keyloft::platform::token_store {
 
 namespace sqlite {
 class Connection;
-}
+class Statement;
+}  // namespace sqlite
 
-// One token's item list and configuration data, read in one transaction so that they agree.
+// One token's item list and configuration data, read in one transaction so that they agree. What
+// did not change since the watcher's previous snapshot is the very object that one held, so that
+// readers can tell what changed by comparing pointers.
 struct TesseraTokenSnapshot {
-    TesseraTokenItems items;
-    std::optional<Bytes> configurationData;
+    std::vector<SharedTokenItem> items;
+    std::shared_ptr<const Bytes> configurationData;  // null when the token has none
 };
 
 // Follows one token of a store for a reader running beside the tool: it never creates the store,
@@ -36,7 +40,18 @@ class TesseraTokenWatcher {
     std::optional<TesseraTokenSnapshot> changes();
 
   private:
-    TesseraTokenSnapshot read() const;
+    // An item of the previous snapshot and the row it was read from.
+    struct KnownRow {
+        std::int64_t rowid;
+        SharedTokenItem item;
+    };
+
+    TesseraTokenSnapshot read();
+    // The previous snapshot's item when the current row still holds it; the hint is where the
+    // next row's is looked for first.
+    SharedTokenItem knownItem(const sqlite::Statement& row, std::int64_t rowid,
+                              std::size_t& hint) const;
+    std::shared_ptr<const Bytes> configurationData() const;
 
     std::filesystem::path storePath_;
     std::string driver_;
@@ -44,6 +59,8 @@ class TesseraTokenWatcher {
     std::unique_ptr<sqlite::Connection> db_;
     std::optional<std::int64_t> seenVersion_;
     bool readOnce_ = false;
+    std::vector<KnownRow> known_;  // sorted by rowid
+    std::shared_ptr<const Bytes> knownConfigurationData_;
 };
 
 }  // namespace keyloft::platform::token_store

@@ -22,6 +22,13 @@ class TokenWatcher : public ::testing::Test {
         return {*makeCertificateItem(certificate, Bytes{id})};
     }
 
+    // The items as read, for comparing with what was written.
+    static TesseraTokenItems itemsOf(const TesseraTokenSnapshot& snapshot) {
+        TesseraTokenItems items;
+        for (const auto& item : snapshot.items) items.push_back(*item);
+        return items;
+    }
+
     testing::TemporaryFolder folder;
     TesseraTokenWatcher watcher{dbPath(), std::string(driver), "user"};
     Bytes certificate = testing::makeCertificate(testing::makeEcKey().get());
@@ -42,14 +49,15 @@ TEST_F(TokenWatcher, ReadsAgainOnlyAfterAWriterCommitted) {
     token.replaceConfigurationData(Bytes{1, 2, 3});
     const auto first = watcher.changes();
     ASSERT_TRUE(first);
-    EXPECT_EQ(first->items, oneCertificate(1));
-    EXPECT_EQ(first->configurationData, (Bytes{1, 2, 3}));
+    EXPECT_EQ(itemsOf(*first), oneCertificate(1));
+    ASSERT_TRUE(first->configurationData);
+    EXPECT_EQ(*first->configurationData, (Bytes{1, 2, 3}));
     EXPECT_FALSE(watcher.changes());
 
     token.replaceItems(oneCertificate(2));
     const auto second = watcher.changes();
     ASSERT_TRUE(second);
-    EXPECT_EQ(second->items, oneCertificate(2));
+    EXPECT_EQ(itemsOf(*second), oneCertificate(2));
     EXPECT_FALSE(watcher.changes());
 }
 
@@ -58,7 +66,60 @@ TEST_F(TokenWatcher, FindsAStoreMadeAfterItStarted) {
     writer().replaceItems(oneCertificate(3));
     const auto later = watcher.changes();
     ASSERT_TRUE(later);
-    EXPECT_EQ(later->items, oneCertificate(3));
+    EXPECT_EQ(itemsOf(*later), oneCertificate(3));
+}
+
+// Readers tell what changed by comparing the items' addresses.
+TEST_F(TokenWatcher, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
+    const auto token = writer();
+    TesseraTokenItems items;
+    for (std::uint8_t id = 1; id <= 4; ++id) items.push_back(oneCertificate(id).front());
+    token.replaceItems(items);
+    token.replaceConfigurationData(Bytes{1, 2, 3});
+    const auto first = watcher.changes();
+    ASSERT_TRUE(first);
+
+    token.relabelItemsAt({1}, "relabelled");
+    const auto relabelled = watcher.changes();
+    ASSERT_TRUE(relabelled);
+    EXPECT_EQ(relabelled->items[0], first->items[0]);
+    EXPECT_NE(relabelled->items[1], first->items[1]);
+    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(*relabelled->items[1]).label, "relabelled");
+    EXPECT_EQ(relabelled->configurationData, first->configurationData);
+
+    // The rows after the removed one move up a position but keep their rowid.
+    token.removeItemsAt({0});
+    const auto removed = watcher.changes();
+    ASSERT_TRUE(removed);
+    ASSERT_EQ(removed->items.size(), 3U);
+    EXPECT_EQ(removed->items[0], relabelled->items[1]);
+    EXPECT_EQ(removed->items[1], first->items[2]);
+    EXPECT_EQ(removed->items[2], first->items[3]);
+
+    token.replaceConfigurationData(Bytes{4});
+    const auto reconfigured = watcher.changes();
+    ASSERT_TRUE(reconfigured && reconfigured->configurationData);
+    EXPECT_EQ(*reconfigured->configurationData, Bytes{4});
+    EXPECT_EQ(reconfigured->items, removed->items);
+}
+
+// SQLite gives a new row the rowid after the highest, so the last row's rowid comes back.
+TEST_F(TokenWatcher, ReadsARowAfreshWhenItsRowidWasGivenAgain) {
+    const auto token = writer();
+    token.replaceItems(oneCertificate(1));
+    const auto first = watcher.changes();
+    ASSERT_TRUE(first);
+
+    const Bytes other = testing::makeCertificate(testing::makeEcKey().get(), "Other");
+    token.writeTransaction([&] {
+        token.removeItemsAt({0});
+        token.appendItems({*makeCertificateItem(other, Bytes{1})});
+    });
+    const auto second = watcher.changes();
+    ASSERT_TRUE(second);
+    ASSERT_EQ(second->items.size(), 1U);
+    EXPECT_NE(second->items[0], first->items[0]);
+    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(*second->items[0]).certificate, other);
 }
 
 }  // namespace
