@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/bytes.hpp"
+#include "base/der_reader.hpp"
 
 namespace keyloft::der {
 
@@ -37,20 +38,12 @@ class BerTlvRecord {
     std::shared_ptr<const Node> node_;
 };
 
+// The reader's tags, and those only records are built with.
 namespace tag {
-inline constexpr std::uint8_t boolean = 0x01;
-inline constexpr std::uint8_t integer = 0x02;
-inline constexpr std::uint8_t bitString = 0x03;
-inline constexpr std::uint8_t octetString = 0x04;
-inline constexpr std::uint8_t null = 0x05;
-inline constexpr std::uint8_t objectIdentifier = 0x06;
+using namespace der_reader::tag;
 inline constexpr std::uint8_t utf8String = 0x0C;
 inline constexpr std::uint8_t printableString = 0x13;
 inline constexpr std::uint8_t ia5String = 0x16;
-inline constexpr std::uint8_t utcTime = 0x17;
-inline constexpr std::uint8_t generalizedTime = 0x18;
-inline constexpr std::uint8_t sequence = 0x30;
-inline constexpr std::uint8_t set = 0x31;
 inline constexpr std::uint8_t contextPrimitive0 = 0x80;
 inline constexpr std::uint8_t contextPrimitive1 = 0x81;
 inline constexpr std::uint8_t contextConstructed0 = 0xA0;

@@ -87,6 +87,12 @@ void Card::checkLive() const {
     if (released_) throw CryptokiError(CKR_FUNCTION_FAILED);
 }
 
+std::shared_ptr<const TokenObject> Card::object(CK_OBJECT_HANDLE handle) {
+    auto object = objects_.find(handle);
+    if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
+    return object;
+}
+
 std::shared_ptr<const TokenObject> Card::key(CK_OBJECT_HANDLE handle) {
     auto object = objects_.find(handle);
     if (!object || !object->key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);

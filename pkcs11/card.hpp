@@ -43,6 +43,8 @@ class Card {
     // Throws CKR_FUNCTION_FAILED once the keys were released.
     void checkLive() const;
 
+    // An object as it is on the token now; throws CKR_OBJECT_HANDLE_INVALID once it has gone.
+    std::shared_ptr<const TokenObject> object(CK_OBJECT_HANDLE handle);
     // A key object as it is on the token now; throws CKR_KEY_HANDLE_INVALID.
     std::shared_ptr<const TokenObject> key(CK_OBJECT_HANDLE handle);
     // A private key ready for one operation. A biometry-protected key holds the key processor

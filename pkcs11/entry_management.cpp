@@ -12,12 +12,6 @@ using namespace keyloft::pkcs11;
 
 namespace {
 
-std::shared_ptr<const TokenObject> objectOf(Card& card, CK_OBJECT_HANDLE handle) {
-    auto object = card.objects().find(handle);
-    if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
-    return object;
-}
-
 // Token objects change only in read-write sessions.
 void requireReadWrite(const Session& session) {
     if ((session.flags & CKF_RW_SESSION) == 0) throw CryptokiError(CKR_SESSION_READ_ONLY);
@@ -159,7 +153,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
     return onCard([&](Card& card) {
         const auto session = card.session(hSession);
-        const auto object = objectOf(card, hObject);
+        const auto object = card.object(hObject);
         if (card.objects().destroySessionObject(hObject)) return;
         // An identity is one unit on the card: either of its keys takes it all away, as
         // delete-identity does. Its certificate alone is replaced, never destroyed, so that no
@@ -175,7 +169,7 @@ CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     return onCard([&](Card& card) {
         const auto session = card.session(hSession);
-        const auto object = objectOf(card, hObject);
+        const auto object = card.object(hObject);
         const std::span<const CK_ATTRIBUTE> changes = arrayArgument(pTemplate, ulCount);
         if (!object->allows(CKA_MODIFIABLE)) throw CryptokiError(CKR_ACTION_PROHIBITED);
         requireReadWrite(*session);

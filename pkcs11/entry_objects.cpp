@@ -4,24 +4,13 @@
 using namespace keyloft;
 using namespace keyloft::pkcs11;
 
-namespace {
-
-// The object as the token holds it now; CKR_OBJECT_HANDLE_INVALID once it has gone.
-std::shared_ptr<const TokenObject> objectOf(Card& card, CK_OBJECT_HANDLE handle) {
-    auto object = card.objects().find(handle);
-    if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
-    return object;
-}
-
-}  // namespace
-
 extern "C" {
 
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                    CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        objectOf(card, hObject);
+        card.object(hObject);
         arrayArgument(pTemplate, ulCount);
         require(phNewObject);
         throw CryptokiError(CKR_ACTION_PROHIBITED);
@@ -31,7 +20,7 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        objectOf(card, hObject);
+        card.object(hObject);
         require(pulSize);
         *pulSize = CK_UNAVAILABLE_INFORMATION;
     });
@@ -41,7 +30,7 @@ CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
     return onCard([&](Card& card) {
         card.session(hSession);
-        const auto object = objectOf(card, hObject);
+        const auto object = card.object(hObject);
         const CK_RV rv = object->attributes.copyInto(arrayArgument(pTemplate, ulCount));
         if (rv != CKR_OK) throw CryptokiError(rv);
     });
