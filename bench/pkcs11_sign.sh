@@ -36,15 +36,8 @@ softhsm2-util --init-token --free --label bench --pin 1234 --so-pin 4321 > /dev/
 pkcs11-tool --module "$softhsm" --login --pin 1234 --keypairgen --key-type EC:prime256v1 \
     --label bench-p256 > /dev/null 2>&1
 
-rows() {  # key, then the harness's key=value lines, one per run
-    local key=$1 line per_s p50 p99
-    while IFS= read -r line; do
-        per_s=$(sed -n 's/.* per_s=\([^ ]*\).*/\1/p' <<< "$line")
-        p50=$(sed -n 's/.* p50_us=\([^ ]*\).*/\1/p' <<< "$line")
-        p99=$(sed -n 's/.* p99_us=\([^ ]*\)$/\1/p' <<< "$line")
-        printf '%-24s %14s %10s %10s\n' "$key" "$per_s" "$p50" "$p99"
-    done <<< "$2"
-}
+# shellcheck source=bench/sign_rows.sh
+source "$root/bench/sign_rows.sh"
 
 wrapped=$("$harness" "$module" bench-wrapped "$@")
 bound=$("$harness" "$module" bench-bound "$@")
@@ -54,7 +47,7 @@ openssl_sign=$(openssl speed -seconds 3 ecdsap256 2>/dev/null |
 
 # µ is two bytes: one more column of width keeps the header aligned.
 printf '%-24s %14s %11s %11s\n' key signatures/s 'p50 µs' 'p99 µs'
-rows "keyloft p-256 (wrapped)" "$wrapped"
-rows "keyloft p-256-ne (bound)" "$bound"
-rows "SoftHSM2 p-256" "$softhsm_line"
+rows 24 "keyloft p-256 (wrapped)" "$wrapped"
+rows 24 "keyloft p-256-ne (bound)" "$bound"
+rows 24 "SoftHSM2 p-256" "$softhsm_line"
 printf '%-24s %14s %10s %10s\n' "openssl speed (ceiling)" "$openssl_sign" - -

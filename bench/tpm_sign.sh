@@ -105,15 +105,8 @@ ptool_addkey() {
 keyloft_create_ms=$(creation_ms keyloft_create)
 ptool_addkey_ms=$(creation_ms ptool_addkey)
 
-rows() {  # key, then the harness's key=value lines, one per run
-    local key=$1 line per_s p50 p99
-    while IFS= read -r line; do
-        per_s=$(sed -n 's/.* per_s=\([^ ]*\).*/\1/p' <<< "$line")
-        p50=$(sed -n 's/.* p50_us=\([^ ]*\).*/\1/p' <<< "$line")
-        p99=$(sed -n 's/.* p99_us=\([^ ]*\)$/\1/p' <<< "$line")
-        printf '%-30s %14s %10s %10s\n' "$key" "$per_s" "$p50" "$p99"
-    done <<< "$2"
-}
+# shellcheck source=bench/sign_rows.sh
+source "$root/bench/sign_rows.sh"
 
 soft=$("$harness" "$module" bench-soft "$@")
 tpm=$(KEYLOFT_TCTI=$tcti "$harness" "$module" bench-tpm "$@")
@@ -125,10 +118,10 @@ direct=$(KEYLOFT_TCTI=swtpm:host=127.0.0.1,port=$port "$harness" "$module" bench
 
 # µ is two bytes: one more column of width keeps the header aligned.
 printf '%-30s %14s %11s %11s\n' key signatures/s 'p50 µs' 'p99 µs'
-rows "keyloft p-256-ne (soft)" "$soft"
-rows "keyloft p-256-ne (tpm)" "$tpm"
-rows "tpm2-pkcs11 p-256 (same TPM)" "$tpm2_pkcs11"
-rows "keyloft p-256-ne (tpm, direct)" "$direct"
+rows 30 "keyloft p-256-ne (soft)" "$soft"
+rows 30 "keyloft p-256-ne (tpm)" "$tpm"
+rows 30 "tpm2-pkcs11 p-256 (same TPM)" "$tpm2_pkcs11"
+rows 30 "keyloft p-256-ne (tpm, direct)" "$direct"
 echo
 printf '%-30s %14s\n' 'one P-256 TPM key' 'ms'
 printf '%-30s %14s\n' 'keyloft create-identity' "$keyloft_create_ms"
