@@ -132,8 +132,12 @@ KeyStorageView readKeyStorage(const PlistReader& list, Object value, const Path&
     return storage;
 }
 
+// What reading does with a record that does not decode.
+enum class DamagedRecord { refuse, skip };
+
 // The map is a flat list: hash, storage, hash, storage, ...
-void readKeyPairs(const PlistReader& list, Object value, const StoredKeyVisitor& visit) {
+void readKeyPairs(const PlistReader& list, Object value, const StoredKeyVisitor& visit,
+                  DamagedRecord damaged) {
     const Path keys = root / "keys";
     expect(list, value, PlistKind::array, keys);
     const auto pairs = list.elements(value);
@@ -141,19 +145,29 @@ void readKeyPairs(const PlistReader& list, Object value, const StoredKeyVisitor&
         throw LayoutError("keys: odd number of elements (" + std::to_string(pairs.size()) + ")");
     }
     for (std::size_t i = 0; i < pairs.size(); i += 2) {
-        expect(list, pairs[i], PlistKind::data, keys[i]);
-        visit(list.data(pairs[i]), readKeyStorage(list, pairs[i + 1], keys[i + 1]));
+        std::optional<KeyStorageView> storage;
+        try {
+            expect(list, pairs[i], PlistKind::data, keys[i]);
+            storage = readKeyStorage(list, pairs[i + 1], keys[i + 1]);
+        } catch (const std::runtime_error& failure) {
+            if (damaged == DamagedRecord::refuse) throw;
+            platform::os::logError(std::string("Skipping a damaged key record: ") + failure.what());
+            continue;
+        }
+        visit(list.data(pairs[i]), *storage);
     }
 }
 
 // The data's version; the records, read before it is compared, go to the visitor.
-std::int64_t readDataStorage(const PlistReader& list, const StoredKeyVisitor& visit) {
+std::int64_t readDataStorage(const PlistReader& list, const StoredKeyVisitor& visit,
+                             DamagedRecord damaged) {
     expect(list, list.top(), PlistKind::dictionary, root, "root");
     const Object version = required(list, list.top(), "version", root);
     expect(list, version, PlistKind::integer, root / "version");
     const std::int64_t value = list.integer(version);
     // Never written without "keys", but such a record holds no keys.
-    if (const auto keys = list.member(list.top(), "keys")) readKeyPairs(list, *keys, visit);
+    if (const auto keys = list.member(list.top(), "keys"))
+        readKeyPairs(list, *keys, visit, damaged);
     return value;
 }
 
@@ -257,11 +271,14 @@ KeyStorage KeyStorageView::owned() const {
     return storage;
 }
 
-void readStoredKeys(const std::optional<Bytes>& configurationData, const StoredKeyVisitor& visit) {
+namespace {
+
+void readRecords(const std::optional<Bytes>& configurationData, const StoredKeyVisitor& visit,
+                 DamagedRecord damaged) {
     if (!configurationData) return;
     std::int64_t version = 0;
     try {
-        version = readDataStorage(PlistReader(*configurationData), visit);
+        version = readDataStorage(PlistReader(*configurationData), visit, damaged);
     } catch (const std::runtime_error& failure) {
         // Both the property-list reader (PlatformError) and the layout checks (LayoutError) land
         // here.
@@ -275,13 +292,33 @@ void readStoredKeys(const std::optional<Bytes>& configurationData, const StoredK
     }
 }
 
-StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
+StoredKeyMap decodeRecords(const std::optional<Bytes>& configurationData, DamagedRecord damaged) {
     StoredKeyMap map;
-    readStoredKeys(configurationData, [&](ByteView hash, const KeyStorageView& storage) {
-        // The tool writes the pairs in order, so each goes in at the end; a later pair of the
-        // same hash replaces an earlier one.
-        map.insert_or_assign(map.end(), Bytes(hash.begin(), hash.end()), storage.owned());
-    });
+    readRecords(
+        configurationData,
+        [&](ByteView hash, const KeyStorageView& storage) {
+            // The tool writes the pairs in order, so each goes in at the end; a later pair of the
+            // same hash replaces an earlier one.
+            map.insert_or_assign(map.end(), Bytes(hash.begin(), hash.end()), storage.owned());
+        },
+        damaged);
+    return map;
+}
+
+}  // namespace
+
+void readStoredKeys(const std::optional<Bytes>& configurationData, const StoredKeyVisitor& visit) {
+    readRecords(configurationData, visit, DamagedRecord::refuse);
+}
+
+StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
+    return decodeRecords(configurationData, DamagedRecord::refuse);
+}
+
+StoredKeyMap decodeUsableStoredKeys(const std::optional<Bytes>& configurationData) {
+    auto map = decodeRecords(configurationData, DamagedRecord::skip);
+    std::erase_if(
+        map, [](const auto& entry) { return !entry.second.bastionKey && !entry.second.sealedKey; });
     return map;
 }
 

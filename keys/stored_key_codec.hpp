@@ -41,6 +41,11 @@ void readStoredKeys(const std::optional<Bytes>& configurationData, const StoredK
 // KeyloftError::dataVersionMismatch for a well-formed record of another version.
 StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData);
 
+// For a reader that serves each identity on its own: the records that decode and hold a key. A
+// damaged record is logged and left out rather than refusing the whole data; damage outside the
+// records throws as decodeStoredKeys does.
+StoredKeyMap decodeUsableStoredKeys(const std::optional<Bytes>& configurationData);
+
 // The configuration data for the map: a binary property list of the current version, with room
 // for records added later in place.
 Bytes encodeStoredKeys(const StoredKeyMap& keys);

@@ -12,11 +12,12 @@ namespace {
 using platform::token_store::SharedTokenItem;
 using platform::token_store::TesseraTokenItem;
 
-// Damaged configuration data leaves the keys unusable, not the certificates unreadable.
+// Damaged configuration data leaves the keys unusable, not the certificates unreadable; a damaged
+// record, its identity alone without a private key.
 keys::StoredKeyMap storedKeysOf(const std::shared_ptr<const Bytes>& configurationData) {
     try {
-        return keys::decodeStoredKeys(configurationData ? std::optional(*configurationData)
-                                                        : std::nullopt);
+        return keys::decodeUsableStoredKeys(configurationData ? std::optional(*configurationData)
+                                                              : std::nullopt);
     } catch (const KeyloftError&) {
         return {};
     }

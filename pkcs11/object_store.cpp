@@ -32,7 +32,9 @@ std::vector<CK_OBJECT_HANDLE> ObjectStore::search(std::span<const CK_ATTRIBUTE> 
 }
 
 std::optional<keys::KeyStorage> ObjectStore::storedKey(const KeyFacts& key) {
-    const auto* stored = current()->storedKey(key.publicKeyHash);
+    // The catalog is held while its record is copied: another thread may replace it meanwhile.
+    const auto catalog = current();
+    const auto* stored = catalog->storedKey(key.publicKeyHash);
     return stored != nullptr ? std::optional(*stored) : std::nullopt;
 }
 

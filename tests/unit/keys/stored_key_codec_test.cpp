@@ -243,5 +243,22 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
     EXPECT_TRUE(platform::os::loggedErrors.empty());
 }
 
+// The module serves each identity on its own: a damaged or empty record costs only its own key.
+TEST_F(StoredKeyCodec, UsableRecordsLeaveOutOnlyTheDamagedOnes) {
+    const Bytes data = rootWith({std::int64_t{1}}, {{hashOf(1)},
+                                                    bastionStorage(1, "off", false),
+                                                    {std::string("h")},
+                                                    bastionStorage(2),
+                                                    {hashOf(3)},
+                                                    {PlistDictionary{}},
+                                                    {hashOf(4)},
+                                                    bastionStorage(4)});
+    const auto usable = decodeUsableStoredKeys(data);
+    ASSERT_EQ(usable.size(), 1U);
+    EXPECT_TRUE(usable.contains(hashOf(4)));
+    EXPECT_EQ(platform::os::loggedErrors.size(), 2U);
+    EXPECT_THROW(decodeUsableStoredKeys(bytesOf("version=1")), KeyloftError);
+}
+
 }  // namespace
 }  // namespace keyloft::keys

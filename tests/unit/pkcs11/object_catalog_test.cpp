@@ -178,6 +178,16 @@ TEST_F(Catalogs, FollowTheStoredKeysWhenOnlyTheConfigurationDataChanges) {
                                std::make_shared<const Bytes>(Bytes{1, 2, 3}));
     EXPECT_EQ(all(damaged).size(), 4U);
     EXPECT_EQ(handle(damaged, CKO_PRIVATE_KEY, 2), CK_INVALID_HANDLE);
+
+    // A record holding no key leaves its identity without a private key, the others whole.
+    const auto& emptyRecord =
+        read({aCertificate, aKey, bCertificate, bKey},
+             configuration({{publicKeyHashOf(aKey), keys::KeyStorage{}},
+                            {publicKeyHashOf(bKey), exportable(publicKeyHashOf(bKey))}}));
+    EXPECT_EQ(all(emptyRecord).size(), 5U);
+    EXPECT_EQ(handle(emptyRecord, CKO_PRIVATE_KEY, 1), CK_INVALID_HANDLE);
+    EXPECT_NE(handle(emptyRecord, CKO_PRIVATE_KEY, 2), CK_INVALID_HANDLE);
+    EXPECT_FALSE(emptyRecord.storedKey(publicKeyHashOf(aKey)));
 }
 
 }  // namespace
