@@ -45,8 +45,11 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
         // a signature's share allows, so it is asked only when a file of its folder was written.
         auto folder = std::make_shared<platform::os::FolderChanges>(store::userCardFolder());
         auto card = std::make_unique<Card>(
-            [watcher, folder]() -> std::optional<platform::token_store::TesseraTokenSnapshot> {
-                if (!folder->changedSinceLastAsk()) return std::nullopt;
+            [watcher, folder](ObjectStore::Freshness freshness)
+                -> std::optional<platform::token_store::TesseraTokenSnapshot> {
+                const bool signalled = folder->changedSinceLastAsk();
+                if (!signalled && freshness == ObjectStore::Freshness::whenSignalled)
+                    return std::nullopt;
                 return watcher->changes();
             });
         return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;

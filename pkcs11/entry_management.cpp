@@ -73,7 +73,7 @@ KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
 }
 
 CK_OBJECT_HANDLE handleOf(Card& card, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
-    const auto handle = card.objects().handleOf({objectClass, hash});
+    const auto handle = card.objects().handleAfterOwnWrite({objectClass, hash});
     if (!handle) throw CryptokiError(CKR_FUNCTION_FAILED);
     return *handle;
 }

@@ -2,11 +2,11 @@
 
 namespace keyloft::pkcs11 {
 
-std::shared_ptr<const ObjectCatalog> ObjectStore::current() {
+std::shared_ptr<const ObjectCatalog> ObjectStore::current(Freshness freshness) {
     // Asking the source costs a few microseconds when nothing changed; the lock is held only for
     // that, or for the rare re-read.
     const std::lock_guard guard(refreshLock_);
-    auto snapshot = source_();
+    auto snapshot = source_(freshness);
     if (!snapshot) return catalog_;
     catalog_ = std::make_shared<const ObjectCatalog>(*catalog_, std::move(*snapshot),
                                                      [this] { return nextHandle_++; });
@@ -38,8 +38,8 @@ std::optional<keys::KeyStorage> ObjectStore::storedKey(const KeyFacts& key) {
     return stored != nullptr ? std::optional(*stored) : std::nullopt;
 }
 
-std::optional<CK_OBJECT_HANDLE> ObjectStore::handleOf(const ObjectIdentity& identity) {
-    return current()->handleOf(identity);
+std::optional<CK_OBJECT_HANDLE> ObjectStore::handleAfterOwnWrite(const ObjectIdentity& identity) {
+    return current(Freshness::afterOwnWrite)->handleOf(identity);
 }
 
 CK_OBJECT_HANDLE ObjectStore::addSessionObject(CK_SESSION_HANDLE owner, TokenObject object) {

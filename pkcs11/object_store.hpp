@@ -22,8 +22,12 @@ namespace keyloft::pkcs11 {
 // tool removed fails at once. Safe for use from several threads.
 class ObjectStore {
   public:
+    // How sure a caller is that the card may have changed: a sign of a change can come before the
+    // change itself is visible, so after a write of its own the module asks the store itself.
+    enum class Freshness { whenSignalled, afterOwnWrite };
     // Answers the token's state when it may have changed, nothing when it has not.
-    using Source = std::function<std::optional<platform::token_store::TesseraTokenSnapshot>()>;
+    using Source =
+        std::function<std::optional<platform::token_store::TesseraTokenSnapshot>(Freshness)>;
 
     explicit ObjectStore(Source source) : source_(std::move(source)) {}
 
@@ -33,8 +37,9 @@ class ObjectStore {
     std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate);
     // The stored key a private key object uses; nothing when it has gone.
     std::optional<keys::KeyStorage> storedKey(const KeyFacts& key);
-    // The handle of a token object; nothing when the token does not hold it.
-    std::optional<CK_OBJECT_HANDLE> handleOf(const ObjectIdentity& identity);
+    // The handle of a token object the module has just written; nothing when the token does not
+    // hold it.
+    std::optional<CK_OBJECT_HANDLE> handleAfterOwnWrite(const ObjectIdentity& identity);
 
     CK_OBJECT_HANDLE addSessionObject(CK_SESSION_HANDLE owner, TokenObject object);
     // False when the handle is no session object.
@@ -48,7 +53,7 @@ class ObjectStore {
     };
 
     // The catalog as the token is now.
-    std::shared_ptr<const ObjectCatalog> current();
+    std::shared_ptr<const ObjectCatalog> current(Freshness freshness = Freshness::whenSignalled);
 
     std::mutex refreshLock_;  // the source and the making of catalogs
     Source source_;

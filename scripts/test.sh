@@ -16,6 +16,14 @@ cmake --build "$build" -j"$(nproc)"
 # The Debian package: built from a copy of the tree, checked by lintian, installed and removed.
 scripts/test-package.sh
 
+# The module runs on its callers' threads: its unit tests, the stress test of threads working
+# while the tool changes the card among them, once more under ThreadSanitizer.
+tsan=build-tsan
+cmake -S . -B "$tsan" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKEYLOFT_TSAN=ON \
+    -DKEYLOFT_PAM_CONFDIR="$PWD/$tsan/pam.d"
+cmake --build "$tsan" -j"$(nproc)" --target test_pkcs11 keyloft
+TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 timeout 1200 "$tsan/tests/test_pkcs11"
+
 # A sanitizer finding ends the process with an error, which fails the test that ran it.
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1

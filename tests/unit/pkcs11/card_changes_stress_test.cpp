@@ -143,6 +143,10 @@ class CardChanges : public CardSession {
         }
     }
 
+    void deleteIdentity(CK_OBJECT_HANDLE key) const {
+        runTool({"delete-identity", "-h", pubkey::toHexString(value(key, CKA_ID))});
+    }
+
     // Makes an identity through the module and takes it away again.
     void manageOnce(CK_SESSION_HANDLE own, Tally& tally) const {
         const Bytes curve = {0x06, 0x08, 0x2a, 0x86, 0x48, 0xce, 0x3d, 0x03, 0x01, 0x07};
@@ -168,8 +172,8 @@ class CardChanges : public CardSession {
 // The tool creates and deletes identities while the module's threads search, sign and manage:
 // nothing a thread does may read freed state, fail on a healthy key, or give a wrong signature.
 TEST_F(CardChanges, ThreadsKeepWorkingWhileTheToolChangesTheCard) {
-    createIdentity("stays");
-    createIdentity("stays too", "p-384");
+    createIdentity("stress stays");
+    createIdentity("stress stays too", "p-384");
     const auto deadline = Clock::now() + stressLength();
     Tally tally;
     std::atomic<bool> stop = false;
@@ -193,11 +197,14 @@ TEST_F(CardChanges, ThreadsKeepWorkingWhileTheToolChangesTheCard) {
     while (Clock::now() < deadline) {
         const std::string label = "churn " + std::to_string(rounds++);
         createIdentity(label);
-        const auto key = object(CKO_PRIVATE_KEY, label);
-        runTool({"delete-identity", "-h", pubkey::toHexString(value(key, CKA_ID))});
+        deleteIdentity(object(CKO_PRIVATE_KEY, label));
     }
     stop = true;
     for (auto& thread : threads) thread.join();
+    // The card is shared with the other tests of the process.
+    CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
+    for (const auto key : find({attribute(CKA_CLASS, &privateKey, sizeof privateKey)}))
+        deleteIdentity(key);
 
     // A key or object removed between its search and its use is the only failure allowed.
     const std::vector<CK_RV> gone = {CKR_OK, CKR_KEY_HANDLE_INVALID, CKR_OBJECT_HANDLE_INVALID};
