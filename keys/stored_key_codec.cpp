@@ -24,6 +24,18 @@ using platform::plist::PlistReader;
 using platform::plist::PlistWriter;
 using Object = PlistReader::Object;
 
+// The records' names, spelled once for the reader and the writer (docs/storage.md).
+namespace field {
+constexpr std::string_view pubKeyHash = "pubKeyHash";
+constexpr std::string_view keyData = "keyData";
+constexpr std::string_view keyType = "keyType";
+constexpr std::string_view wrappedPrivateKey = "wrappedPrivateKey";
+constexpr std::string_view wrappingPrivateKeyData = "wrappingPrivateKeyData";
+constexpr std::string_view biometryProtection = "biometryProtection";
+constexpr std::string_view bastionKey = "bastionKey";
+constexpr std::string_view sealedKey = "sealedKey";
+}  // namespace field
+
 // Where and why the stored layout was not met; only its text reaches the diagnostic log.
 class LayoutError : public std::runtime_error {
   public:
@@ -98,8 +110,8 @@ class Fields {
 };
 
 BastionKeyView readBastionKey(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::array<std::string_view, 3> names = {"pubKeyHash", "keyData",
-                                                              "biometryProtection"};
+    static constexpr std::array<std::string_view, 3> names = {field::pubKeyHash, field::keyData,
+                                                              field::biometryProtection};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     return {.pubKeyHash = fields.data(0),
@@ -109,8 +121,8 @@ BastionKeyView readBastionKey(const PlistReader& list, Object value, const Path&
 
 SealedKeyView readSealedKey(const PlistReader& list, Object value, const Path& path) {
     static constexpr std::array<std::string_view, 5> names = {
-        "pubKeyHash", "keyType", "wrappedPrivateKey", "wrappingPrivateKeyData",
-        "biometryProtection"};
+        field::pubKeyHash, field::keyType, field::wrappedPrivateKey, field::wrappingPrivateKeyData,
+        field::biometryProtection};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     return {.pubKeyHash = fields.data(0),
@@ -121,7 +133,7 @@ SealedKeyView readSealedKey(const PlistReader& list, Object value, const Path& p
 }
 
 KeyStorageView readKeyStorage(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::array<std::string_view, 2> names = {"bastionKey", "sealedKey"};
+    static constexpr std::array<std::string_view, 2> names = {field::bastionKey, field::sealedKey};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     KeyStorageView storage;
@@ -174,14 +186,14 @@ std::int64_t readDataStorage(const PlistReader& list, const StoredKeyVisitor& vi
 // The names a record uses, written once and shared by every record; the first objects of the
 // list, so that records added later find them.
 struct Names {
-    static constexpr std::string_view texts[] = {"pubKeyHash",
-                                                 "keyData",
-                                                 "keyType",
-                                                 "wrappedPrivateKey",
-                                                 "wrappingPrivateKeyData",
-                                                 "biometryProtection",
-                                                 "bastionKey",
-                                                 "sealedKey",
+    static constexpr std::string_view texts[] = {field::pubKeyHash,
+                                                 field::keyData,
+                                                 field::keyType,
+                                                 field::wrappedPrivateKey,
+                                                 field::wrappingPrivateKeyData,
+                                                 field::biometryProtection,
+                                                 field::bastionKey,
+                                                 field::sealedKey,
                                                  "on",
                                                  "off"};
     static_assert(std::size(texts) == 10);

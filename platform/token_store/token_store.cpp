@@ -6,6 +6,7 @@
 #include "base/error.hpp"
 #include "platform/token_store/item_rows.hpp"
 #include "platform/token_store/sqlite_connection.hpp"
+#include "platform/token_store/store_layout.hpp"
 
 namespace keyloft::platform::token_store {
 namespace {
@@ -49,6 +50,7 @@ void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippe
     db.transaction([&] {
         if (hasTables()) return;
         db.execute(schema);
+        markCurrentLayout(db);
         db.prepare("INSERT INTO drivers (class_id) VALUES (?)").bind(1, shippedDriver).run();
     });
 }
@@ -243,6 +245,7 @@ TesseraDriverRegistry TesseraDriverRegistry::open(const std::filesystem::path& p
                                                   std::string_view shippedDriver) {
     auto db = std::make_shared<const sqlite::Connection>(path);
     createSchemaIfMissing(*db, shippedDriver);
+    upgradeLayout(*db);
     return TesseraDriverRegistry(std::move(db));
 }
 

@@ -4,6 +4,7 @@
 
 #include "platform/token_store/item_rows.hpp"
 #include "platform/token_store/sqlite_connection.hpp"
+#include "platform/token_store/store_layout.hpp"
 
 namespace keyloft::platform::token_store {
 namespace {
@@ -52,6 +53,7 @@ TesseraTokenSnapshot TesseraTokenWatcher::read() {
     std::vector<KnownRow> rows;
     db_->readTransaction([&] {
         if (!hasSchema(*db_)) return;
+        checkLayoutReadable(*db_);
         auto query = db_->prepare("SELECT " + std::string(itemColumns) +
                                   ", rowid FROM items WHERE driver = ? AND instance = ?"
                                   " ORDER BY position");
