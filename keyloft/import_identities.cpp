@@ -1,4 +1,8 @@
+#include <exception>
 #include <iostream>
+#include <optional>
+#include <set>
+#include <vector>
 
 #include "base/certificate_reader.hpp"
 #include "base/error.hpp"
@@ -42,15 +46,36 @@ void KeyloftApp::importIdentities() {
         platform::pkcs12_import::readPkcs12Identities(file, platform::crypto::view(filePassword));
     if (!identities) throw KeyloftError::generic("PKCS12 import failed");
 
+    // Wrapping a key takes a new key of the key processor: done before the card is held, and only
+    // for identities the card does not hold yet. A failure stops the wrapping; the identities
+    // before it are still added, as they would have been one by one.
+    const auto data = tokenConfiguration.configurationData();
+    const auto onCard = keys::decodeStoredKeys(data);
+    const bool tpmCard = keys::holdsTpmKeys(onCard);
+    std::vector<std::optional<keys::KeyStorage>> wrapped(identities->size());
+    std::exception_ptr wrapFailure;
+    std::size_t ready = 0;
+    std::set<Bytes> seen;
+    for (; ready < identities->size(); ++ready) {
+        auto& key = (*identities)[ready].key;
+        try {
+            const Bytes keyHash = key.applicationLabel();
+            if (onCard.contains(keyHash) || !seen.insert(keyHash).second) continue;
+            wrapped[ready] =
+                keys::KeyStorage{.sealedKey = keys::makeSealedKey(key, biometry, tpmCard)};
+        } catch (...) {
+            wrapFailure = std::current_exception();
+            break;
+        }
+    }
+
     tokenConfiguration.writeTransaction([&] {
-        store::IdentityAdditions additions(tokenConfiguration);
-        const bool tpmCard = keys::holdsTpmKeys(additions.records());
+        store::IdentityAdditions additions(tokenConfiguration, data);
         // Identities added before one fails stay on the card.
         try {
-            for (auto& identity : *identities) {
+            for (std::size_t i = 0; i < ready; ++i) {
+                auto& identity = (*identities)[i];
                 const Bytes keyHash = identity.key.applicationLabel();
-                keys::KeyStorage storage{.sealedKey =
-                                             keys::makeSealedKey(identity.key, biometry, tpmCard)};
                 const std::string identityLabel = labelOf(identity.certificate);
                 auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
                 if (additions.holds(keyHash)) {
@@ -59,7 +84,11 @@ void KeyloftApp::importIdentities() {
                               << pubkey::toHexString(keyHash) << "> already exist" << std::endl;
                     continue;
                 }
-                additions.add(keyHash, std::move(storage), std::move(items));
+                // Removed by another command since it was found on the card.
+                if (!wrapped[i])
+                    wrapped[i] = keys::KeyStorage{
+                        .sealedKey = keys::makeSealedKey(identity.key, biometry, tpmCard)};
+                additions.add(keyHash, std::move(*wrapped[i]), std::move(items));
             }
         } catch (...) {
             additions.write();
@@ -67,6 +96,7 @@ void KeyloftApp::importIdentities() {
         }
         additions.write();
     });
+    if (wrapFailure) std::rethrow_exception(wrapFailure);
 }
 
 }  // namespace keyloft
