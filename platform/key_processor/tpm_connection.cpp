@@ -175,6 +175,9 @@ void TpmConnection::TctiFinalize::operator()(TSS2_TCTI_CONTEXT* tcti) const noex
 std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
     quietLibraryLog();
     std::shared_ptr<TpmConnection> connection(new TpmConnection);
+    // tpm2-abrmd's TCTI logs through GLib, loaded now so that its first call is covered too.
+    if (tcti.find("tabrmd") != std::string::npos) connection->glib_ = GlibLog::load();
+    const Turn turn(*connection);
     const auto unreachable = [&](TSS2_RC rc) {
         if (rc != TSS2_RC_SUCCESS) {
             throw PlatformError("Key processor: the TPM cannot be reached through '" + tcti +
@@ -267,11 +270,14 @@ void TpmConnection::useStorageKey() {
 }
 
 TpmConnection::~TpmConnection() {
+    const GlibLog::ToSystemLog quiet(glib_);
     for (const auto& key : loaded_) flush(key.handle);
     if (session_ != ESYS_TR_NONE) flush(session_);
     if (primary_ != ESYS_TR_NONE && !persistent_) flush(primary_);
     // A persistent key stays in the TPM; only ESAPI's record of it goes.
     if (persistent_) Esys_TR_Close(esys_.get(), &primary_);
+    esys_.reset();
+    tcti_.reset();
 }
 
 void TpmConnection::flush(ESYS_TR handle) noexcept {
@@ -329,7 +335,7 @@ void TpmConnection::useSession(TPMA_SESSION attributes) {
 
 TpmKeyBlobs TpmConnection::create(const TPM2B_PUBLIC& keyTemplate,
                                   const crypto::SecretBytes& authValue) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     TPM2B_SENSITIVE_CREATE sensitive{};
     copyInto(sensitive.sensitive.userAuth, authValue);
     const TPM2B_DATA noOutsideInfo{};
@@ -351,13 +357,13 @@ TpmKeyBlobs TpmConnection::create(const TPM2B_PUBLIC& keyTemplate,
 }
 
 void TpmConnection::load(const TpmKey& key) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     loaded(key);
 }
 
 std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const TpmKey& key, ByteView digest,
                                                  TPMI_ALG_HASH hash) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     const auto handle = loaded(key);
     TPM2B_DIGEST input{};
     copyInto(input, digest);
@@ -378,7 +384,7 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const TpmKey& key, ByteView dig
 }
 
 crypto::SecretBytes TpmConnection::ecdhZGen(const TpmKey& key, ByteView x, ByteView y) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     const auto handle = loaded(key);
     TPM2B_ECC_POINT point{};
     copyInto(point.point.x, x);

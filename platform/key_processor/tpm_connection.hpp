@@ -9,6 +9,7 @@
 
 #include "base/bytes.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/key_processor/glib_log.hpp"
 
 namespace keyloft::platform::key_processor {
 
@@ -89,6 +90,16 @@ class TpmConnection {
         Bytes identity;
         ESYS_TR handle;
     };
+    // One command's hold on the connection: its lock, and the TCTI's log kept off the terminal.
+    class Turn {
+      public:
+        explicit Turn(TpmConnection& connection)
+            : lock_(connection.mutex_), log_(connection.glib_) {}
+
+      private:
+        std::lock_guard<std::mutex> lock_;
+        GlibLog::ToSystemLog log_;
+    };
 
     TpmConnection() = default;
     void useSession(TPMA_SESSION attributes);
@@ -102,6 +113,7 @@ class TpmConnection {
     TSS2_RC withRoom(const Command& command);
 
     std::mutex mutex_;
+    const GlibLog* glib_ = nullptr;  // when the TCTI logs through GLib
     // Declared before the ESAPI context, so that it is finalized after it.
     std::unique_ptr<TSS2_TCTI_CONTEXT, TctiFinalize> tcti_;
     std::unique_ptr<ESYS_CONTEXT, EsysFinalize> esys_;

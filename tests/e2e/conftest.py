@@ -50,13 +50,13 @@ class Card:
         assert result.returncode == 0, result
         return result
 
-    def run_on_terminal(self, *args, answers=()):
+    def run_on_terminal(self, *args, answers=(), **env):
         """Runs keyloft with a pseudo-terminal as its controlling terminal, typing each answer
         once a new prompt (a line ending in ":") appears; returns what it wrote there."""
         pid, fd = pty.fork()
         if pid == 0:
             os.chdir(self.home)
-            os.execve(KEYLOFT, [KEYLOFT, *args], self.env())
+            os.execve(KEYLOFT, [KEYLOFT, *args], self.env(**env))
         output, pending, answered_at = b"", list(answers), 0
         deadline = time.monotonic() + 60
         while time.monotonic() < deadline:

@@ -234,3 +234,25 @@ def test_one_session_signs_with_more_keys_than_the_resource_manager_holds(card, 
         session.wait(timeout=60)
     assert session.returncode == 0
 
+
+def test_a_resource_manager_dying_mid_command_leaves_one_error_line(card, tpm_services, presence,
+                                                                   tmp_path):
+    """tpm2-abrmd killed while the tool asks for presence, between loading the key and signing
+    with it: under the prompt, the tool's one error line is all the terminal shows (its TCTI
+    warns through GLib)."""
+    env, manager = tpm_services.start()
+    presence("pam_permit.so")
+    card.run_on_terminal("create-identity", "-l", "Bio", "-k", "p-256-ne", "-prot", "bio", **env)
+    hash_ = card.items()[0][1].hex()
+    killer = tmp_path / "kill-manager"
+    # Run by PAM; returns once the manager is gone (a zombie until the test reaps it).
+    pid = manager.pid
+    killer.write_text(f"#!/bin/sh\nkill -KILL {pid}\n"
+                      f"until grep -q '^State:.*Z' /proc/{pid}/status; do sleep 0.05; done\n")
+    killer.chmod(0o755)
+    presence(f"pam_exec.so {killer}")
+    screen = card.run_on_terminal("create-csr", "-h", hash_, "-f", "bio", "-CN", "Bio", **env)
+    prompt, *rest = screen.splitlines()
+    assert prompt == "Confirm your presence to use the key." and len(rest) == 1, screen
+    assert rest[0].startswith("Error: ") and "the TPM does not answer" in rest[0], screen
+    assert not (card.home / "bio.csr").exists()
