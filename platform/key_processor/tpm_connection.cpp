@@ -175,6 +175,9 @@ void TpmConnection::TctiFinalize::operator()(TSS2_TCTI_CONTEXT* tcti) const noex
 std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
     quietLibraryLog();
     std::shared_ptr<TpmConnection> connection(new TpmConnection);
+    // tpm2-abrmd's TCTI logs through GLib, loaded now so that its first call is covered too.
+    if (tcti.find("tabrmd") != std::string::npos) connection->glib_ = GlibLog::load();
+    const Turn turn(*connection);
     const auto unreachable = [&](TSS2_RC rc) {
         if (rc != TSS2_RC_SUCCESS) {
             throw PlatformError("Key processor: the TPM cannot be reached through '" + tcti +
@@ -267,16 +270,60 @@ void TpmConnection::useStorageKey() {
 }
 
 TpmConnection::~TpmConnection() {
+    const GlibLog::ToSystemLog quiet(glib_);
+    for (const auto& key : loaded_) flush(key.handle);
     if (session_ != ESYS_TR_NONE) flush(session_);
     if (primary_ != ESYS_TR_NONE && !persistent_) flush(primary_);
     // A persistent key stays in the TPM; only ESAPI's record of it goes.
     if (persistent_) Esys_TR_Close(esys_.get(), &primary_);
+    esys_.reset();
+    tcti_.reset();
 }
 
 void TpmConnection::flush(ESYS_TR handle) noexcept {
-    const std::lock_guard lock(mutex_);
     // Nothing to do when it fails: the resource manager drops the connection's objects anyway.
     Esys_FlushContext(esys_.get(), handle);
+}
+
+void TpmConnection::flushLeastRecentlyUsed() noexcept {
+    flush(loaded_.back().handle);
+    loaded_.pop_back();
+}
+
+template <class Command>
+TSS2_RC TpmConnection::withRoom(const Command& command) {
+    const auto rc = command();
+    if (troubleOf(rc) != TpmTrouble::noRoom || loaded_.empty()) return rc;
+    while (!loaded_.empty()) flushLeastRecentlyUsed();
+    return command();
+}
+
+ESYS_TR TpmConnection::loaded(const TpmKey& key) {
+    const auto found = std::ranges::find(loaded_, key.identity, &LoadedKey::identity);
+    if (found != loaded_.end()) {
+        std::rotate(loaded_.begin(), found, found + 1);
+        return loaded_.front().handle;
+    }
+    while (loaded_.size() >= keptLoaded) flushLeastRecentlyUsed();
+    ESYS_TR handle = ESYS_TR_NONE;
+    // Nothing secret goes either way (the private blob is encrypted to the storage key, whose
+    // password is empty): a password authorization spares the session's round of the resource
+    // manager, which saves and reloads it around every command it is named in.
+    check(withRoom([&] {
+              return Esys_Load(esys_.get(), primary_, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
+                               &key.blobs.privateArea, &key.blobs.publicArea, &handle);
+          }),
+          "load the key",
+          "its storage key is not the one the key was made under: the TPM has been cleared "
+          "since, or the key was made by another TPM or changed; the key cannot be used again");
+    TPM2B_AUTH auth{};
+    copyInto(auth, key.authValue);
+    const auto rc = Esys_TR_SetAuth(esys_.get(), handle, &auth);
+    crypto::wipe(&auth, sizeof auth);
+    if (rc != TSS2_RC_SUCCESS) flush(handle);
+    check(rc, "take the key's authorization");
+    loaded_.insert(loaded_.begin(), LoadedKey{key.identity, handle});
+    return handle;
 }
 
 void TpmConnection::useSession(TPMA_SESSION attributes) {
@@ -288,7 +335,7 @@ void TpmConnection::useSession(TPMA_SESSION attributes) {
 
 TpmKeyBlobs TpmConnection::create(const TPM2B_PUBLIC& keyTemplate,
                                   const crypto::SecretBytes& authValue) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
     TPM2B_SENSITIVE_CREATE sensitive{};
     copyInto(sensitive.sensitive.userAuth, authValue);
     const TPM2B_DATA noOutsideInfo{};
@@ -296,9 +343,12 @@ TpmKeyBlobs TpmConnection::create(const TPM2B_PUBLIC& keyTemplate,
     TPM2B_PRIVATE* rawPrivate = nullptr;
     TPM2B_PUBLIC* rawPublic = nullptr;
     useSession(TPMA_SESSION_DECRYPT);
-    const auto rc = Esys_Create(esys_.get(), primary_, session_, ESYS_TR_NONE, ESYS_TR_NONE,
-                                &sensitive, &keyTemplate, &noOutsideInfo, &noPcrs, &rawPrivate,
-                                &rawPublic, nullptr, nullptr, nullptr);
+    // The TPM holds the new key in an object slot of its own while it makes it.
+    const auto rc = withRoom([&] {
+        return Esys_Create(esys_.get(), primary_, session_, ESYS_TR_NONE, ESYS_TR_NONE, &sensitive,
+                           &keyTemplate, &noOutsideInfo, &noPcrs, &rawPrivate, &rawPublic, nullptr,
+                           nullptr, nullptr);
+    });
     crypto::wipe(&sensitive, sizeof sensitive);
     const EsysOut<TPM2B_PRIVATE> privateArea(rawPrivate);
     const EsysOut<TPM2B_PUBLIC> publicArea(rawPublic);
@@ -306,30 +356,15 @@ TpmKeyBlobs TpmConnection::create(const TPM2B_PUBLIC& keyTemplate,
     return {*publicArea, *privateArea};
 }
 
-std::unique_ptr<TpmConnection::LoadedKey> TpmConnection::load(
-    const TpmKeyBlobs& blobs, const crypto::SecretBytes& authValue) {
-    const std::lock_guard lock(mutex_);
-    ESYS_TR handle = ESYS_TR_NONE;
-    // Nothing secret goes either way (the private blob is encrypted to the storage key, whose
-    // password is empty): a password authorization spares the session's round of the resource
-    // manager, which saves and reloads it around every command it is named in.
-    check(Esys_Load(esys_.get(), primary_, ESYS_TR_PASSWORD, ESYS_TR_NONE, ESYS_TR_NONE,
-                    &blobs.privateArea, &blobs.publicArea, &handle),
-          "load the key",
-          "its storage key is not the one the key was made under: the TPM has been cleared "
-          "since, or the key was made by another TPM or changed; the key cannot be used again");
-    TPM2B_AUTH auth{};
-    copyInto(auth, authValue);
-    const auto rc = Esys_TR_SetAuth(esys_.get(), handle, &auth);
-    crypto::wipe(&auth, sizeof auth);
-    if (rc != TSS2_RC_SUCCESS) Esys_FlushContext(esys_.get(), handle);
-    check(rc, "take the key's authorization");
-    return std::make_unique<LoadedKey>(shared_from_this(), handle);
+void TpmConnection::load(const TpmKey& key) {
+    const Turn turn(*this);
+    loaded(key);
 }
 
-std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView digest,
+std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const TpmKey& key, ByteView digest,
                                                  TPMI_ALG_HASH hash) {
-    const std::lock_guard lock(mutex_);
+    const Turn turn(*this);
+    const auto handle = loaded(key);
     TPM2B_DIGEST input{};
     copyInto(input, digest);
     const TPMT_SIG_SCHEME scheme{.scheme = TPM2_ALG_ECDSA, .details = {.ecdsa = {.hashAlg = hash}}};
@@ -339,8 +374,8 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView 
     // What is signed may itself be confidential: the digest crosses the bus encrypted, under the
     // salted session, and the key's password never travels.
     useSession(TPMA_SESSION_DECRYPT);
-    check(Esys_Sign(esys_.get(), key.handle(), session_, ESYS_TR_NONE, ESYS_TR_NONE, &input,
-                    &scheme, &noTicket, &rawSignature),
+    check(Esys_Sign(esys_.get(), handle, session_, ESYS_TR_NONE, ESYS_TR_NONE, &input, &scheme,
+                    &noTicket, &rawSignature),
           "sign (the key may have been changed)");
     const EsysOut<TPMT_SIGNATURE> signature(rawSignature);
     const auto& r = signature->signature.ecdsa.signatureR;
@@ -348,14 +383,15 @@ std::pair<Bytes, Bytes> TpmConnection::signEcdsa(const LoadedKey& key, ByteView 
     return {Bytes(r.buffer, r.buffer + r.size), Bytes(s.buffer, s.buffer + s.size)};
 }
 
-crypto::SecretBytes TpmConnection::ecdhZGen(const LoadedKey& key, ByteView x, ByteView y) {
-    const std::lock_guard lock(mutex_);
+crypto::SecretBytes TpmConnection::ecdhZGen(const TpmKey& key, ByteView x, ByteView y) {
+    const Turn turn(*this);
+    const auto handle = loaded(key);
     TPM2B_ECC_POINT point{};
     copyInto(point.point.x, x);
     copyInto(point.point.y, y);
     TPM2B_ECC_POINT* rawShared = nullptr;
     useSession(TPMA_SESSION_ENCRYPT);
-    const auto rc = Esys_ECDH_ZGen(esys_.get(), key.handle(), session_, ESYS_TR_NONE, ESYS_TR_NONE,
+    const auto rc = Esys_ECDH_ZGen(esys_.get(), handle, session_, ESYS_TR_NONE, ESYS_TR_NONE,
                                    &point, &rawShared);
     const EsysOut<TPM2B_ECC_POINT> shared(rawShared);
     check(rc,

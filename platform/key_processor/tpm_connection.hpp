@@ -9,6 +9,7 @@
 
 #include "base/bytes.hpp"
 #include "platform/crypto/secret.hpp"
+#include "platform/key_processor/glib_log.hpp"
 
 namespace keyloft::platform::key_processor {
 
@@ -31,30 +32,28 @@ enum class TpmTrouble {
 };
 TpmTrouble troubleOf(TSS2_RC rc);
 
+// A key as its blobs, loaded into the TPM by the connection when a command needs it. The
+// identity tells it from every other key: keys of one identity carry the same blobs and auth value.
+struct TpmKey {
+    Bytes identity;
+    TpmKeyBlobs blobs;
+    crypto::SecretBytes authValue;
+};
+
 // One ESAPI connection to a TPM, with its storage key (the persistent one at 0x81000001 when the
 // machine was provisioned with a fitting one, else the owner hierarchy's ECC P-256 primary of the
 // usual template, made again on each connection), the ECC curves it has, and one salted HMAC
 // session that every key command runs under; commands that carry secrets have them encrypted in
 // that session. Where the host process cannot compute the salt, the session is unsalted and
 // encrypts nothing. All calls are serialized: one connection serves every thread of the process.
-class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
+//
+// Keys are loaded on demand and only the last used stay loaded between commands: a resource
+// manager lets each client hold a few loaded objects only (the kernel's three, the storage key
+// among them), so a process with more keys than that would otherwise run out of room.
+class TpmConnection {
   public:
-    // A key loaded under the primary key, flushed from the TPM when the handle goes.
-    class LoadedKey {
-      public:
-        LoadedKey(std::shared_ptr<TpmConnection> connection, ESYS_TR handle)
-            : connection_(std::move(connection)), handle_(handle) {}
-        LoadedKey(const LoadedKey&) = delete;
-        LoadedKey& operator=(const LoadedKey&) = delete;
-        ~LoadedKey() { connection_->flush(handle_); }
-
-        TpmConnection& connection() const { return *connection_; }
-        ESYS_TR handle() const { return handle_; }
-
-      private:
-        std::shared_ptr<TpmConnection> connection_;
-        ESYS_TR handle_;
-    };
+    // How many keys stay loaded at most, least recently used flushed first.
+    static constexpr std::size_t keptLoaded = 2;
 
     // Connects through a TCTI configuration string ("device:/dev/tpmrm0", "tabrmd",
     // "swtpm:host=127.0.0.1,port=2321", ...); PlatformError saying why when no TPM answers there.
@@ -71,12 +70,13 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
 
     // A new key of the template under the primary key; the auth value travels encrypted.
     TpmKeyBlobs create(const TPM2B_PUBLIC& keyTemplate, const crypto::SecretBytes& authValue);
-    // PlatformError when the blobs were made by another TPM or do not match each other.
-    std::unique_ptr<LoadedKey> load(const TpmKeyBlobs& blobs, const crypto::SecretBytes& authValue);
+    // Loads the key now, so that blobs that do not open here are told at once: PlatformError
+    // when they were made by another TPM or do not match each other.
+    void load(const TpmKey& key);
     // ECDSA over a digest of the hash's size; r and s as the TPM returns them.
-    std::pair<Bytes, Bytes> signEcdsa(const LoadedKey& key, ByteView digest, TPMI_ALG_HASH hash);
+    std::pair<Bytes, Bytes> signEcdsa(const TpmKey& key, ByteView digest, TPMI_ALG_HASH hash);
     // The x-coordinate of the key's private scalar times the point; the answer travels encrypted.
-    crypto::SecretBytes ecdhZGen(const LoadedKey& key, ByteView x, ByteView y);
+    crypto::SecretBytes ecdhZGen(const TpmKey& key, ByteView x, ByteView y);
 
   private:
     struct EsysFinalize {
@@ -86,11 +86,34 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
         void operator()(TSS2_TCTI_CONTEXT* tcti) const noexcept;
     };
 
+    struct LoadedKey {
+        Bytes identity;
+        ESYS_TR handle;
+    };
+    // One command's hold on the connection: its lock, and the TCTI's log kept off the terminal.
+    class Turn {
+      public:
+        explicit Turn(TpmConnection& connection)
+            : lock_(connection.mutex_), log_(connection.glib_) {}
+
+      private:
+        std::lock_guard<std::mutex> lock_;
+        GlibLog::ToSystemLog log_;
+    };
+
     TpmConnection() = default;
     void useSession(TPMA_SESSION attributes);
     void flush(ESYS_TR handle) noexcept;
+    // The key's handle, loaded now unless it still is; the caller holds the lock.
+    ESYS_TR loaded(const TpmKey& key);
+    void flushLeastRecentlyUsed() noexcept;
+    // The command's code; when the TPM or the resource manager had no room for an object, the
+    // loaded keys make room and the command runs again, once.
+    template <class Command>
+    TSS2_RC withRoom(const Command& command);
 
     std::mutex mutex_;
+    const GlibLog* glib_ = nullptr;  // when the TCTI logs through GLib
     // Declared before the ESAPI context, so that it is finalized after it.
     std::unique_ptr<TSS2_TCTI_CONTEXT, TctiFinalize> tcti_;
     std::unique_ptr<ESYS_CONTEXT, EsysFinalize> esys_;
@@ -102,6 +125,7 @@ class TpmConnection : public std::enable_shared_from_this<TpmConnection> {
     ESYS_TR session_ = ESYS_TR_NONE;
     bool encrypting_ = true;
     std::vector<TPM2_ECC_CURVE> curves_;
+    std::vector<LoadedKey> loaded_;  // most recently used first
 };
 
 }  // namespace keyloft::platform::key_processor

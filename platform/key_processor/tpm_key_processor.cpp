@@ -132,17 +132,17 @@ Bytes derSignature(const Bytes& r, const Bytes& s) {
 
 class TpmProcessorKey : public ProcessorKey {
   public:
-    TpmProcessorKey(std::unique_ptr<TpmConnection::LoadedKey> key, Bytes identifier,
-                    const ObjectIdentifierHeader& header, const TPM2B_PUBLIC& publicArea,
+    TpmProcessorKey(std::shared_ptr<TpmConnection> connection, TpmKey key,
+                    const ObjectIdentifierHeader& header,
                     std::shared_ptr<AuthenticationContext> context, PresenceGate& gate)
-        : key_(std::move(key)),
-          identifier_(std::move(identifier)),
+        : connection_(std::move(connection)),
+          key_(std::move(key)),
           sizeInBits_(header.sizeInBits),
           accessControl_(header.accessControl),
           context_(context ? std::move(context) : std::make_shared<AuthenticationContext>()),
           gate_(gate) {
         const auto size = static_cast<std::size_t>(key_service::fieldBytes(sizeInBits_));
-        const auto& point = publicArea.publicArea.unique.ecc;
+        const auto& point = key_.blobs.publicArea.publicArea.unique.ecc;
         point_ = {0x04};
         const auto x = padded(point.x, size);
         const auto y = padded(point.y, size);
@@ -150,7 +150,9 @@ class TpmProcessorKey : public ProcessorKey {
         point_.insert(point_.end(), y.begin(), y.end());
     }
 
-    const Bytes& objectIdentifier() const override { return identifier_; }
+    // The identifier is the key's identity: it holds the blobs and the header the auth value
+    // comes from.
+    const Bytes& objectIdentifier() const override { return key_.identity; }
     std::uint32_t accessControl() const override { return accessControl_; }
     PublicKeyAttributes publicKeyAttributes() const override {
         return {std::string(keyTypeEC), sizeInBits_, point_};
@@ -168,8 +170,8 @@ class TpmProcessorKey : public ProcessorKey {
         authorize();
         const auto orderBytes = static_cast<std::size_t>(key_service::fieldBytes(sizeInBits_));
         const auto [r, s] =
-            key_->connection().signEcdsa(*key_, atOrderLength(digest, orderBytes),
-                                         sizeInBits_ == 256 ? TPM2_ALG_SHA256 : TPM2_ALG_SHA384);
+            connection_->signEcdsa(key_, atOrderLength(digest, orderBytes),
+                                   sizeInBits_ == 256 ? TPM2_ALG_SHA256 : TPM2_ALG_SHA384);
         return derSignature(r, s);
     }
 
@@ -178,8 +180,8 @@ class TpmProcessorKey : public ProcessorKey {
         if (peerPoint.size() != 1 + 2 * size || peerPoint[0] != 0x04)
             throw PlatformError("key agreement failed");
         authorize();
-        auto shared = key_->connection().ecdhZGen(*key_, peerPoint.subspan(1, size),
-                                                  peerPoint.subspan(1 + size, size));
+        auto shared = connection_->ecdhZGen(key_, peerPoint.subspan(1, size),
+                                            peerPoint.subspan(1 + size, size));
         if (shared.size() > size) throw PlatformError("key agreement failed");
         // Fixed length, as the key service gives it.
         shared.insert(shared.begin(), size - shared.size(), 0);
@@ -189,8 +191,8 @@ class TpmProcessorKey : public ProcessorKey {
   private:
     void authorize() const { confirmPresenceFor(accessControl_, *context_, gate_); }
 
-    std::unique_ptr<TpmConnection::LoadedKey> key_;
-    Bytes identifier_;
+    std::shared_ptr<TpmConnection> connection_;
+    TpmKey key_;
     int sizeInBits_;
     std::uint32_t accessControl_;
     Bytes point_;
@@ -228,9 +230,10 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
     const auto tpm = connection();
     requireCurve(tpm->curves(), sizeInBits);
     const auto blobs = tpm->create(keyTemplate(sizeInBits), authValue);
-    return std::make_unique<TpmProcessorKey>(tpm->load(blobs, authValue),
-                                             encodeIdentifier(headerBytes, blobs), header,
-                                             blobs.publicArea, nullptr, gate_);
+    // Loaded when first used.
+    return std::make_unique<TpmProcessorKey>(
+        tpm, TpmKey{encodeIdentifier(headerBytes, blobs), blobs, authValue}, header, nullptr,
+        gate_);
 }
 
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
@@ -242,11 +245,12 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
         refuse("damaged object identifier");
     }
     const auto blobs = decodeBlobs(objectIdentifier, *header);
-    const auto authValue = authValueFor(objectIdentifier.first(ObjectIdentifierHeader::size));
-    return std::make_unique<TpmProcessorKey>(
-        connection()->load(blobs, authValue),
-        Bytes(objectIdentifier.begin(), objectIdentifier.end()), *header, blobs.publicArea,
-        std::move(context), gate_);
+    TpmKey key{Bytes(objectIdentifier.begin(), objectIdentifier.end()), blobs,
+               authValueFor(objectIdentifier.first(ObjectIdentifierHeader::size))};
+    const auto tpm = connection();
+    tpm->load(key);
+    return std::make_unique<TpmProcessorKey>(tpm, std::move(key), *header, std::move(context),
+                                             gate_);
 }
 
 }  // namespace keyloft::platform::key_processor

@@ -50,13 +50,13 @@ class Card:
         assert result.returncode == 0, result
         return result
 
-    def run_on_terminal(self, *args, answers=()):
+    def run_on_terminal(self, *args, answers=(), **env):
         """Runs keyloft with a pseudo-terminal as its controlling terminal, typing each answer
         once a new prompt (a line ending in ":") appears; returns what it wrote there."""
         pid, fd = pty.fork()
         if pid == 0:
             os.chdir(self.home)
-            os.execve(KEYLOFT, [KEYLOFT, *args], self.env())
+            os.execve(KEYLOFT, [KEYLOFT, *args], self.env(**env))
         output, pending, answered_at = b"", list(answers), 0
         deadline = time.monotonic() + 60
         while time.monotonic() < deadline:
@@ -196,67 +196,94 @@ def wait_for(condition, what, process, seconds=10):
         time.sleep(0.05)
 
 
-@pytest.fixture(scope="session")
-def software_tpm(tmp_path_factory):
-    """swtpm behind tpm2-abrmd on a private D-Bus, for the session; the environment that reaches
-    it. The resource manager lets many processes share the simulator, as the kernel's does with a
-    real TPM, and drops what a killed process left loaded."""
-    search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/sbin", "/sbin"])
-    tools = {name: shutil.which(name, path=search) for name in
-             ("swtpm", "tpm2-abrmd", "dbus-daemon", "dbus-send")}
-    missing = [name for name, path in tools.items() if path is None]
-    if missing:
-        message = f"the TPM tests need {', '.join(missing)} (scripts/install-dependencies.sh)"
-        if os.environ.get("CI") == "true":
-            pytest.fail(message)
-        pytest.skip(message)
-    folder = tmp_path_factory.mktemp("tpm")
-    (folder / "state").mkdir()
-    bus = f"unix:path={folder / 'bus'}"
-    name = f"com.intel.tss2.Tabrmd.keyloft{os.getpid()}"
-    env = dict(os.environ, DBUS_SESSION_BUS_ADDRESS=bus)
-    port = free_port_pair()
-    processes = []
+class TpmServices:
+    """swtpm simulators, each behind a tpm2-abrmd of its own on one private D-Bus, stopped
+    together. The resource manager lets many processes share a simulator, as the kernel's does
+    with a real TPM, and drops what a killed process left loaded."""
 
-    def start(*args):
-        processes.append(subprocess.Popen(args, stdin=subprocess.DEVNULL,
-                                          stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                                          env=env, start_new_session=True))
-        return processes[-1]
+    def __init__(self, folder):
+        search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/sbin", "/sbin"])
+        self.tools = {name: shutil.which(name, path=search) for name in
+                      ("swtpm", "tpm2-abrmd", "dbus-daemon", "dbus-send")}
+        self.missing = [name for name, path in self.tools.items() if path is None]
+        self.folder = folder
+        self.bus = f"unix:path={folder / 'bus'}"
+        self.processes = []
+        self.count = 0
 
-    def accepts(port_):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", port_)) == 0
+    def spawn(self, *args):
+        self.processes.append(subprocess.Popen(
+            args, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env=dict(os.environ, DBUS_SESSION_BUS_ADDRESS=self.bus), start_new_session=True))
+        return self.processes[-1]
 
-    def owned():
+    def start_bus(self):
+        daemon = self.spawn(self.tools["dbus-daemon"], "--session", "--nofork", "--nosyslog",
+                            f"--address={self.bus}")
+        wait_for(lambda: (self.folder / "bus").exists(), "dbus-daemon", daemon)
+
+    def owned(self, name):
         answer = subprocess.run(
-            [tools["dbus-send"], "--session", "--print-reply", "--dest=org.freedesktop.DBus",
-             "/org/freedesktop/DBus", "org.freedesktop.DBus.NameHasOwner", f"string:{name}"],
-            capture_output=True, text=True, env=env)
+            [self.tools["dbus-send"], "--session", "--print-reply",
+             "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
+             "org.freedesktop.DBus.NameHasOwner", f"string:{name}"],
+            capture_output=True, text=True, env=dict(os.environ, DBUS_SESSION_BUS_ADDRESS=self.bus))
         return "boolean true" in answer.stdout
 
-    try:
-        daemon = start(tools["dbus-daemon"], "--session", "--nofork", "--nosyslog",
-                       f"--address={bus}")
-        wait_for(lambda: (folder / "bus").exists(), "dbus-daemon", daemon)
-        simulator = start(tools["swtpm"], "socket", "--tpm2", "--tpmstate",
-                          f"dir={folder / 'state'}", "--server",
-                          f"type=tcp,bindaddr=127.0.0.1,port={port}", "--ctrl",
-                          f"type=tcp,bindaddr=127.0.0.1,port={port + 1}", "--flags",
-                          "not-need-init,startup-clear")
+    def start(self, *manager_options):
+        """A fresh simulator and its resource manager, with the options given; the environment
+        that reaches it, and the manager's process."""
+        self.count += 1
+        state = self.folder / f"state{self.count}"
+        state.mkdir()
+        name = f"com.intel.tss2.Tabrmd.keyloft{os.getpid()}n{self.count}"
+        port = free_port_pair()
+
+        def accepts(port_):
+            with socket.socket() as probe:
+                return probe.connect_ex(("127.0.0.1", port_)) == 0
+        simulator = self.spawn(self.tools["swtpm"], "socket", "--tpm2", "--tpmstate",
+                               f"dir={state}", "--server",
+                               f"type=tcp,bindaddr=127.0.0.1,port={port}", "--ctrl",
+                               f"type=tcp,bindaddr=127.0.0.1,port={port + 1}", "--flags",
+                               "not-need-init,startup-clear")
         # The control port: a probe of the command port would hold swtpm's one client slot.
         wait_for(lambda: accepts(port + 1), "swtpm", simulator)
-        manager = start(tools["tpm2-abrmd"], "--session", f"--dbus-name={name}",
-                        f"--tcti=swtpm:host=127.0.0.1,port={port}", "--flush-all",
-                        *(["--allow-root"] if os.geteuid() == 0 else []))
-        wait_for(owned, "tpm2-abrmd", manager)
-        yield {"KEYLOFT_TCTI": f"tabrmd:bus_name={name},bus_type=session",
-               "DBUS_SESSION_BUS_ADDRESS": bus}
-    finally:
-        for process in reversed(processes):
+        manager = self.spawn(self.tools["tpm2-abrmd"], "--session", f"--dbus-name={name}",
+                             f"--tcti=swtpm:host=127.0.0.1,port={port}", "--flush-all",
+                             *(["--allow-root"] if os.geteuid() == 0 else []), *manager_options)
+        wait_for(lambda: self.owned(name), "tpm2-abrmd", manager)
+        return ({"KEYLOFT_TCTI": f"tabrmd:bus_name={name},bus_type=session",
+                 "DBUS_SESSION_BUS_ADDRESS": self.bus}, manager)
+
+    def stop(self):
+        for process in reversed(self.processes):
             process.terminate()
             try:
                 process.wait(timeout=10)
             except subprocess.TimeoutExpired:
                 process.kill()
                 process.wait()
+
+
+@pytest.fixture(scope="session")
+def tpm_services(tmp_path_factory):
+    services = TpmServices(tmp_path_factory.mktemp("tpm"))
+    if services.missing:
+        message = (f"the TPM tests need {', '.join(services.missing)} "
+                   "(scripts/install-dependencies.sh)")
+        if os.environ.get("CI") == "true":
+            pytest.fail(message)
+        pytest.skip(message)
+    try:
+        services.start_bus()
+        yield services
+    finally:
+        services.stop()
+
+
+@pytest.fixture(scope="session")
+def software_tpm(tpm_services):
+    """The session's simulator behind tpm2-abrmd; the environment that reaches it."""
+    env, _ = tpm_services.start()
+    return env

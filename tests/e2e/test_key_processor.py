@@ -1,13 +1,19 @@
 """Which key processor makes new keys: the TPM whenever one is usable, soft otherwise, and never
 soft behind the back of a card that holds TPM keys. Keys of both live side by side."""
+import hashlib
+import json
 import os
+import pathlib
 import shutil
 import subprocess
+import sys
 
 import pytest
 from cryptography import x509
+from cryptography.hazmat.primitives import hashes
+from cryptography.hazmat.primitives.asymmetric import ec, utils
 
-from conftest import free_port_pair, wait_for
+from conftest import PKCS11_MODULE, free_port_pair, wait_for
 
 # Each test says what it asks of the soft back end itself.
 KEY_PROCESSORS = ("tpm",)
@@ -195,3 +201,58 @@ def test_tpm2_abrmd_on_the_system_bus_is_found_quietly(card, private_tpm, softwa
         manager.terminate()
         manager.wait(timeout=10)
     assert sorted(back_ends(card).values()) == [b"s", b"t"]
+
+
+def test_one_session_signs_with_more_keys_than_the_resource_manager_holds(card, tpm_services):
+    """tpm2-abrmd holds three loaded objects per client here, the storage key among them; one
+    session signs with five keys, twice round, as a browser trying each certificate would."""
+    env, _ = tpm_services.start("--max-transients", "3")
+    for number in range(5):
+        card.run("create-identity", "-l", f"K{number}", "-k", "p-256-ne", "-CN", f"K{number}",
+                 **env)
+    keys = [(object_id.hex(), x509.load_der_x509_certificate(certificate).public_key())
+            for kind, object_id, _, certificate, *_ in card.items() if kind == "certificate"]
+    assert len(keys) == 5
+    session = subprocess.Popen(
+        [sys.executable, pathlib.Path(__file__).with_name("pkcs11_session.py"), PKCS11_MODULE],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+        cwd=card.home, env=card.client_env(**env))
+    try:
+        for round_ in range(2):
+            for id_, public_key in keys:
+                digest = hashlib.sha256(f"{round_} {id_}".encode()).digest()
+                session.stdin.write(f"sign {id_} {digest.hex()}\n")
+                session.stdin.flush()
+                answer = session.stdout.readline()
+                assert answer, session.communicate(timeout=60)[1]
+                raw = bytes.fromhex(json.loads(answer))
+                public_key.verify(utils.encode_dss_signature(int.from_bytes(raw[:32], "big"),
+                                                             int.from_bytes(raw[32:], "big")),
+                                  digest, ec.ECDSA(utils.Prehashed(hashes.SHA256())))
+    finally:
+        session.stdin.close()
+        session.wait(timeout=60)
+    assert session.returncode == 0
+
+
+def test_a_resource_manager_dying_mid_command_leaves_one_error_line(card, tpm_services, presence,
+                                                                   tmp_path):
+    """tpm2-abrmd killed while the tool asks for presence, between loading the key and signing
+    with it: under the prompt, the tool's one error line is all the terminal shows (its TCTI
+    warns through GLib)."""
+    env, manager = tpm_services.start()
+    presence("pam_permit.so")
+    card.run_on_terminal("create-identity", "-l", "Bio", "-k", "p-256-ne", "-prot", "bio", **env)
+    hash_ = card.items()[0][1].hex()
+    killer = tmp_path / "kill-manager"
+    # Run by PAM; returns once the manager is gone (a zombie until the test reaps it).
+    pid = manager.pid
+    killer.write_text(f"#!/bin/sh\nkill -KILL {pid}\n"
+                      f"until grep -q '^State:.*Z' /proc/{pid}/status; do sleep 0.05; done\n")
+    killer.chmod(0o755)
+    presence(f"pam_exec.so {killer}")
+    screen = card.run_on_terminal("create-csr", "-h", hash_, "-f", "bio", "-CN", "Bio", **env)
+    prompt, *rest = screen.splitlines()
+    assert prompt == "Confirm your presence to use the key." and len(rest) == 1, screen
+    assert rest[0].startswith("Error: ") and "the TPM does not answer" in rest[0], screen
+    assert not (card.home / "bio.csr").exists()

@@ -256,12 +256,19 @@ TEST_F(TpmKeyProcessorTest, KeysOfAnotherTpmAreRefused) {
     }
 }
 
-// The simulator holds three loaded objects and has no resource manager: handles that were not
-// flushed would fill it within a few keys.
-TEST_F(TpmKeyProcessorTest, HandlesLeaveNothingLoadedBehind) {
-    for (int round = 0; round < 6; ++round) {
-        const auto key = processor().createKey(256, plainWord);
-        processor().rebuildKey(key->objectIdentifier(), nullptr)->sign(ecdsaSha384, bytesOf("m"));
+// The simulator holds three loaded objects, the storage key among them, and has no resource
+// manager: more keys than that, held at once and used in turn, must each be loaded when used, and
+// making a key needs a slot of its own.
+TEST_F(TpmKeyProcessorTest, MoreKeysThanTheTpmHoldsWorkInTurn) {
+    std::vector<std::unique_ptr<ProcessorKey>> keys;
+    for (int round = 0; round < 5; ++round) {
+        keys.push_back(processor().createKey(256, plainWord));
+        keys.push_back(processor().rebuildKey(keys.back()->objectIdentifier(), nullptr));
+        const Bytes message = bytesOf("round " + std::to_string(round));
+        for (const auto& key : keys) {
+            EXPECT_TRUE(verifiesDigest(key->publicKeyAttributes(), crypto::sha384(message),
+                                       key->sign(ecdsaSha384, message)));
+        }
     }
 }
 
