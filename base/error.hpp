@@ -49,5 +49,11 @@ inline constexpr int objectNotFoundCode = -6;
 inline PlatformError storedKeyNotFound() {
     return PlatformError("Stored key not found", objectNotFoundCode);
 }
+// The same error for a record whose key is not the one its public-key hash names.
+inline PlatformError storedKeyOfAnotherHash() {
+    return PlatformError(
+        "Stored key not found: the key stored under this hash has another public key",
+        objectNotFoundCode);
+}
 
 }  // namespace keyloft

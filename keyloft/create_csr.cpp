@@ -24,6 +24,7 @@ void KeyloftApp::createCsr() {
     const auto publicKey = key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("Failed to copy public key");
+    keys::requireKeyOfHash(*key, *hashBytes);
 
     x509::RequestSubject subject;
     using enum x509::SubjectAttribute;

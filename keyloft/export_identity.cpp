@@ -64,6 +64,7 @@ void KeyloftApp::exportIdentity() {
         platform::crypto::view(exportPassword), certificate, sealed.pubKeyHash,
         pkcs12::exportIterations, [&] {
             auto [key, data] = keys::unwrapPrivateKeyWithData(sealed, nullptr);
+            keys::requireKeyOfHash(key, *hashBytes);
             return pkcs12::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
         });
     platform::os::replaceFileAtomically(path, pfx, platform::os::FileAccess::ownerOnly);

@@ -1,5 +1,7 @@
 #include "keys/key_access.hpp"
 
+#include <algorithm>
+
 #include "base/error.hpp"
 #include "platform/key_service/ecies.hpp"
 
@@ -19,6 +21,10 @@ std::unique_ptr<platform::key_service::PrivateKey> privateKey(
             unwrapPrivateKey(*storage.sealedKey, context));
     }
     throw storedKeyNotFound();
+}
+
+void requireKeyOfHash(const platform::key_service::PrivateKey& key, ByteView publicKeyHash) {
+    if (!std::ranges::equal(key.applicationLabel(), publicKeyHash)) throw storedKeyOfAnotherHash();
 }
 
 Protection protectionOf(const KeyStorage& storage) {

@@ -16,6 +16,11 @@ using platform::key_processor::AuthenticationContext;
 std::unique_ptr<platform::key_service::PrivateKey> privateKey(
     const KeyStorage& storage, const std::shared_ptr<AuthenticationContext>& context);
 
+// Throws storedKeyOfAnotherHash when the key's public key does not hash to the public-key hash
+// that named it: a record swapped or copied by hand, or filed under another key's certificate,
+// would otherwise sign or leave the card as this identity's key.
+void requireKeyOfHash(const platform::key_service::PrivateKey& key, ByteView publicKeyHash);
+
 struct Protection {
     BiometryProtection biometryProtection;
     bool exportable;  // true for a sealed software key

@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "keys/key_access.hpp"
+#include "platform/os/log.hpp"
+#include "pubkey/hex.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -99,13 +101,30 @@ std::shared_ptr<const TokenObject> Card::key(CK_OBJECT_HANDLE handle) {
     return object;
 }
 
+namespace {
+
+// A record swapped or copied by hand, or a certificate of another key under the identity, leaves
+// the object naming one key and the card holding another: its signatures would not verify. The
+// key object itself is sound and stays listed, so the failure is the token's: CKR_DEVICE_ERROR,
+// which C_Sign, C_Decrypt and C_DeriveKey may all answer (CKR_KEY_HANDLE_INVALID may not be).
+void requireObjectsKey(const platform::key_service::PrivateKey& reached, const KeyFacts& key) {
+    if (reached.publicKeyAttributes().externalRepresentation == key.publicKeyData) return;
+    platform::os::logError("PKCS#11: the key stored for " + pubkey::toHexString(key.publicKeyHash) +
+                           " has another public key; it is not used");
+    throw CryptokiError(CKR_DEVICE_ERROR);
+}
+
+}  // namespace
+
 Card::ReachedKey Card::privateKey(Session& session, const KeyFacts& key) {
     checkLive();
     const auto stored = objects_.storedKey(key);
     if (!stored) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
     auto reach = [&] {
-        return std::shared_ptr<const platform::key_service::PrivateKey>(
-            keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>()));
+        std::shared_ptr<const platform::key_service::PrivateKey> reached =
+            keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>());
+        requireObjectsKey(*reached, key);
+        return reached;
     };
     if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on) {
         std::unique_lock presence(keyProcessorLock_);

@@ -44,13 +44,19 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
         // Every use of a handle asks whether the card changed. Asking the store costs more than
         // a signature's share allows, so it is asked only when a file of its folder was written.
         auto folder = std::make_shared<platform::os::FolderChanges>(store::userCardFolder());
+        // A change whose reading failed is read again at the next ask, though the folder has
+        // been quiet since.
+        auto unread = std::make_shared<bool>(false);
         auto card = std::make_unique<Card>(
-            [watcher, folder](ObjectStore::Freshness freshness)
+            [watcher, folder, unread](ObjectStore::Freshness freshness)
                 -> std::optional<platform::token_store::TesseraTokenSnapshot> {
                 const bool signalled = folder->changedSinceLastAsk();
-                if (!signalled && freshness == ObjectStore::Freshness::whenSignalled)
+                if (!signalled && !*unread && freshness == ObjectStore::Freshness::whenSignalled)
                     return std::nullopt;
-                return watcher->changes();
+                *unread = true;
+                auto changes = watcher->changes();
+                *unread = false;
+                return changes;
             });
         return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
     } catch (const CryptokiError& error) {

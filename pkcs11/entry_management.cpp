@@ -72,10 +72,10 @@ KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
     }
 }
 
+// The handle of an object just stored. Nothing may fail once the change is committed: the
+// application would take a stored key for one never made, and make another.
 CK_OBJECT_HANDLE handleOf(Card& card, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
-    const auto handle = card.objects().handleAfterOwnWrite({objectClass, hash});
-    if (!handle) throw CryptokiError(CKR_FUNCTION_FAILED);
-    return *handle;
+    return card.objects().handleOfWritten({objectClass, hash});
 }
 
 }  // namespace

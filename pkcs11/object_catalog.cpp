@@ -240,7 +240,7 @@ void ObjectCatalog::makeObjects(const ObjectCatalog& previous, const std::vector
             candidate->taken = true;
             return candidate->handle;
         }
-        return newHandle();
+        return newHandle(identity);
     };
 
     for (const std::size_t i : remade) {

@@ -19,7 +19,7 @@ namespace keyloft::pkcs11 {
 // use it without a lock.
 class ObjectCatalog {
   public:
-    using NewHandle = std::function<CK_OBJECT_HANDLE()>;
+    using NewHandle = std::function<CK_OBJECT_HANDLE(const ObjectIdentity&)>;
 
     // An empty token.
     ObjectCatalog() = default;

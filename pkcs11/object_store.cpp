@@ -1,5 +1,9 @@
 #include "pkcs11/object_store.hpp"
 
+#include <string>
+
+#include "platform/os/log.hpp"
+
 namespace keyloft::pkcs11 {
 
 std::shared_ptr<const ObjectCatalog> ObjectStore::current(Freshness freshness) {
@@ -8,8 +12,11 @@ std::shared_ptr<const ObjectCatalog> ObjectStore::current(Freshness freshness) {
     const std::lock_guard guard(refreshLock_);
     auto snapshot = source_(freshness);
     if (!snapshot) return catalog_;
-    catalog_ = std::make_shared<const ObjectCatalog>(*catalog_, std::move(*snapshot),
-                                                     [this] { return nextHandle_++; });
+    catalog_ = std::make_shared<const ObjectCatalog>(
+        *catalog_, std::move(*snapshot), [this](const ObjectIdentity& identity) {
+            const auto reserved = reserved_.extract(identity);
+            return reserved ? reserved.mapped() : nextHandle_++;
+        });
     return catalog_;
 }
 
@@ -38,8 +45,19 @@ std::optional<keys::KeyStorage> ObjectStore::storedKey(const KeyFacts& key) {
     return stored != nullptr ? std::optional(*stored) : std::nullopt;
 }
 
-std::optional<CK_OBJECT_HANDLE> ObjectStore::handleAfterOwnWrite(const ObjectIdentity& identity) {
-    return current(Freshness::afterOwnWrite)->handleOf(identity);
+CK_OBJECT_HANDLE ObjectStore::handleOfWritten(const ObjectIdentity& identity) {
+    try {
+        current(Freshness::afterOwnWrite);
+    } catch (const std::exception& error) {
+        // The change is stored; the token is read again at the next use of a handle.
+        platform::os::logError(std::string("PKCS#11: the card cannot be read after a change: ") +
+                               error.what());
+    }
+    const std::lock_guard guard(refreshLock_);
+    if (const auto handle = catalog_->handleOf(identity)) return *handle;
+    const auto [reserved, added] = reserved_.try_emplace(identity);
+    if (added) reserved->second = nextHandle_++;
+    return reserved->second;
 }
 
 CK_OBJECT_HANDLE ObjectStore::addSessionObject(CK_SESSION_HANDLE owner, TokenObject object) {

@@ -37,9 +37,10 @@ class ObjectStore {
     std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate);
     // The stored key a private key object uses; nothing when it has gone.
     std::optional<keys::KeyStorage> storedKey(const KeyFacts& key);
-    // The handle of a token object the module has just written; nothing when the token does not
-    // hold it.
-    std::optional<CK_OBJECT_HANDLE> handleAfterOwnWrite(const ObjectIdentity& identity);
+    // The handle of a token object the module has just written. When the token cannot be read
+    // now, or no longer holds the object, the object gets a handle it takes once it is read: a
+    // committed change is never answered as failed.
+    CK_OBJECT_HANDLE handleOfWritten(const ObjectIdentity& identity);
 
     CK_OBJECT_HANDLE addSessionObject(CK_SESSION_HANDLE owner, TokenObject object);
     // False when the handle is no session object.
@@ -60,6 +61,8 @@ class ObjectStore {
     // Replaced, never changed, so readers use the one they took without a lock.
     std::shared_ptr<const ObjectCatalog> catalog_ = std::make_shared<const ObjectCatalog>();
     std::atomic<CK_OBJECT_HANDLE> nextHandle_ = 1;
+    // Handles given out for objects written but not read yet, taken by them when they are read.
+    std::map<ObjectIdentity, CK_OBJECT_HANDLE> reserved_;  // under refreshLock_
     std::mutex sessionObjectsLock_;
     std::map<CK_OBJECT_HANDLE, SessionObject> sessionObjects_;
 };

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <random>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -35,6 +37,74 @@ void writeAll(int fd, ByteView content, const std::filesystem::path& path) {
 
 void closeChecked(FileDescriptor& fd, const std::filesystem::path& path) {
     if (::close(fd.release()) != 0) fail("Cannot write file", path, errno);
+}
+
+void fill(int fd, ByteView content, FileAccess access, const std::filesystem::path& path) {
+    mode_t mode = 0600;
+    if (access == FileAccess::usual) {
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        mode = 0666 & ~mask;
+    }
+    if (::fchmod(fd, mode) != 0) fail("Cannot write file", path, errno);
+    writeAll(fd, content, path);
+    if (::fsync(fd) != 0) fail("Cannot write file", path, errno);
+}
+
+// A free name beside the target, for a file about to be renamed over it.
+std::filesystem::path temporaryName(const std::filesystem::path& path) {
+    static constexpr std::string_view letters =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device random;
+    std::string suffix = ".tmp-";
+    for (int i = 0; i < 6; ++i) suffix += letters[random() % letters.size()];
+    auto name = path;
+    name += suffix;
+    return name;
+}
+
+// Names the unnamed file at the target: linked there when the name is free, else linked beside it
+// and renamed over it, so that a link at the name is replaced, never followed. False when the
+// file cannot be reached by name to link it (no /proc).
+bool linkInPlace(int fd, const std::filesystem::path& path) {
+    const std::string source = "/proc/self/fd/" + std::to_string(fd);
+    const auto link = [&](const std::filesystem::path& name) {
+        return ::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+    };
+    if (link(path)) return true;
+    if (errno == ENOENT) return false;
+    if (errno != EEXIST) fail("Cannot write file", path, errno);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const auto temporary = temporaryName(path);
+        if (!link(temporary)) {
+            if (errno == EEXIST) continue;
+            fail("Cannot write file", path, errno);
+        }
+        if (::rename(temporary.c_str(), path.c_str()) != 0) {
+            const int error = errno;
+            ::unlink(temporary.c_str());
+            fail("Cannot write file", path, error);
+        }
+        return true;
+    }
+    fail("Cannot write file", path, EEXIST);
+}
+
+void replaceThroughNamedFile(const std::filesystem::path& path, ByteView content,
+                             FileAccess access) {
+    auto temporary = path;
+    temporary += ".tmp-XXXXXX";
+    std::string pattern = temporary.string();
+    FileDescriptor fd(::mkstemp(pattern.data()));
+    if (fd.get() < 0) fail("Cannot write file", path, errno);
+    try {
+        fill(fd.get(), content, access, path);
+        closeChecked(fd, path);
+        if (::rename(pattern.c_str(), path.c_str()) != 0) fail("Cannot write file", path, errno);
+    } catch (...) {
+        ::unlink(pattern.c_str());
+        throw;
+    }
 }
 
 }  // namespace
@@ -66,26 +136,17 @@ std::string readTextFile(const std::filesystem::path& path) {
 }
 
 void replaceFileAtomically(const std::filesystem::path& path, ByteView content, FileAccess access) {
-    auto temporary = path;
-    temporary += ".tmp-XXXXXX";
-    std::string pattern = temporary.string();
-    FileDescriptor fd(::mkstemp(pattern.data()));
-    if (fd.get() < 0) fail("Cannot write file", path, errno);
-    try {
-        // mkstemp makes the file 0600, which owner-only files keep.
-        if (access == FileAccess::usual) {
-            const mode_t mask = ::umask(0);
-            ::umask(mask);
-            if (::fchmod(fd.get(), 0666 & ~mask) != 0) fail("Cannot write file", path, errno);
-        }
-        writeAll(fd.get(), content, path);
-        if (::fsync(fd.get()) != 0) fail("Cannot write file", path, errno);
-        closeChecked(fd, path);
-        if (::rename(pattern.c_str(), path.c_str()) != 0) fail("Cannot write file", path, errno);
-    } catch (...) {
-        ::unlink(pattern.c_str());
-        throw;
+    // Written unnamed and named only once whole and synced: a crash before that leaves nothing
+    // beside the target. Filesystems without unnamed files get a named temporary file instead.
+    const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+    FileDescriptor fd(::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+    if (!fd.isOpen()) {
+        if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL)
+            fail("Cannot write file", path, errno);
+        return replaceThroughNamedFile(path, content, access);
     }
+    fill(fd.get(), content, access, path);
+    if (!linkInPlace(fd.get(), path)) replaceThroughNamedFile(path, content, access);
 }
 
 }  // namespace keyloft::platform::os

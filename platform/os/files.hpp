@@ -19,9 +19,10 @@ enum class FileAccess {
     usual,      // mode 0666 less the umask, as a new file of the user's
 };
 
-// Writes a new file beside the target and renames it over the target: a link at the target's
-// name is replaced, never followed, and an existing file's mode is not kept. Readers see the old
-// file or the whole new one.
+// Writes a new file in the target's folder and puts it in the target's place: a link at the
+// target's name is replaced, never followed, and an existing file's mode is not kept. Readers see
+// the old file or the whole new one. A crash leaves nothing behind, unless the filesystem cannot
+// hold an unnamed file, where a temporary named after the target may stay.
 void replaceFileAtomically(const std::filesystem::path& path, ByteView content, FileAccess access);
 
 }  // namespace keyloft::platform::os

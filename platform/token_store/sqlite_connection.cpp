@@ -24,9 +24,22 @@ void createPrivateFile(const std::filesystem::path& path) {
     }
 }
 
+// SQLite's own words for it ("attempt to write a readonly database") do not say what to do, and
+// the card is written even to be read: its write-ahead log and index live beside the store.
+[[noreturn]] void failReadOnly(sqlite3* db) {
+    const std::filesystem::path store = sqlite3_db_filename(db, "main");
+    throw PlatformError("The card in " + store.parent_path().string() +
+                        " is read-only: make the folder and the files in it writable by you");
+}
+
+bool refusedAsReadOnly(sqlite3* db) {
+    return (sqlite3_errcode(db) & 0xff) == SQLITE_READONLY;
+}
+
 }  // namespace
 
 void fail(sqlite3* db, std::string_view what) {
+    if (refusedAsReadOnly(db)) failReadOnly(db);
     throw PlatformError("Token store: " + std::string(what) + ": " + sqlite3_errmsg(db));
 }
 
@@ -160,6 +173,7 @@ void Connection::execute(std::string_view sql) const {
     if (sqlite3_exec(db_.get(), text.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
         std::string reason = message != nullptr ? message : "unknown error";
         sqlite3_free(message);
+        if (refusedAsReadOnly(db_.get())) failReadOnly(db_.get());
         throw PlatformError("Token store: " + reason);
     }
 }
@@ -193,6 +207,10 @@ void Connection::writeTransaction(const std::function<void()>& work) const {
         throw;
     }
     if (sqlite3_exec(db_.get(), "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) {
+        if (refusedAsReadOnly(db_.get())) {
+            sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+            failReadOnly(db_.get());
+        }
         const std::string reason = sqlite3_errmsg(db_.get());
         sqlite3_exec(db_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         throw PlatformError("Token store: cannot store the change: " + reason);

@@ -77,11 +77,17 @@ void TesseraTokenConfiguration::readTransaction(const std::function<void()>& wor
 void TesseraTokenConfiguration::appendItems(const TesseraTokenItems& items) const {
     db_->transaction([&] {
         // Positions run from 0 without gaps; the largest is found in the index without counting.
-        auto end = db_->prepare(
-            "SELECT coalesce(max(position) + 1, 0) FROM items WHERE driver = ? AND instance = ?");
-        end.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
-        end.step();
-        insertItems(items, end.integer(0));
+        auto last =
+            db_->prepare("SELECT max(position) FROM items WHERE driver = ? AND instance = ?");
+        last.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
+        last.step();
+        if (last.isNull(0)) return insertItems(items, 0);
+        // A position written by hand may leave no room after it.
+        const auto lastFitting =
+            std::numeric_limits<std::int64_t>::max() - static_cast<std::int64_t>(items.size());
+        if (last.integer(0) > lastFitting)
+            throw PlatformError("Token store: the items' positions are out of range");
+        insertItems(items, last.integer(0) + 1);
     });
 }
 
@@ -155,11 +161,12 @@ void TesseraTokenConfiguration::insertItems(const TesseraTokenItems& items,
     auto insert = db_->prepare(
         "INSERT INTO items (driver, instance, position, kind, object_id, label, certificate,"
         " can_sign, can_decrypt, can_key_exchange) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    for (const auto& item : items) {
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const auto& item = items[i];
         insert.reset();
         insert.bind(1, std::string_view(driver_))
             .bind(2, std::string_view(instance_))
-            .bind(3, position++);
+            .bind(3, position + static_cast<std::int64_t>(i));
         std::visit(
             [&](const auto& value) {
                 using Item = std::decay_t<decltype(value)>;

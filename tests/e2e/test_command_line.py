@@ -1,5 +1,11 @@
 """The entry, the parser and the token context, seen from outside."""
+import os
+import shutil
+import subprocess
+
 import pytest
+
+from conftest import KEYLOFT
 
 
 def test_no_arguments_print_missing_sub_command(card):
@@ -56,3 +62,39 @@ def test_delete_all_question(card, answers, asked, deletes):
     card.sql("UPDATE tokens SET config_data = x'0102' WHERE instance = 'user'")
     assert card.out("delete-all-identities", stdin=answers) == QUESTION * asked
     assert (card.config_data() is None) == deletes
+
+
+def without_privileges(card, *args):
+    """Runs keyloft as the user, bound by file modes: root without its capabilities."""
+    prefix = []
+    if os.geteuid() == 0:
+        if shutil.which("setpriv") is None:
+            pytest.skip("root needs setpriv to drop the capabilities that ignore file modes")
+        prefix = ["setpriv", "--bounding-set=-all", "--inh-caps=-all", "--"]
+    return subprocess.run([*prefix, KEYLOFT, *args], capture_output=True, text=True,
+                          cwd=card.home, env=card.env(), timeout=120).stdout
+
+
+def read_only_folder(card):
+    card.folder.chmod(0o500)
+
+
+def read_only_index_left(card):
+    # A listing of a read-only store makes its index read-only too, and it stays so.
+    card.db_path.chmod(0o400)
+    assert "Error" not in without_privileges(card, "list-identities")
+    card.db_path.chmod(0o600)
+
+
+@pytest.mark.parametrize("make_read_only, args", [
+    (read_only_folder, ["list-identities"]),
+    (read_only_folder, ["create-identity", "-l", "B", "-k", "p-256"]),
+    (read_only_index_left, ["create-identity", "-l", "B", "-k", "p-256"]),
+])
+def test_a_read_only_card_says_what_to_make_writable(card, make_read_only, args):
+    card.run("create-identity", "-l", "A", "-k", "p-256")
+    make_read_only(card)
+    assert without_privileges(card, *args) == (
+        f"Error: The card in {card.folder} is read-only: make the folder and the files in it"
+        " writable by you\n")
+    card.folder.chmod(0o700)

@@ -1,12 +1,17 @@
 """The card managed through the module with real tools (pkcs11-tool, GnuTLS's p11tool, NSS), and
 what they make seen by keyloft, and the reverse."""
+import hashlib
+import json
+import pathlib
 import re
 import shutil
+import subprocess
 import sys
 
 import pytest
 from cryptography import x509
-from cryptography.hazmat.primitives import serialization
+from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives.asymmetric import ec, utils
 from cryptography.hazmat.primitives.serialization import pkcs12
 
 from conftest import PKCS11_MODULE, PKCS11_PRELOAD
@@ -14,6 +19,7 @@ from test_pkcs11 import identities_of, listed_objects, tool, wallet  # noqa: F40
 from test_pkcs11_lifecycle import issue, nss_database
 
 GNUTLS = dict(GNUTLS_PIN="0000")  # p11tool asks for a PIN it does not need; any is taken
+SHM_OPEN_REFUSED = pathlib.Path(__file__).with_name("shm_open_refused.c")
 
 
 def listing(card):
@@ -63,6 +69,45 @@ session.generateKeyPair(
                   if o["heading"].startswith("Private Key")]
     assert private["Usage"] == "sign"
     assert "never extractable" in private["Access"]
+
+
+@pytest.fixture(scope="module")
+def shm_open_refused(tmp_path_factory):
+    library = tmp_path_factory.mktemp("shim") / "shm_open_refused.so"
+    subprocess.run(["cc", "-Wall", "-Werror", "-shared", "-fPIC", "-o", library, SHM_OPEN_REFUSED,
+                    "-ldl"], check=True)
+    return library
+
+
+def test_a_key_pair_committed_is_answered_though_reading_it_back_fails(card, shm_open_refused):
+    card.run("list-identities")  # a closed store: the module reads it first after the change
+    digest = hashlib.sha256(b"made while the disk was full").digest()
+    script = f"""
+import json, PyKCS11
+from PyKCS11.LowLevel import *
+library = PyKCS11.PyKCS11Lib()
+library.load({PKCS11_MODULE!r})
+session = library.openSession(library.getSlotList()[0], CKF_SERIAL_SESSION | CKF_RW_SESSION)
+public, private = session.generateKeyPair(
+    [(CKA_TOKEN, True), (CKA_EC_PARAMS, bytes.fromhex("06082a8648ce3d030107"))],
+    [(CKA_TOKEN, True), (CKA_LABEL, "Full")], mecha=PyKCS11.Mechanism(CKM_EC_KEY_PAIR_GEN))
+ids = [bytes(session.getAttributeValue(key, [CKA_ID])[0]).hex() for key in (public, private)]
+signature = session.sign(private, bytes.fromhex({digest.hex()!r}), PyKCS11.Mechanism(CKM_ECDSA))
+print(json.dumps([ids, bytes(signature).hex()]))
+"""
+    env = card.client_env()
+    env["LD_PRELOAD"] = ":".join(filter(None, [env.get("LD_PRELOAD"), str(shm_open_refused)]))
+    result = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True,
+                            cwd=card.home, env=env, timeout=120)
+    assert "shm open refused" in result.stderr, result.stderr
+    assert result.returncode == 0, result.stderr
+    ids, signature = json.loads(result.stdout)
+    identity = identities_of(card)["Full"]
+    assert ids == [identity.id, identity.id]
+    half = len(signature) // 2
+    identity.public_key.verify(
+        utils.encode_dss_signature(int(signature[:half], 16), int(signature[half:], 16)),
+        digest, ec.ECDSA(utils.Prehashed(hashes.SHA256())))
 
 
 def test_p11tool_generates_and_relabels(card, key_processor):

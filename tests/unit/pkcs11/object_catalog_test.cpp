@@ -53,7 +53,7 @@ class Catalogs : public ::testing::Test {
                               std::shared_ptr<const Bytes> configurationData = nullptr) {
         catalogs.push_back(std::make_unique<const ObjectCatalog>(
             *catalogs.back(), TesseraTokenSnapshot{std::move(items), std::move(configurationData)},
-            [this] { return nextHandle++; }));
+            [this](const ObjectIdentity&) { return nextHandle++; }));
         return *catalogs.back();
     }
     static std::vector<CK_OBJECT_HANDLE> all(const ObjectCatalog& catalog) {

@@ -4,6 +4,9 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <limits>
+#include <string>
+
 #include "base/error.hpp"
 #include "support/temporary_folder.hpp"
 #include "support/test_certificates.hpp"
@@ -143,6 +146,32 @@ TEST_F(TokenStore, OtherTokensAreLeftAlone) {
               Bytes{0xAA});
     EXPECT_EQ(drivers.at("org.keyloft.token").tokenConfigurations().at("spare").configurationData(),
               Bytes{0xBB});
+}
+
+TEST_F(TokenStore, AppendingAfterTheLastPossiblePositionFailsWithoutOverflow) {
+    constexpr auto last = std::numeric_limits<std::int64_t>::max();
+    const auto item = *makeCertificateItem(
+        testing::makeCertificate(testing::makeEcKey("P-256").get(), "ec"), Bytes{1});
+    struct Case {
+        std::int64_t stored;  // the position of the one item written by hand
+        std::size_t added;
+        bool fits;
+    };
+    for (const auto& [stored, added, fits] :
+         {Case{last, 1, false}, Case{last - 1, 2, false}, Case{last - 2, 2, true}}) {
+        SCOPED_TRACE(stored);
+        userToken().replaceItems({});
+        sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', " + std::to_string(stored) +
+            ", 'certificate', x'01', NULL, x'3000', NULL, NULL, NULL)");
+        const TesseraTokenItems items(added, item);
+        if (fits) {
+            userToken().appendItems(items);
+            EXPECT_EQ(userToken().items().size(), added + 1);
+        } else {
+            EXPECT_THROW(userToken().appendItems(items), PlatformError);
+            EXPECT_EQ(userToken().items().size(), 1U);
+        }
+    }
 }
 
 TEST_F(TokenStore, AnUnreadableFileIsAPlatformError) {
