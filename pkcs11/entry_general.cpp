@@ -4,8 +4,7 @@
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/module_state.hpp"
 #include "pkcs11/token_info.hpp"
-#include "platform/os/folder_changes.hpp"
-#include "store/user_card.hpp"
+#include "store/user_card_watcher.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -39,16 +38,8 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (rv != CKR_OK) return rv;
     try {
-        std::shared_ptr<platform::token_store::TesseraTokenWatcher> watcher =
-            store::watchUserToken();
-        // Every use of a handle asks whether the card changed. Asking the store costs more than
-        // a signature's share allows, so it is asked only when a file of its folder was written.
-        auto folder = std::make_shared<platform::os::FolderChanges>(store::userCardFolder());
-        auto card = std::make_unique<Card>(
-            [watcher, folder]() -> std::optional<platform::token_store::TesseraTokenSnapshot> {
-                if (!folder->changedSinceLastAsk()) return std::nullopt;
-                return watcher->changes();
-            });
+        auto watcher = std::make_shared<store::UserCardWatcher>();
+        auto card = std::make_unique<Card>([watcher] { return watcher->changes(); });
         return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
     } catch (const CryptokiError& error) {
         return error.rv();
