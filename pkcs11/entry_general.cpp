@@ -4,8 +4,7 @@
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/module_state.hpp"
 #include "pkcs11/token_info.hpp"
-#include "platform/os/folder_changes.hpp"
-#include "store/user_card.hpp"
+#include "store/user_card_watcher.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -39,25 +38,10 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (rv != CKR_OK) return rv;
     try {
-        std::shared_ptr<platform::token_store::TesseraTokenWatcher> watcher =
-            store::watchUserToken();
-        // Every use of a handle asks whether the card changed. Asking the store costs more than
-        // a signature's share allows, so it is asked only when a file of its folder was written.
-        auto folder = std::make_shared<platform::os::FolderChanges>(store::userCardFolder());
-        // A change whose reading failed is read again at the next ask, though the folder has
-        // been quiet since.
-        auto unread = std::make_shared<bool>(false);
-        auto card = std::make_unique<Card>(
-            [watcher, folder, unread](ObjectStore::Freshness freshness)
-                -> std::optional<platform::token_store::TesseraTokenSnapshot> {
-                const bool signalled = folder->changedSinceLastAsk();
-                if (!signalled && !*unread && freshness == ObjectStore::Freshness::whenSignalled)
-                    return std::nullopt;
-                *unread = true;
-                auto changes = watcher->changes();
-                *unread = false;
-                return changes;
-            });
+        auto watcher = std::make_shared<store::UserCardWatcher>();
+        auto card = std::make_unique<Card>([watcher](ObjectStore::Freshness freshness) {
+            return watcher->changes(freshness == ObjectStore::Freshness::afterOwnWrite);
+        });
         return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
     } catch (const CryptokiError& error) {
         return error.rv();

@@ -6,15 +6,10 @@
 #include "platform/os/paths.hpp"
 
 namespace keyloft::store {
-namespace {
-
-constexpr std::string_view storeFileName = "tokens.db";
-
-}  // namespace
 
 platform::token_store::TesseraDriverRegistry openUserRegistry() {
     return platform::token_store::TesseraDriverRegistry::open(
-        platform::os::dataFolder() / storeFileName, driverClassID);
+        platform::os::dataFolder() / platform::os::storeFileName, driverClassID);
 }
 
 platform::token_store::TesseraTokenConfiguration userToken(
@@ -28,16 +23,6 @@ platform::token_store::TesseraTokenConfiguration userToken(
     const auto user = tokens.find(std::string(userInstanceID));
     return user != tokens.end() ? user->second
                                 : driver->second.addTokenConfiguration(userInstanceID);
-}
-
-std::filesystem::path userCardFolder() {
-    return platform::os::dataFolderLocation();
-}
-
-std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchUserToken() {
-    return std::make_unique<platform::token_store::TesseraTokenWatcher>(
-        platform::os::dataFolderLocation() / storeFileName, std::string(driverClassID),
-        std::string(userInstanceID));
 }
 
 }  // namespace keyloft::store

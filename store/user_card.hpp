@@ -1,11 +1,8 @@
 #pragma once
 
-#include <filesystem>
-#include <memory>
 #include <string_view>
 
 #include "platform/token_store/token_store.hpp"
-#include "platform/token_store/token_watcher.hpp"
 
 // Where the user's card lives: the tool's token driver, its "user" token, and the store file.
 namespace keyloft::store {
@@ -13,18 +10,13 @@ namespace keyloft::store {
 inline constexpr std::string_view driverClassID = "org.keyloft.token";
 inline constexpr std::string_view userInstanceID = "user";
 
-// The user's store; created, with the tool's driver registered, when missing.
+// The user's store; created, with the tool's driver registered, when missing. Throws
+// PlatformError, before anything is written, when the data folder is refused.
 platform::token_store::TesseraDriverRegistry openUserRegistry();
 
 // The tool's driver's "user" token, added when missing. Throws "Failed to get TesseraTokenDriver
 // configuration" when the store lacks the tool's driver.
 platform::token_store::TesseraTokenConfiguration userToken(
     const platform::token_store::TesseraDriverRegistry& registry);
-
-// The folder of the store file.
-std::filesystem::path userCardFolder();
-
-// Follows the user's token for a reader beside the tool; creates nothing.
-std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchUserToken();
 
 }  // namespace keyloft::store

@@ -1,6 +1,7 @@
 #include "platform/key_processor/device_key.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include "base/error.hpp"
 #include "platform/crypto/random.hpp"
 #include "platform/os/file_descriptor.hpp"
+#include "platform/os/private_files.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -28,6 +30,10 @@ std::optional<crypto::SecretBytes> readKey(const std::filesystem::path& file) {
         if (errno == ENOENT) return std::nullopt;
         fail(file, "read");
     }
+    // Checked on what was opened: a key that another user chose, or may read, guards nothing.
+    struct stat info {};
+    if (::fstat(fd.get(), &info) != 0) fail(file, "read");
+    os::checkPrivate(info, "device key", file, os::Privacy::ownerOnly);
     crypto::SecretBytes key(deviceKeySize + 1);
     const ssize_t n = ::read(fd.get(), key.data(), key.size());
     if (n != static_cast<ssize_t>(deviceKeySize)) {

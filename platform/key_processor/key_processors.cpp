@@ -39,7 +39,7 @@ PresenceGate& presenceGate() {
 }
 
 SoftKeyProcessor& softProcessor() {
-    static SoftKeyProcessor processor(os::dataFolder() / "bastion.key", presenceGate());
+    static SoftKeyProcessor processor(os::dataFolder() / os::deviceKeyFileName, presenceGate());
     return processor;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/error.hpp"
+#include "platform/os/private_files.hpp"
 
 namespace keyloft::platform::os {
 namespace {
@@ -40,7 +41,14 @@ std::filesystem::path dataFolder() {
     if (::stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
         throw PlatformError("The data folder " + folder.string() + " is not a folder");
     }
+    checkDataFolder(folder);
     return folder;
+}
+
+void checkDataFolder(const std::filesystem::path& folder) {
+    checkPrivate("data folder", folder, Privacy::ownerWrites);
+    checkPrivate("token store", folder / storeFileName, Privacy::ownerWrites);
+    checkPrivate("device key", folder / deviceKeyFileName, Privacy::ownerOnly);
 }
 
 }  // namespace keyloft::platform::os

@@ -1,5 +1,7 @@
 #include "platform/token_store/token_watcher.hpp"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "platform/token_store/item_rows.hpp"
@@ -29,14 +31,24 @@ TesseraTokenWatcher::TesseraTokenWatcher(std::filesystem::path storePath, std::s
 TesseraTokenWatcher::~TesseraTokenWatcher() = default;
 
 std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
-    if (!db_) {
-        std::error_code error;
-        if (!std::filesystem::exists(storePath_, error)) {
-            if (readOnce_) return std::nullopt;
-            readOnce_ = true;
-            return TesseraTokenSnapshot{};
-        }
+    const auto identity = identityOf(storePath_);
+    if (!identity) {
+        // Removed or renamed away: its identities go with it, and a connection kept to it would
+        // go on reading the old file.
+        const bool wasOpen = db_ != nullptr;
+        db_.reset();
+        if (readOnce_ && !wasOpen) return std::nullopt;
+        readOnce_ = true;
+        known_.clear();
+        knownConfigurationData_.reset();
+        return TesseraTokenSnapshot{};
+    }
+    if (!db_ || *identity != openedFile_) {
+        // The identity is taken before opening: a file swapped in between shows as another at
+        // the next call, and is opened then.
         db_ = std::make_unique<sqlite::Connection>(storePath_);
+        openedFile_ = *identity;
+        seenVersion_.reset();
     }
     const std::int64_t version = db_->dataVersion();
     if (seenVersion_ == version) return std::nullopt;
@@ -44,6 +56,14 @@ std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
     seenVersion_ = version;
     readOnce_ = true;
     return snapshot;
+}
+
+std::optional<TesseraTokenWatcher::FileIdentity> TesseraTokenWatcher::identityOf(
+    const std::filesystem::path& path) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+    return FileIdentity{static_cast<std::uint64_t>(info.st_dev),
+                        static_cast<std::uint64_t>(info.st_ino)};
 }
 
 // A change touches a few rows of many: the rows that still hold what they held are handed out as

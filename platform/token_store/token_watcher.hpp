@@ -26,7 +26,8 @@ struct TesseraTokenSnapshot {
 };
 
 // Follows one token of a store for a reader running beside the tool: it never creates the store,
-// and reads again only after a writer has committed.
+// and reads again only after a writer has committed, or when the file at the store's path is
+// another (restored from a copy, say) or has gone.
 class TesseraTokenWatcher {
   public:
     TesseraTokenWatcher(std::filesystem::path storePath, std::string driver, std::string instance);
@@ -36,7 +37,8 @@ class TesseraTokenWatcher {
 
     // The token's state when it may have changed since the last call (the first call always
     // reads); nothing when no writer has committed since. A missing store or token reads as
-    // empty. Throws PlatformError when the store cannot be read.
+    // empty. Throws PlatformError when the store cannot be read. Callers ask when the store's
+    // folder changed: the file's identity is looked at on every call.
     std::optional<TesseraTokenSnapshot> changes();
 
   private:
@@ -56,7 +58,16 @@ class TesseraTokenWatcher {
     std::filesystem::path storePath_;
     std::string driver_;
     std::string instance_;
+    // The file the connection reads, as the path named it just before it was opened.
+    struct FileIdentity {
+        std::uint64_t device;
+        std::uint64_t inode;
+        bool operator==(const FileIdentity&) const = default;
+    };
+    static std::optional<FileIdentity> identityOf(const std::filesystem::path& path);
+
     std::unique_ptr<sqlite::Connection> db_;
+    FileIdentity openedFile_{};
     std::optional<std::int64_t> seenVersion_;
     bool readOnce_ = false;
     std::vector<KnownRow> known_;  // sorted by rowid

@@ -40,6 +40,23 @@ TEST(DeviceKey, DamagedKeyIsRefusedNotReplaced) {
     }
 }
 
+// The key opened is checked, not only the name: what another user chose or may read guards nothing.
+TEST(DeviceKey, KeyOpenToOtherUsersIsRefusedNotReplaced) {
+    const keyloft::testing::TemporaryFolder folder;
+    const auto file = folder.path() / "bastion.key";
+    const auto key = loadOrCreateDeviceKey(file);
+    for (const mode_t mode : {0640U, 0604U, 0620U, 0602U}) {
+        ASSERT_EQ(::chmod(file.c_str(), mode), 0);
+        EXPECT_THROW(loadOrCreateDeviceKey(file), PlatformError) << std::oct << mode;
+    }
+    ASSERT_EQ(::chmod(file.c_str(), 0400), 0);
+    EXPECT_EQ(loadOrCreateDeviceKey(file), key);
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chown(file.c_str(), 65534, 65534), 0);
+        EXPECT_THROW(loadOrCreateDeviceKey(file), PlatformError);
+    }
+}
+
 TEST(DeviceKey, RacingProcessesEndWithTheSameKey) {
     const keyloft::testing::TemporaryFolder folder;
     const auto file = folder.path() / "bastion.key";

@@ -69,6 +69,45 @@ TEST_F(TokenWatcher, FindsAStoreMadeAfterItStarted) {
     EXPECT_EQ(itemsOf(*later), oneCertificate(3));
 }
 
+// A connection kept to a store whose folder was renamed away or replaced would go on reading the
+// old file.
+TEST_F(TokenWatcher, FollowsTheStoreAtThePathWhenItsFolderIsReplaced) {
+    const auto card = folder.path() / "card";
+    const auto away = folder.path() / "away";
+    const auto write = [&](std::uint8_t id) {
+        std::filesystem::create_directory(card);
+        TesseraDriverRegistry::open(card / "tokens.db", driver)
+            .driverConfigurations()
+            .at(std::string(driver))
+            .addTokenConfiguration("user")
+            .replaceItems(oneCertificate(id));
+    };
+    TesseraTokenWatcher cardWatcher(card / "tokens.db", std::string(driver), "user");
+    write(1);
+    const auto first = cardWatcher.changes();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(itemsOf(*first), oneCertificate(1));
+
+    std::filesystem::rename(card, away);
+    const auto removed = cardWatcher.changes();
+    ASSERT_TRUE(removed);
+    EXPECT_TRUE(removed->items.empty());
+    EXPECT_FALSE(cardWatcher.changes());
+
+    write(2);
+    const auto other = cardWatcher.changes();
+    ASSERT_TRUE(other);
+    EXPECT_EQ(itemsOf(*other), oneCertificate(2));
+
+    // Put back in the other's place: read again although nothing was committed to it meanwhile.
+    std::filesystem::remove_all(card);
+    std::filesystem::rename(away, card);
+    const auto restored = cardWatcher.changes();
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(itemsOf(*restored), oneCertificate(1));
+    EXPECT_FALSE(cardWatcher.changes());
+}
+
 // Readers tell what changed by comparing the items' addresses.
 TEST_F(TokenWatcher, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
     const auto token = writer();
