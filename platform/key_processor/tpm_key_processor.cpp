@@ -200,6 +200,16 @@ class TpmProcessorKey : public ProcessorKey {
 
 }  // namespace
 
+TpmKeyIdentifier decodeTpmIdentifier(ByteView objectIdentifier) {
+    const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
+    if (!header || header->backEnd != tpmBackEnd) refuse("unknown object identifier");
+    if ((header->sizeInBits != 256 && header->sizeInBits != 384) ||
+        !isSupportedAccessControl(header->accessControl)) {
+        refuse("damaged object identifier");
+    }
+    return {*header, decodeBlobs(objectIdentifier, *header)};
+}
+
 void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits) {
     if (std::ranges::find(curves, curveFor(sizeInBits)) == curves.end()) {
         const auto name = "P-" + std::to_string(sizeInBits);
@@ -235,17 +245,11 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
 
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
     ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) {
-    const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
-    if (!header || header->backEnd != tpmBackEnd) refuse("unknown object identifier");
-    if ((header->sizeInBits != 256 && header->sizeInBits != 384) ||
-        !isSupportedAccessControl(header->accessControl)) {
-        refuse("damaged object identifier");
-    }
-    const auto blobs = decodeBlobs(objectIdentifier, *header);
+    const auto [header, blobs] = decodeTpmIdentifier(objectIdentifier);
     const auto authValue = authValueFor(objectIdentifier.first(ObjectIdentifierHeader::size));
     return std::make_unique<TpmProcessorKey>(
         connection()->load(blobs, authValue),
-        Bytes(objectIdentifier.begin(), objectIdentifier.end()), *header, blobs.publicArea,
+        Bytes(objectIdentifier.begin(), objectIdentifier.end()), header, blobs.publicArea,
         std::move(context), gate_);
 }
 
