@@ -93,8 +93,11 @@ SignatureInput::SignatureInput(const CK_MECHANISM& mechanism, const TokenObject&
     // The hashed variants sign with the hash they name.
     if (mechanism_->digest && *mechanism_->digest != hash)
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+    // The salt, the hash and two bytes must fit the encoded message; compared without a sum, which
+    // a salt length near the type's maximum would wrap.
     const std::size_t encodedSize = (key_.sizeInBits - 1 + 7) / 8;
-    if (pss->sLen + platform::crypto::digestSize(hash) + 2 > encodedSize)
+    const std::size_t fixedPart = platform::crypto::digestSize(hash) + 2;
+    if (encodedSize < fixedPart || pss->sLen > encodedSize - fixedPart)
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
     pss_ = platform::key_service::RsaPssParameters{hash, mgf, pss->sLen};
 }
@@ -114,7 +117,10 @@ Bytes SignatureInput::signedBytes() const {
             Bytes block = mechanism_->digest
                               ? der::encodeDigestInfo(digestOid(*mechanism_->digest), input)
                               : input;
-            if (block.size() + 11 > fieldSize(key_)) throw CryptokiError(CKR_DATA_LEN_RANGE);
+            // An empty block pads to a signature that OpenSSL, and so the module's own
+            // verification, cannot check.
+            if (block.empty() || block.size() + 11 > fieldSize(key_))
+                throw CryptokiError(CKR_DATA_LEN_RANGE);
             return block;
         }
         case Scheme::rsaPss:

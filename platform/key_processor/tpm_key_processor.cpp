@@ -202,6 +202,16 @@ class TpmProcessorKey : public ProcessorKey {
 
 }  // namespace
 
+TpmKeyIdentifier decodeTpmIdentifier(ByteView objectIdentifier) {
+    const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
+    if (!header || header->backEnd != tpmBackEnd) refuse("unknown object identifier");
+    if ((header->sizeInBits != 256 && header->sizeInBits != 384) ||
+        !isSupportedAccessControl(header->accessControl)) {
+        refuse("damaged object identifier");
+    }
+    return {*header, decodeBlobs(objectIdentifier, *header)};
+}
+
 void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits) {
     if (std::ranges::find(curves, curveFor(sizeInBits)) == curves.end()) {
         const auto name = "P-" + std::to_string(sizeInBits);
@@ -238,18 +248,12 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
 
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
     ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) {
-    const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
-    if (!header || header->backEnd != tpmBackEnd) refuse("unknown object identifier");
-    if ((header->sizeInBits != 256 && header->sizeInBits != 384) ||
-        !isSupportedAccessControl(header->accessControl)) {
-        refuse("damaged object identifier");
-    }
-    const auto blobs = decodeBlobs(objectIdentifier, *header);
+    const auto [header, blobs] = decodeTpmIdentifier(objectIdentifier);
     TpmKey key{Bytes(objectIdentifier.begin(), objectIdentifier.end()), blobs,
                authValueFor(objectIdentifier.first(ObjectIdentifierHeader::size))};
     const auto tpm = connection();
     tpm->load(key);
-    return std::make_unique<TpmProcessorKey>(tpm, std::move(key), *header, std::move(context),
+    return std::make_unique<TpmProcessorKey>(tpm, std::move(key), header, std::move(context),
                                              gate_);
 }
 

@@ -8,13 +8,22 @@
 #include <tss2/tss2_tpm2_types.h>
 
 #include "platform/key_processor/key_processor.hpp"
+#include "platform/key_processor/object_identifier.hpp"
+#include "platform/key_processor/tpm_connection.hpp"
 
 namespace keyloft::platform::key_processor {
 
-class TpmConnection;
-
 // PlatformError unless the curves a TPM lists include the one of a key of the size.
 void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits);
+
+// An object identifier of this back end, read without the TPM.
+struct TpmKeyIdentifier {
+    ObjectIdentifierHeader header;
+    TpmKeyBlobs blobs;
+};
+// PlatformError unless the identifier is one this back end writes: a key of a size and access
+// control it makes, and blobs marshalled exactly as it marshals them from its own template.
+TpmKeyIdentifier decodeTpmIdentifier(ByteView objectIdentifier);
 
 // Keys made inside a TPM 2.0: unrestricted ECC keys for ECDSA and ECDH under the storage primary
 // key. The object identifier is the header followed by the key's public and private blobs as the
