@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "base/bytes.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 
 namespace keyloft {
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "base/error.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/object_identifiers.hpp"
 
 namespace keyloft::der {

@@ -1,9 +1,9 @@
 #include "base/error.hpp"
+#include "card/identity_creation.hpp"
+#include "card/identity_writes.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "store/identity_creation.hpp"
-#include "store/identity_writes.hpp"
 
 namespace keyloft {
 void KeyloftApp::createIdentity() {
@@ -18,10 +18,10 @@ void KeyloftApp::createIdentity() {
                                       organization + ";" + locality + ";" + stateOrProvince + ";" +
                                       country;
     auto identity =
-        store::certifyNewKey(keys::generateKey(*keyType, biometry, tpmCard), specification, *label);
+        card::certifyNewKey(keys::generateKey(*keyType, biometry, tpmCard), specification, *label);
 
-    tokenConfiguration.writeTransaction([&] {
-        store::IdentityAdditions additions(tokenConfiguration, data);
+    tokenConfiguration.writeCommittingEvenOnThrow([&] {
+        card::IdentityAdditions additions(tokenConfiguration, data);
         additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));
         additions.write();
     });

@@ -1,8 +1,8 @@
 #include <iostream>
 
+#include "card/identity_writes.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "platform/os/terminal.hpp"
-#include "store/identity_writes.hpp"
 
 namespace keyloft {
 namespace {
@@ -28,7 +28,8 @@ void KeyloftApp::deleteAllIdentities() {
         if (equalsIgnoringCase(*answer, "yes") || equalsIgnoringCase(*answer, "y")) break;
         if (equalsIgnoringCase(*answer, "no") || equalsIgnoringCase(*answer, "n")) return;
     }
-    tokenConfiguration.writeTransaction([&] { store::removeAllIdentities(tokenConfiguration); });
+    tokenConfiguration.writeCommittingEvenOnThrow(
+        [&] { card::removeAllIdentities(tokenConfiguration); });
 }
 
 }  // namespace keyloft

@@ -1,7 +1,7 @@
 #include "base/error.hpp"
+#include "card/identity_writes.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_writes.hpp"
 
 namespace keyloft {
 
@@ -9,9 +9,9 @@ void KeyloftApp::deleteIdentity() {
     if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
     const auto hashBytes = pubkey::fromHexString(*hash);
     if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
-    tokenConfiguration.writeTransaction([&] {
-        store::removeIdentityItems(tokenConfiguration, *hashBytes);
-        store::removeKeyRecord(tokenConfiguration, *hashBytes);
+    tokenConfiguration.writeCommittingEvenOnThrow([&] {
+        card::removeIdentityItems(tokenConfiguration, *hashBytes);
+        card::removeKeyRecord(tokenConfiguration, *hashBytes);
     });
 }
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "base/error.hpp"
+#include "card/user_card.hpp"
 #include "keyloft/command_line.hpp"
 #include "keyloft/keyloft_app.hpp"
-#include "store/user_card.hpp"
 
 namespace keyloft {
 namespace {
@@ -28,7 +28,7 @@ int runEntry(int argc, char** argv) {
         const auto parsed = parseCommandLine(arguments);
         // The option fields are checked before the store is opened, so a bad word touches nothing.
         auto fields = optionFieldsFrom(parsed.options);
-        KeyloftApp app(std::move(fields), store::userToken(store::openUserRegistry()));
+        KeyloftApp app(std::move(fields), card::userToken(card::openUserRegistry()));
         app.run(parsed.command);
     } catch (const KeyloftError& error) {
         printError(error.text());

@@ -1,13 +1,13 @@
 #include "base/error.hpp"
+#include "card/identity_lookup.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "pkcs12/pfx.hpp"
+#include "pkcs12_export/pfx.hpp"
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
 #include "platform/text/canonical.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_lookup.hpp"
 
 namespace keyloft {
 namespace {
@@ -42,17 +42,16 @@ void KeyloftApp::exportIdentity() {
     if (!path.ends_with(".p12")) path += ".p12";
 
     keys::StoredKeyMap records;
-    platform::token_store::TesseraTokenItems items;
+    platform::token_store::TokenItems items;
     tokenConfiguration.readTransaction([&] {
         records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
         items = tokenConfiguration.items();
     });
     const auto notFound =
         KeyloftError::generic("Identity with public key hash <" + *hash + "> not found");
-    const auto found = store::findCertificateItem(items, *hashBytes);
+    const auto found = card::findCertificateItem(items, *hashBytes);
     if (found == items.end()) throw notFound;
-    const auto& certificate =
-        std::get<platform::token_store::TesseraTokenCertificateItem>(*found).certificate;
+    const auto& certificate = std::get<platform::token_store::CertificateItem>(*found).certificate;
     const auto record = records.find(*hashBytes);
     if (record == records.end()) throw notFound;
     if (!record->second.sealedKey) {
@@ -60,12 +59,12 @@ void KeyloftApp::exportIdentity() {
                                     "> is hardware bounded and cannot be exported");
     }
     const auto& sealed = *record->second.sealedKey;
-    const Bytes pfx = pkcs12::buildPKCS12(
+    const Bytes pfx = pkcs12_export::buildPKCS12(
         platform::crypto::view(exportPassword), certificate, sealed.pubKeyHash,
-        pkcs12::exportIterations, [&] {
+        pkcs12_export::exportIterations, [&] {
             auto [key, data] = keys::unwrapPrivateKeyWithData(sealed, nullptr);
             keys::requireKeyOfHash(key, *hashBytes);
-            return pkcs12::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
+            return pkcs12_export::UnwrappedKey{key.keyType(), key.sizeInBits(), std::move(data)};
         });
     platform::os::replaceFileAtomically(path, pfx, platform::os::FileAccess::ownerOnly);
 }

@@ -1,9 +1,9 @@
 #include "base/error.hpp"
+#include "card/identity_lookup.hpp"
+#include "card/identity_writes.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "platform/os/files.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_lookup.hpp"
-#include "store/identity_writes.hpp"
 #include "x509/pem.hpp"
 
 namespace keyloft {
@@ -13,11 +13,11 @@ void KeyloftApp::importCertificate() {
     const auto text = platform::os::readTextFile(*fileName);
     const auto certificate = x509::certificateFromPem(text);
     if (!certificate) throw KeyloftError::generic("Failed to decode base64 certificate data");
-    const auto keyHash = store::certificatePublicKeyHash(*certificate);
+    const auto keyHash = card::certificatePublicKeyHash(*certificate);
 
     bool replaced = false;
-    tokenConfiguration.writeTransaction([&] {
-        replaced = store::replaceCertificateItem(tokenConfiguration, *certificate, keyHash);
+    tokenConfiguration.writeCommittingEvenOnThrow([&] {
+        replaced = card::replaceCertificateItem(tokenConfiguration, *certificate, keyHash);
     });
     if (!replaced) {
         throw KeyloftError::generic("The certificate with pubkey hash <" +

@@ -6,6 +6,7 @@
 
 #include "base/certificate_reader.hpp"
 #include "base/error.hpp"
+#include "card/identity_writes.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
@@ -13,7 +14,6 @@
 #include "platform/os/passphrase.hpp"
 #include "platform/pkcs12_import/pkcs12_reader.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_writes.hpp"
 
 namespace keyloft {
 namespace {
@@ -69,15 +69,15 @@ void KeyloftApp::importIdentities() {
         }
     }
 
-    tokenConfiguration.writeTransaction([&] {
-        store::IdentityAdditions additions(tokenConfiguration, data);
+    tokenConfiguration.writeCommittingEvenOnThrow([&] {
+        card::IdentityAdditions additions(tokenConfiguration, data);
         // Identities added before one fails stay on the card.
         try {
             for (std::size_t i = 0; i < ready; ++i) {
                 auto& identity = (*identities)[i];
                 const Bytes keyHash = identity.key.applicationLabel();
                 const std::string identityLabel = labelOf(identity.certificate);
-                auto items = store::makeIdentityItems(identity.certificate, keyHash, identityLabel);
+                auto items = card::makeIdentityItems(identity.certificate, keyHash, identityLabel);
                 if (additions.holds(keyHash)) {
                     std::cout << "Skipped to import identity '" << identityLabel
                               << "' because identity with PubKey Hash: <"

@@ -36,7 +36,7 @@ OptionFields optionFieldsFrom(const OptionsDictionary& options);
 // one of its operations.
 class KeyloftApp : public OptionFields {
   public:
-    KeyloftApp(OptionFields fields, platform::token_store::TesseraTokenConfiguration token)
+    KeyloftApp(OptionFields fields, platform::token_store::Token token)
         : OptionFields(std::move(fields)), tokenConfiguration(std::move(token)) {}
 
     void run(Command command);
@@ -50,7 +50,7 @@ class KeyloftApp : public OptionFields {
     void importCertificate();
     void createCsr();
 
-    platform::token_store::TesseraTokenConfiguration tokenConfiguration;
+    platform::token_store::Token tokenConfiguration;
 };
 
 }  // namespace keyloft

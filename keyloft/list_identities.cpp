@@ -4,6 +4,7 @@
 #include <map>
 
 #include "base/error.hpp"
+#include "card/identity_lookup.hpp"
 #include "keyloft/identity_table.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
@@ -11,7 +12,6 @@
 #include "platform/text/date_format.hpp"
 #include "pubkey/fingerprint.hpp"
 #include "pubkey/key_type_description.hpp"
-#include "store/identity_lookup.hpp"
 
 namespace keyloft {
 namespace {
@@ -50,7 +50,7 @@ void KeyloftApp::listIdentities() {
     if (!hashEncoding) throw KeyloftError::generic("invalid hash encoding");
 
     keys::StoredKeyMap records;
-    platform::token_store::TesseraTokenItems items;
+    platform::token_store::TokenItems items;
     tokenConfiguration.readTransaction([&] {
         records = keys::decodeStoredKeys(tokenConfiguration.configurationData());
         items = tokenConfiguration.items();
@@ -61,15 +61,14 @@ void KeyloftApp::listIdentities() {
     std::vector<KeyRow> rows;
     std::map<Bytes, CertificateDetails> certificates;
     for (const auto& item : items) {
-        if (const auto* certificate =
-                std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+        if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
             // One reading serves the hash and the details.
             const auto parsed = readCertificate(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
-            certificates[store::publicKeyHashOf(*parsed)] = detailsOf(*parsed, formatter, now);
+            certificates[card::publicKeyHashOf(*parsed)] = detailsOf(*parsed, formatter, now);
             continue;
         }
-        const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
+        const auto& key = std::get<platform::token_store::KeyItem>(item);
         KeyRow row;
         row.hash = key.publicKeyHash.value_or(Bytes{});
         // A key whose record is missing still gets a row; its protection is then unknown.

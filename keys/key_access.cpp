@@ -9,8 +9,8 @@ namespace keyloft::keys {
 
 std::unique_ptr<platform::key_service::PrivateKey> privateKey(
     const KeyStorage& storage, const std::shared_ptr<AuthenticationContext>& context) {
-    if (storage.bastionKey) {
-        const auto& record = *storage.bastionKey;
+    if (storage.boundKey) {
+        const auto& record = *storage.boundKey;
         // An unprotected key never sees the caller's context.
         auto passed = record.biometryProtection == BiometryProtection::on ? context : nullptr;
         return platform::key_processor::keyProcessorFor(record.keyData)
@@ -28,7 +28,7 @@ void requireKeyOfHash(const platform::key_service::PrivateKey& key, ByteView pub
 }
 
 Protection protectionOf(const KeyStorage& storage) {
-    if (storage.bastionKey) return {storage.bastionKey->biometryProtection, false};
+    if (storage.boundKey) return {storage.boundKey->biometryProtection, false};
     if (storage.sealedKey) return {storage.sealedKey->biometryProtection, true};
     throw storedKeyNotFound();
 }

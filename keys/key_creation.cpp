@@ -17,8 +17,8 @@ BiometryProtection protectionFor(bool biometry) {
 // A stored record, or one read in place.
 template <class Storage>
 bool reachesTpm(const Storage& storage) {
-    const auto& [bastionKey, sealedKey] = storage;
-    return (bastionKey && platform::key_processor::isTpmKey(bastionKey->keyData)) ||
+    const auto& [boundKey, sealedKey] = storage;
+    return (boundKey && platform::key_processor::isTpmKey(boundKey->keyData)) ||
            (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
 }
 
@@ -46,7 +46,7 @@ NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys) {
     const auto inProcessor = [&](int sizeInBits) {
         auto key = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
                        .createKey(sizeInBits, accessControlFor(biometry));
-        KeyStorage storage{.bastionKey = makeBastionKey(*key, biometry)};
+        KeyStorage storage{.boundKey = makeBoundKey(*key, biometry)};
         return NewKey{std::move(key), std::move(storage)};
     };
     const auto wrapped = [&](int sizeInBits) {
@@ -70,7 +70,7 @@ NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys) {
     throw PlatformError("unsupported key type");
 }
 
-BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry) {
+BoundKey makeBoundKey(const platform::key_processor::ProcessorKey& key, bool biometry) {
     return {platform::crypto::sha1(key.publicKeyAttributes().externalRepresentation),
             key.objectIdentifier(), protectionFor(biometry)};
 }

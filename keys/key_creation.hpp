@@ -32,7 +32,7 @@ bool holdsTpmKeys(const std::optional<Bytes>& configurationData);
 NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys);
 
 // The record of a processor key.
-BastionKey makeBastionKey(const platform::key_processor::ProcessorKey& key, bool biometry);
+BoundKey makeBoundKey(const platform::key_processor::ProcessorKey& key, bool biometry);
 
 // Wraps a software private key under a new processor-held P-256 wrapping key.
 SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,

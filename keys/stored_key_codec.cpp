@@ -32,7 +32,7 @@ constexpr std::string_view keyType = "keyType";
 constexpr std::string_view wrappedPrivateKey = "wrappedPrivateKey";
 constexpr std::string_view wrappingPrivateKeyData = "wrappingPrivateKeyData";
 constexpr std::string_view biometryProtection = "biometryProtection";
-constexpr std::string_view bastionKey = "bastionKey";
+constexpr std::string_view boundKey = "bastionKey";
 constexpr std::string_view sealedKey = "sealedKey";
 }  // namespace field
 
@@ -109,7 +109,7 @@ class Fields {
     std::array<std::optional<Object>, count> values_{};
 };
 
-BastionKeyView readBastionKey(const PlistReader& list, Object value, const Path& path) {
+BoundKeyView readBoundKey(const PlistReader& list, Object value, const Path& path) {
     static constexpr std::array<std::string_view, 3> names = {field::pubKeyHash, field::keyData,
                                                               field::biometryProtection};
     expect(list, value, PlistKind::dictionary, path);
@@ -133,12 +133,12 @@ SealedKeyView readSealedKey(const PlistReader& list, Object value, const Path& p
 }
 
 KeyStorageView readKeyStorage(const PlistReader& list, Object value, const Path& path) {
-    static constexpr std::array<std::string_view, 2> names = {field::bastionKey, field::sealedKey};
+    static constexpr std::array<std::string_view, 2> names = {field::boundKey, field::sealedKey};
     expect(list, value, PlistKind::dictionary, path);
     const Fields fields(list, value, path, names);
     KeyStorageView storage;
-    if (const auto bastionKey = fields.optional(0))
-        storage.bastionKey = readBastionKey(list, *bastionKey, path / names[0]);
+    if (const auto boundKey = fields.optional(0))
+        storage.boundKey = readBoundKey(list, *boundKey, path / names[0]);
     if (const auto sealedKey = fields.optional(1))
         storage.sealedKey = readSealedKey(list, *sealedKey, path / names[1]);
     return storage;
@@ -192,7 +192,7 @@ struct Names {
                                                  field::wrappedPrivateKey,
                                                  field::wrappingPrivateKeyData,
                                                  field::biometryProtection,
-                                                 field::bastionKey,
+                                                 field::boundKey,
                                                  field::sealedKey,
                                                  "on",
                                                  "off"};
@@ -218,7 +218,7 @@ struct Names {
     Object wrappedPrivateKey() const { return objects[3]; }
     Object wrappingPrivateKeyData() const { return objects[4]; }
     Object biometryProtection() const { return objects[5]; }
-    Object bastionKey() const { return objects[6]; }
+    Object boundKey() const { return objects[6]; }
     Object sealedKey() const { return objects[7]; }
     Object protection(BiometryProtection value) const {
         return value == BiometryProtection::on ? objects[8] : objects[9];
@@ -244,13 +244,13 @@ std::uint64_t roomRecordsFor(std::size_t records) {
 
 Object encodeKeyStorage(PlistWriter& writer, const Names& names, const KeyStorage& storage) {
     std::vector<std::pair<Object, Object>> records;
-    if (const auto& key = storage.bastionKey) {
+    if (const auto& key = storage.boundKey) {
         const std::pair<Object, Object> fields[] = {
             {names.pubKeyHash(), writer.data(key->pubKeyHash)},
             {names.keyData(), writer.data(key->keyData)},
             {names.biometryProtection(), names.protection(key->biometryProtection)},
         };
-        records.emplace_back(names.bastionKey(), writer.dictionary(fields));
+        records.emplace_back(names.boundKey(), writer.dictionary(fields));
     }
     if (const auto& key = storage.sealedKey) {
         const std::pair<Object, Object> fields[] = {
@@ -269,10 +269,9 @@ Object encodeKeyStorage(PlistWriter& writer, const Names& names, const KeyStorag
 
 KeyStorage KeyStorageView::owned() const {
     KeyStorage storage;
-    if (bastionKey) {
-        storage.bastionKey =
-            BastionKey{bytesOf(bastionKey->pubKeyHash), bytesOf(bastionKey->keyData),
-                       bastionKey->biometryProtection};
+    if (boundKey) {
+        storage.boundKey = BoundKey{bytesOf(boundKey->pubKeyHash), bytesOf(boundKey->keyData),
+                                    boundKey->biometryProtection};
     }
     if (sealedKey) {
         storage.sealedKey =
@@ -330,7 +329,7 @@ StoredKeyMap decodeStoredKeys(const std::optional<Bytes>& configurationData) {
 StoredKeyMap decodeUsableStoredKeys(const std::optional<Bytes>& configurationData) {
     auto map = decodeRecords(configurationData, DamagedRecord::skip);
     std::erase_if(
-        map, [](const auto& entry) { return !entry.second.bastionKey && !entry.second.sealedKey; });
+        map, [](const auto& entry) { return !entry.second.boundKey && !entry.second.sealedKey; });
     return map;
 }
 

@@ -11,7 +11,7 @@
 namespace keyloft::keys {
 
 // One record as read from the data, its bytes viewed in place.
-struct BastionKeyView {
+struct BoundKeyView {
     ByteView pubKeyHash;
     ByteView keyData;
     BiometryProtection biometryProtection;
@@ -24,7 +24,7 @@ struct SealedKeyView {
     BiometryProtection biometryProtection;
 };
 struct KeyStorageView {
-    std::optional<BastionKeyView> bastionKey;
+    std::optional<BoundKeyView> boundKey;
     std::optional<SealedKeyView> sealedKey;
 
     KeyStorage owned() const;

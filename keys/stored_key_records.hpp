@@ -16,12 +16,12 @@ std::string_view rawValue(BiometryProtection protection);
 std::optional<BiometryProtection> biometryProtectionFromRaw(std::string_view raw);
 
 // A key pair held by the key processor; keyData is its opaque object identifier.
-struct BastionKey {
+struct BoundKey {
     Bytes pubKeyHash;
     Bytes keyData;
     BiometryProtection biometryProtection = BiometryProtection::off;
 
-    bool operator==(const BastionKey&) const = default;
+    bool operator==(const BoundKey&) const = default;
 };
 
 // A software key pair whose private key is kept only as an ECIES ciphertext under a
@@ -38,7 +38,7 @@ struct SealedKey {
 
 // Built with exactly one record; a decoded one may hold neither.
 struct KeyStorage {
-    std::optional<BastionKey> bastionKey;
+    std::optional<BoundKey> boundKey;
     std::optional<SealedKey> sealedKey;
 
     bool operator==(const KeyStorage&) const = default;

@@ -7,7 +7,7 @@
 namespace keyloft::pkcs11 {
 namespace {
 
-// The key type of a new key pair from the curve and whether the key may leave the card.
+// The key type of a new key pair from the curve and whether the key may leave the slot.
 KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
                    std::span<const CK_ATTRIBUTE> privateTemplate) {
     const auto* parameters = findIn(publicTemplate, CKA_EC_PARAMS);

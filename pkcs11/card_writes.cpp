@@ -1,10 +1,10 @@
 #include "pkcs11/card_writes.hpp"
 
+#include "card/identity_creation.hpp"
+#include "card/identity_lookup.hpp"
+#include "card/user_card.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "pkcs11/cryptoki.hpp"
-#include "store/identity_creation.hpp"
-#include "store/identity_lookup.hpp"
-#include "store/user_card.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -13,27 +13,27 @@ namespace {
 // connection never outlives the transaction of the thread that made it.
 template <class Change>
 void onUserToken(Change&& change) {
-    const auto registry = store::openUserRegistry();
-    const auto token = store::userToken(registry);
-    token.writeTransaction([&] { change(token); });
+    const auto registry = card::openUserRegistry();
+    const auto token = card::userToken(registry);
+    token.writeCommittingEvenOnThrow([&] { change(token); });
 }
 
 }  // namespace
 
-store::NewIdentity makeIdentity(const KeyPairRequest& request) {
-    const auto registry = store::openUserRegistry();
-    const bool tpmCard = keys::holdsTpmKeys(store::userToken(registry).configurationData());
-    auto identity = store::makeSelfSignedIdentity(request.type, request.label, tpmCard);
+card::NewIdentity makeIdentity(const KeyPairRequest& request) {
+    const auto registry = card::openUserRegistry();
+    const bool tpmCard = keys::holdsTpmKeys(card::userToken(registry).configurationData());
+    auto identity = card::makeSelfSignedIdentity(request.type, request.label, tpmCard);
     identity.items.key.canSign = request.canSign;
     identity.items.key.canPerformKeyExchange = request.canDerive;
     return identity;
 }
 
-Bytes addIdentity(store::NewIdentity identity) {
+Bytes addIdentity(card::NewIdentity identity) {
     // Key generation and the self-signed certificate come before the transaction, as in the
     // tool, so that the card is held only while it is written.
-    onUserToken([&](const store::TesseraTokenConfiguration& token) {
-        store::IdentityAdditions additions(token);
+    onUserToken([&](const card::Token& token) {
+        card::IdentityAdditions additions(token);
         additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));
         additions.write();
     });
@@ -42,24 +42,24 @@ Bytes addIdentity(store::NewIdentity identity) {
 
 void storeCertificate(ByteView certificate, ByteView hash,
                       const std::optional<std::string>& label) {
-    onUserToken([&](const store::TesseraTokenConfiguration& token) {
-        if (!store::replaceCertificateItem(token, certificate, hash))
+    onUserToken([&](const card::Token& token) {
+        if (!card::replaceCertificateItem(token, certificate, hash))
             throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
-        if (label) store::relabelIdentity(token, hash, *label);
+        if (label) card::relabelIdentity(token, hash, *label);
     });
 }
 
 void relabelIdentity(ByteView hash, const std::string& label) {
-    onUserToken([&](const store::TesseraTokenConfiguration& token) {
-        if (!store::relabelIdentity(token, hash, label))
+    onUserToken([&](const card::Token& token) {
+        if (!card::relabelIdentity(token, hash, label))
             throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
     });
 }
 
 void removeIdentity(ByteView hash) {
-    onUserToken([&](const store::TesseraTokenConfiguration& token) {
-        store::removeIdentityItems(token, hash);
-        store::removeKeyRecord(token, hash);
+    onUserToken([&](const card::Token& token) {
+        card::removeIdentityItems(token, hash);
+        card::removeKeyRecord(token, hash);
     });
 }
 

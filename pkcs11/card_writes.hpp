@@ -4,8 +4,8 @@
 #include <string>
 
 #include "base/bytes.hpp"
+#include "card/identity_creation.hpp"
 #include "keys/key_type.hpp"
-#include "store/identity_creation.hpp"
 
 // Changes applications make to the user's card: each is one write transaction holding the card
 // for its whole read-change-write, writing the very items and stored-key records the tool writes,
@@ -21,9 +21,9 @@ struct KeyPairRequest {
     bool canDerive = true;
 };
 // Makes the key and its self-signed certificate, writing nothing: the key processor's part.
-store::NewIdentity makeIdentity(const KeyPairRequest& request);
+card::NewIdentity makeIdentity(const KeyPairRequest& request);
 // Writes the identity made and answers its hash.
-Bytes addIdentity(store::NewIdentity identity);
+Bytes addIdentity(card::NewIdentity identity);
 
 // Gives the identity the certificate (DER) in place of its own, and the label when one is given.
 // Throws CKR_TEMPLATE_INCONSISTENT when the card holds no identity of the certificate's key.

@@ -25,21 +25,21 @@ void stepOf(std::optional<Operation>& operation, Step&& step) {
 }
 
 // The signature, written when the caller's buffer takes it; true when the operation is done.
-bool finishSigning(Card& card, Session& session, SignOperation& operation, CK_BYTE_PTR pSignature,
+bool finishSigning(Slot& slot, Session& session, SignOperation& operation, CK_BYTE_PTR pSignature,
                    CK_ULONG_PTR pulSignatureLen) {
     if (!roomFor(operation.signatureSize(), pSignature, pulSignatureLen)) return false;
-    const Bytes signature = operation.sign(*card.privateKey(session, operation.key()));
+    const Bytes signature = operation.sign(*slot.privateKey(session, operation.key()));
     deliver(signature, pSignature, pulSignatureLen);
     return true;
 }
 
 template <class Operation>
-void startOperation(Card& card, std::optional<Operation>& slot, CK_MECHANISM_PTR pMechanism,
+void startOperation(Slot& slot, std::optional<Operation>& pending, CK_MECHANISM_PTR pMechanism,
                     CK_OBJECT_HANDLE hKey) {
     require(pMechanism);
-    card.checkLive();
-    if (slot) throw CryptokiError(CKR_OPERATION_ACTIVE);
-    slot.emplace(*pMechanism, *card.key(hKey));
+    slot.checkLive();
+    if (pending) throw CryptokiError(CKR_OPERATION_ACTIVE);
+    pending.emplace(*pMechanism, *slot.key(hKey));
 }
 
 }  // namespace
@@ -47,29 +47,29 @@ void startOperation(Card& card, std::optional<Operation>& slot, CK_MECHANISM_PTR
 extern "C" {
 
 CK_RV C_SignInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
-    return onCard([&](Card& card) {
-        startOperation(card, card.session(hSession)->signing, pMechanism, hKey);
+    return onSlot([&](Slot& slot) {
+        startOperation(slot, slot.session(hSession)->signing, pMechanism, hKey);
     });
 }
 
 CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
              CK_BYTE_PTR pSignature, CK_ULONG_PTR pulSignatureLen) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         stepOf(session->signing, [&](SignOperation& operation) {
             const auto data = arrayArgument(pData, ulDataLen);
             require(pulSignatureLen);
             // The data joins the operation only for the call that signs.
             SignOperation whole = operation;
             whole.update(data);
-            return finishSigning(card, *session, whole, pSignature, pulSignatureLen);
+            return finishSigning(slot, *session, whole, pSignature, pulSignatureLen);
         });
     });
 }
 
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->signing, [&](SignOperation& operation) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->signing, [&](SignOperation& operation) {
             operation.update(arrayArgument(pPart, ulPartLen));
             return false;
         });
@@ -78,25 +78,25 @@ CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPar
 
 CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
                   CK_ULONG_PTR pulSignatureLen) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         stepOf(session->signing, [&](SignOperation& operation) {
-            return finishSigning(card, *session, operation, pSignature, pulSignatureLen);
+            return finishSigning(slot, *session, operation, pSignature, pulSignatureLen);
         });
     });
 }
 
 CK_RV C_VerifyInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism, CK_OBJECT_HANDLE hKey) {
-    return onCard([&](Card& card) {
-        startOperation(card, card.session(hSession)->verifying, pMechanism, hKey);
+    return onSlot([&](Slot& slot) {
+        startOperation(slot, slot.session(hSession)->verifying, pMechanism, hKey);
     });
 }
 
 CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
                CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
-            card.checkLive();
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            slot.checkLive();
             operation.update(arrayArgument(pData, ulDataLen));
             operation.verify(arrayArgument(pSignature, ulSignatureLen));
             return true;
@@ -105,8 +105,8 @@ CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
 }
 
 CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
             operation.update(arrayArgument(pPart, ulPartLen));
             return false;
         });
@@ -114,9 +114,9 @@ CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
 }
 
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->verifying, [&](VerifyOperation& operation) {
-            card.checkLive();
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            slot.checkLive();
             operation.verify(arrayArgument(pSignature, ulSignatureLen));
             return true;
         });
@@ -124,10 +124,10 @@ CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG
 }
 
 CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         require(pMechanism);
-        card.checkLive();
+        slot.checkLive();
         if (session->digesting) throw CryptokiError(CKR_OPERATION_ACTIVE);
         session->digesting.emplace(*pMechanism);
     });
@@ -135,8 +135,8 @@ CK_RV C_DigestInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism) {
 
 CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
                CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
             if (operation.inParts()) throw CryptokiError(CKR_OPERATION_ACTIVE);
             const auto data = arrayArgument(pData, ulDataLen);
             if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
@@ -150,8 +150,8 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
 }
 
 CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
             operation.update(arrayArgument(pPart, ulPartLen));
             operation.markInParts();
             return false;
@@ -160,10 +160,10 @@ CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
 }
 
 CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         stepOf(session->digesting, [&](DigestOperation& operation) {
-            const auto key = card.objects().find(hKey);
+            const auto key = slot.objects().find(hKey);
             if (!key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
             // Only a secret whose value the module holds can be digested: the derived secrets.
             const Bytes* value = key->attributes.find(CKA_VALUE);
@@ -177,8 +177,8 @@ CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
 }
 
 CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
-    return onCard([&](Card& card) {
-        stepOf(card.session(hSession)->digesting, [&](DigestOperation& operation) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
             if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
             deliver(operation.finish(), pDigest, pulDigestLen);
             return true;
@@ -188,15 +188,15 @@ CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PT
 
 CK_RV C_DecryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                     CK_OBJECT_HANDLE hKey) {
-    return onCard([&](Card& card) {
-        startOperation(card, card.session(hSession)->decrypting, pMechanism, hKey);
+    return onSlot([&](Slot& slot) {
+        startOperation(slot, slot.session(hSession)->decrypting, pMechanism, hKey);
     });
 }
 
 CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG ulEncryptedDataLen,
                 CK_BYTE_PTR pData, CK_ULONG_PTR pulDataLen) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         stepOf(session->decrypting, [&](DecryptOperation& operation) {
             const auto ciphertext = arrayArgument(pEncryptedData, ulEncryptedDataLen);
             require(pulDataLen);
@@ -206,7 +206,7 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
                 return false;
             }
             const auto plaintext =
-                operation.decrypt(*card.privateKey(*session, operation.key()), ciphertext);
+                operation.decrypt(*slot.privateKey(*session, operation.key()), ciphertext);
             roomFor(plaintext.size(), pData, pulDataLen);
             deliver(plaintext, pData, pulDataLen);
             return true;
@@ -217,35 +217,35 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                   CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount,
                   CK_OBJECT_HANDLE_PTR phKey) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         require(pMechanism);
         require(phKey);
         const auto keyTemplate = arrayArgument(pTemplate, ulAttributeCount);
-        const EcdhDerivation derivation(*pMechanism, *card.key(hBaseKey));
-        const auto secret = derivation.derive(*card.privateKey(*session, derivation.key()));
+        const EcdhDerivation derivation(*pMechanism, *slot.key(hBaseKey));
+        const auto secret = derivation.derive(*slot.privateKey(*session, derivation.key()));
         // A read-only session may make no token object at all; in a read-write one, the card
         // holds only identities, never secret keys, so CKA_TOKEN cannot be true.
         const CK_RV tokenObjectRefusal = (session->flags & CKF_RW_SESSION) == 0
                                              ? CKR_SESSION_READ_ONLY
                                              : CKR_ATTRIBUTE_VALUE_INVALID;
-        *phKey = card.objects().addSessionObject(
+        *phKey = slot.objects().addSessionObject(
             hSession, derivedSecretObject(secret, keyTemplate, tokenObjectRefusal));
     });
 }
 
 CK_RV C_SeedRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSeed, CK_ULONG ulSeedLen) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
         arrayArgument(pSeed, ulSeedLen);
         throw CryptokiError(CKR_RANDOM_SEED_NOT_SUPPORTED);
     });
 }
 
 CK_RV C_GenerateRandom(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pRandomData, CK_ULONG ulRandomLen) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        card.checkLive();
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
+        slot.checkLive();
         const auto out = arrayArgument(pRandomData, ulRandomLen);
         if (!platform::crypto::randomBytes(out)) throw CryptokiError(CKR_FUNCTION_FAILED);
     });

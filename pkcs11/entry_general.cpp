@@ -1,10 +1,10 @@
 // Entry points for the module, its slot, its token and sessions.
 #include <algorithm>
 
+#include "card/user_card_watcher.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/module_state.hpp"
 #include "pkcs11/token_info.hpp"
-#include "store/user_card_watcher.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -25,8 +25,8 @@ CK_RV checkInitializeArguments(const CK_C_INITIALIZE_ARGS* args) {
 }
 
 // The card has no PIN to set; a read-only session could not set one anyway.
-CK_RV noPin(Card& card, CK_SESSION_HANDLE hSession) {
-    const bool readWrite = (card.session(hSession)->flags & CKF_RW_SESSION) != 0;
+CK_RV noPin(Slot& slot, CK_SESSION_HANDLE hSession) {
+    const bool readWrite = (slot.session(hSession)->flags & CKF_RW_SESSION) != 0;
     return readWrite ? CKR_FUNCTION_NOT_SUPPORTED : CKR_SESSION_READ_ONLY;
 }
 
@@ -38,11 +38,11 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
     const CK_RV rv = checkInitializeArguments(static_cast<const CK_C_INITIALIZE_ARGS*>(pInitArgs));
     if (rv != CKR_OK) return rv;
     try {
-        auto watcher = std::make_shared<store::UserCardWatcher>();
-        auto card = std::make_unique<Card>([watcher](ObjectStore::Freshness freshness) {
-            return watcher->changes(freshness == ObjectStore::Freshness::afterOwnWrite);
+        auto watcher = std::make_shared<card::UserCardWatcher>();
+        auto slot = std::make_unique<Slot>([watcher](ObjectTable::Freshness freshness) {
+            return watcher->changes(freshness == ObjectTable::Freshness::afterOwnWrite);
         });
-        return startCard(std::move(card)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
+        return startSlot(std::move(slot)) ? CKR_OK : CKR_CRYPTOKI_ALREADY_INITIALIZED;
     } catch (const CryptokiError& error) {
         return error.rv();
     } catch (const std::bad_alloc&) {
@@ -55,48 +55,48 @@ CK_RV C_Initialize(CK_VOID_PTR pInitArgs) {
 
 CK_RV C_Finalize(CK_VOID_PTR pReserved) {
     if (pReserved != nullptr) return CKR_ARGUMENTS_BAD;
-    return endCard() ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED;
+    return endSlot() ? CKR_OK : CKR_CRYPTOKI_NOT_INITIALIZED;
 }
 
 CK_RV C_GetInfo(CK_INFO_PTR pInfo) {
-    return onCard([&](Card&) {
+    return onSlot([&](Slot&) {
         require(pInfo);
         *pInfo = moduleInfo();
     });
 }
 
 CK_RV C_GetSlotList(CK_BBOOL, CK_SLOT_ID_PTR pSlotList, CK_ULONG_PTR pulCount) {
-    return onCard([&](Card&) {
+    return onSlot([&](Slot&) {
         require(pulCount);
         // The token is always present, so both kinds of list hold the one slot.
         const CK_ULONG offered = *pulCount;
         *pulCount = 1;
         if (pSlotList == nullptr) return;
         if (offered < 1) throw CryptokiError(CKR_BUFFER_TOO_SMALL);
-        pSlotList[0] = Card::slotID;
+        pSlotList[0] = Slot::slotID;
     });
 }
 
 CK_RV C_GetSlotInfo(CK_SLOT_ID slotID, CK_SLOT_INFO_PTR pInfo) {
-    return onCard([&](Card&) {
-        Card::checkSlot(slotID);
+    return onSlot([&](Slot&) {
+        Slot::checkSlot(slotID);
         require(pInfo);
         *pInfo = slotInfo();
     });
 }
 
 CK_RV C_GetTokenInfo(CK_SLOT_ID slotID, CK_TOKEN_INFO_PTR pInfo) {
-    return onCard([&](Card& card) {
-        Card::checkSlot(slotID);
+    return onSlot([&](Slot& slot) {
+        Slot::checkSlot(slotID);
         require(pInfo);
-        *pInfo = tokenInfo(card.sessionCount(), card.sessionCount() - card.readOnlySessionCount());
+        *pInfo = tokenInfo(slot.sessionCount(), slot.sessionCount() - slot.readOnlySessionCount());
     });
 }
 
 CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList,
                          CK_ULONG_PTR pulCount) {
-    return onCard([&](Card&) {
-        Card::checkSlot(slotID);
+    return onSlot([&](Slot&) {
+        Slot::checkSlot(slotID);
         require(pulCount);
         const auto all = mechanisms();
         const CK_ULONG offered = *pulCount;
@@ -109,8 +109,8 @@ CK_RV C_GetMechanismList(CK_SLOT_ID slotID, CK_MECHANISM_TYPE_PTR pMechanismList
 }
 
 CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM_INFO_PTR pInfo) {
-    return onCard([&](Card&) {
-        Card::checkSlot(slotID);
+    return onSlot([&](Slot&) {
+        Slot::checkSlot(slotID);
         require(pInfo);
         const Mechanism* mechanism = findMechanism(type);
         if (mechanism == nullptr) throw CryptokiError(CKR_MECHANISM_INVALID);
@@ -119,52 +119,52 @@ CK_RV C_GetMechanismInfo(CK_SLOT_ID slotID, CK_MECHANISM_TYPE type, CK_MECHANISM
 }
 
 CK_RV C_InitToken(CK_SLOT_ID slotID, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR) {
-    return onCard([&](Card&) {
-        Card::checkSlot(slotID);
-        // The tool's delete-all-identities empties the card; nothing here starts it anew.
+    return onSlot([&](Slot&) {
+        Slot::checkSlot(slotID);
+        // The tool's delete-all-identities empties the slot; nothing here starts it anew.
         throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED);
     });
 }
 
 CK_RV C_InitPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
+    return onSlot([&](Slot& slot) { throw CryptokiError(noPin(slot, hSession)); });
 }
 
 CK_RV C_SetPIN(CK_SESSION_HANDLE hSession, CK_UTF8CHAR_PTR, CK_ULONG, CK_UTF8CHAR_PTR, CK_ULONG) {
-    return onCard([&](Card& card) { throw CryptokiError(noPin(card, hSession)); });
+    return onSlot([&](Slot& slot) { throw CryptokiError(noPin(slot, hSession)); });
 }
 
 CK_RV C_OpenSession(CK_SLOT_ID slotID, CK_FLAGS flags, CK_VOID_PTR, CK_NOTIFY,
                     CK_SESSION_HANDLE_PTR phSession) {
-    return onCard([&](Card& card) {
-        Card::checkSlot(slotID);
+    return onSlot([&](Slot& slot) {
+        Slot::checkSlot(slotID);
         require(phSession);
         if ((flags & CKF_SERIAL_SESSION) == 0)
             throw CryptokiError(CKR_SESSION_PARALLEL_NOT_SUPPORTED);
         // Read-write sessions are granted although nothing can be written: OpenSSH, among
         // others, opens only those. Every change is still refused per object.
-        *phSession = card.openSession(flags & (CKF_SERIAL_SESSION | CKF_RW_SESSION));
+        *phSession = slot.openSession(flags & (CKF_SERIAL_SESSION | CKF_RW_SESSION));
     });
 }
 
 CK_RV C_CloseSession(CK_SESSION_HANDLE hSession) {
-    return onCard([&](Card& card) { card.closeSession(hSession); });
+    return onSlot([&](Slot& slot) { slot.closeSession(hSession); });
 }
 
 CK_RV C_CloseAllSessions(CK_SLOT_ID slotID) {
-    return onCard([&](Card& card) {
-        Card::checkSlot(slotID);
-        card.closeAllSessions();
+    return onSlot([&](Slot& slot) {
+        Slot::checkSlot(slotID);
+        slot.closeAllSessions();
     });
 }
 
 CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         require(pInfo);
-        pInfo->slotID = Card::slotID;
+        pInfo->slotID = Slot::slotID;
         const bool readWrite = (session->flags & CKF_RW_SESSION) != 0;
-        pInfo->state = card.loggedIn()
+        pInfo->state = slot.loggedIn()
                            ? (readWrite ? CKS_RW_USER_FUNCTIONS : CKS_RO_USER_FUNCTIONS)
                            : (readWrite ? CKS_RW_PUBLIC_SESSION : CKS_RO_PUBLIC_SESSION);
         pInfo->flags = session->flags;
@@ -174,17 +174,17 @@ CK_RV C_GetSessionInfo(CK_SESSION_HANDLE hSession, CK_SESSION_INFO_PTR pInfo) {
 
 CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR pPin,
               CK_ULONG ulPinLen) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
         arrayArgument(pPin, ulPinLen);
         switch (userType) {
             case CKU_USER:
                 // The token has no PIN: logging in changes nothing but the session state.
-                card.logIn();
+                slot.logIn();
                 return;
             case CKU_SO:
                 // There is no security officer, so no PIN is the right one.
-                throw CryptokiError(card.readOnlySessionCount() > 0 ? CKR_SESSION_READ_ONLY_EXISTS
+                throw CryptokiError(slot.readOnlySessionCount() > 0 ? CKR_SESSION_READ_ONLY_EXISTS
                                                                     : CKR_PIN_INCORRECT);
             case CKU_CONTEXT_SPECIFIC:
                 throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
@@ -195,14 +195,14 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
 }
 
 CK_RV C_Logout(CK_SESSION_HANDLE hSession) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        card.logOut();
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
+        slot.logOut();
     });
 }
 
 CK_RV C_WaitForSlotEvent(CK_FLAGS flags, CK_SLOT_ID_PTR pSlot, CK_VOID_PTR pReserved) {
-    return onCard([&](Card&) {
+    return onSlot([&](Slot&) {
         if (pReserved != nullptr) throw CryptokiError(CKR_ARGUMENTS_BAD);
         require(pSlot);
         // The token never leaves its slot.

@@ -1,9 +1,9 @@
 // Entry points that change the card: key pairs made, certificates stored, labels changed,
 // identities removed. The card has no PIN: no login is needed (docs/decisions.md).
 #include "base/certificate_reader.hpp"
+#include "card/identity_lookup.hpp"
 #include "pkcs11/card_templates.hpp"
 #include "pkcs11/module_state.hpp"
-#include "store/identity_lookup.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -17,8 +17,8 @@ void requireReadWrite(const Session& session) {
 
 // The handle of an object just stored. Nothing may fail once the change is committed: the
 // application would take a stored key for one never made, and make another.
-CK_OBJECT_HANDLE handleOf(Card& card, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
-    return card.objects().handleOfWritten({objectClass, hash});
+CK_OBJECT_HANDLE handleOf(Slot& slot, CK_OBJECT_CLASS objectClass, const Bytes& hash) {
+    return slot.objects().handleOfWritten({objectClass, hash});
 }
 
 }  // namespace
@@ -29,8 +29,8 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                         CK_ATTRIBUTE_PTR pPublicKeyTemplate, CK_ULONG ulPublicKeyAttributeCount,
                         CK_ATTRIBUTE_PTR pPrivateKeyTemplate, CK_ULONG ulPrivateKeyAttributeCount,
                         CK_OBJECT_HANDLE_PTR phPublicKey, CK_OBJECT_HANDLE_PTR phPrivateKey) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         require(pMechanism);
         require(phPublicKey);
         require(phPrivateKey);
@@ -38,7 +38,7 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
             arrayArgument(pPublicKeyTemplate, ulPublicKeyAttributeCount);
         const std::span<const CK_ATTRIBUTE> privateTemplate =
             arrayArgument(pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
-        card.checkLive();
+        slot.checkLive();
         if (pMechanism->mechanism != CKM_EC_KEY_PAIR_GEN)
             throw CryptokiError(CKR_MECHANISM_INVALID);
         if (pMechanism->pParameter != nullptr || pMechanism->ulParameterLen != 0)
@@ -46,16 +46,16 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         requireReadWrite(*session);
         const KeyPairRequest request = keyPairRequestOf(publicTemplate, privateTemplate);
         const Bytes hash =
-            addIdentity(card.withKeyProcessor([&] { return makeIdentity(request); }));
-        *phPublicKey = handleOf(card, CKO_PUBLIC_KEY, hash);
-        *phPrivateKey = handleOf(card, CKO_PRIVATE_KEY, hash);
+            addIdentity(slot.withKeyProcessor([&] { return makeIdentity(request); }));
+        *phPublicKey = handleOf(slot, CKO_PUBLIC_KEY, hash);
+        *phPrivateKey = handleOf(slot, CKO_PRIVATE_KEY, hash);
     });
 }
 
 CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount,
                      CK_OBJECT_HANDLE_PTR phObject) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         const std::span<const CK_ATTRIBUTE> objectTemplate = arrayArgument(pTemplate, ulCount);
         require(phObject);
         // The card takes the certificates of its own keys, nothing else.
@@ -72,19 +72,19 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
         const auto fields = readCertificate(certificate);
         if (!fields) throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
         // The id pairs the certificate with its key: it must be the key's public-key hash.
-        const Bytes hash = store::publicKeyHashOf(*fields);
+        const Bytes hash = card::publicKeyHashOf(*fields);
         if (const auto* id = findIn(objectTemplate, CKA_ID); id != nullptr && valueOf(*id) != hash)
             throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
         storeCertificate(certificate, hash, labelIn(objectTemplate));
-        *phObject = handleOf(card, CKO_CERTIFICATE, hash);
+        *phObject = handleOf(slot, CKO_CERTIFICATE, hash);
     });
 }
 
 CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
-        const auto object = card.object(hObject);
-        if (card.objects().destroySessionObject(hObject)) return;
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
+        const auto object = slot.object(hObject);
+        if (slot.objects().destroySessionObject(hObject)) return;
         // An identity is one unit on the card: either of its keys takes it all away, as
         // delete-identity does. Its certificate alone is replaced, never destroyed, so that no
         // key is lost with it.
@@ -97,9 +97,9 @@ CK_RV C_DestroyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject) {
 
 CK_RV C_SetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
-        const auto object = card.object(hObject);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
+        const auto object = slot.object(hObject);
         const std::span<const CK_ATTRIBUTE> changes = arrayArgument(pTemplate, ulCount);
         if (!object->allows(CKA_MODIFIABLE)) throw CryptokiError(CKR_ACTION_PROHIBITED);
         requireReadWrite(*session);

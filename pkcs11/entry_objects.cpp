@@ -8,9 +8,9 @@ extern "C" {
 
 CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTRIBUTE_PTR pTemplate,
                    CK_ULONG ulCount, CK_OBJECT_HANDLE_PTR phNewObject) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        card.object(hObject);
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
+        slot.object(hObject);
         arrayArgument(pTemplate, ulCount);
         require(phNewObject);
         throw CryptokiError(CKR_ACTION_PROHIBITED);
@@ -18,9 +18,9 @@ CK_RV C_CopyObject(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ATTR
 }
 
 CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_ULONG_PTR pulSize) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        card.object(hObject);
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
+        slot.object(hObject);
         require(pulSize);
         *pulSize = CK_UNAVAILABLE_INFORMATION;
     });
@@ -28,28 +28,28 @@ CK_RV C_GetObjectSize(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject, CK_U
 
 CK_RV C_GetAttributeValue(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hObject,
                           CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    return onCard([&](Card& card) {
-        card.session(hSession);
-        const auto object = card.object(hObject);
+    return onSlot([&](Slot& slot) {
+        slot.session(hSession);
+        const auto object = slot.object(hObject);
         const CK_RV rv = object->attributes.copyInto(arrayArgument(pTemplate, ulCount));
         if (rv != CKR_OK) throw CryptokiError(rv);
     });
 }
 
 CK_RV C_FindObjectsInit(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulCount) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         const auto searchTemplate = arrayArgument(pTemplate, ulCount);
         if (session->searchResults) throw CryptokiError(CKR_OPERATION_ACTIVE);
-        session->searchResults = card.objects().search(searchTemplate);
+        session->searchResults = slot.objects().search(searchTemplate);
         session->searchPosition = 0;
     });
 }
 
 CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject,
                     CK_ULONG ulMaxObjectCount, CK_ULONG_PTR pulObjectCount) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         require(pulObjectCount);
         const auto out = arrayArgument(phObject, ulMaxObjectCount);
         if (!session->searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
@@ -64,8 +64,8 @@ CK_RV C_FindObjects(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE_PTR phObject,
 }
 
 CK_RV C_FindObjectsFinal(CK_SESSION_HANDLE hSession) {
-    return onCard([&](Card& card) {
-        const auto session = card.session(hSession);
+    return onSlot([&](Slot& slot) {
+        const auto session = slot.session(hSession);
         if (!session->searchResults) throw CryptokiError(CKR_OPERATION_NOT_INITIALIZED);
         session->searchResults.reset();
     });

@@ -8,11 +8,11 @@ using namespace keyloft::pkcs11;
 namespace {
 
 CK_RV unsupported() {
-    return onCard([](Card&) { throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED); });
+    return onSlot([](Slot&) { throw CryptokiError(CKR_FUNCTION_NOT_SUPPORTED); });
 }
 
 CK_RV notParallel() {
-    return onCard([](Card&) { throw CryptokiError(CKR_FUNCTION_NOT_PARALLEL); });
+    return onSlot([](Slot&) { throw CryptokiError(CKR_FUNCTION_NOT_PARALLEL); });
 }
 
 }  // namespace

@@ -17,13 +17,13 @@ namespace {
 void releaseKeysAtExit() {
     auto& state = moduleState();
     const std::shared_lock guard(state.lock);
-    if (state.card) state.card->releaseKeys();
+    if (state.slot) state.slot->releaseKeys();
 }
 
 // Runs at dlclose, and at exit after every exit handler: a card the application never finalized
 // goes with the module. It holds no keys by then.
-[[gnu::destructor]] void endCardAtUnload() {
-    endCard();
+[[gnu::destructor]] void endSlotAtUnload() {
+    endSlot();
 }
 
 }  // namespace
@@ -35,7 +35,7 @@ ModuleState& moduleState() {
     return *state;
 }
 
-bool startCard(std::unique_ptr<Card> card) {
+bool startSlot(std::unique_ptr<Slot> slot) {
     platform::crypto::startCryptoLibrary();
     static std::once_flag registered;
     std::call_once(registered, [] {
@@ -43,17 +43,17 @@ bool startCard(std::unique_ptr<Card> card) {
     });
     auto& state = moduleState();
     const std::unique_lock guard(state.lock);
-    if (state.card) return false;
-    state.card = std::move(card);
+    if (state.slot) return false;
+    state.slot = std::move(slot);
     return true;
 }
 
-bool endCard() {
-    std::unique_ptr<Card> ended;
+bool endSlot() {
+    std::unique_ptr<Slot> ended;
     auto& state = moduleState();
     {
         const std::unique_lock guard(state.lock);
-        ended = std::move(state.card);
+        ended = std::move(state.slot);
     }
     return ended != nullptr;
 }

@@ -5,7 +5,7 @@
 #include <shared_mutex>
 
 #include "base/error.hpp"
-#include "pkcs11/card.hpp"
+#include "pkcs11/slot.hpp"
 #include "platform/os/log.hpp"
 
 namespace keyloft::pkcs11 {
@@ -15,7 +15,7 @@ namespace keyloft::pkcs11 {
 // sessions and objects.
 struct ModuleState {
     std::shared_mutex lock;
-    std::unique_ptr<Card> card;  // set between C_Initialize and C_Finalize
+    std::unique_ptr<Slot> slot;  // set between C_Initialize and C_Finalize
 };
 
 // Never destroyed: applications finalize from exit handlers and thread exits that may run after
@@ -23,19 +23,19 @@ struct ModuleState {
 ModuleState& moduleState();
 
 // Starts the card for C_Initialize; false when it already runs.
-bool startCard(std::unique_ptr<Card> card);
+bool startSlot(std::unique_ptr<Slot> slot);
 // Ends the card for C_Finalize; false when none runs.
-bool endCard();
+bool endSlot();
 
-// Runs an entry point's work on the initialised card, turning every failure into its CKR_ value.
+// Runs an entry point's work on the initialised slot, turning every failure into its CKR_ value.
 // Nothing escapes into the calling application.
 template <class Work>
-CK_RV onCard(Work&& work) noexcept {
+CK_RV onSlot(Work&& work) noexcept {
     try {
         auto& state = moduleState();
         const std::shared_lock guard(state.lock);
-        if (!state.card) return CKR_CRYPTOKI_NOT_INITIALIZED;
-        work(*state.card);
+        if (!state.slot) return CKR_CRYPTOKI_NOT_INITIALIZED;
+        work(*state.slot);
         return CKR_OK;
     } catch (const CryptokiError& error) {
         return error.rv();

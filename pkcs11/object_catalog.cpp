@@ -10,7 +10,7 @@ namespace keyloft::pkcs11 {
 namespace {
 
 using platform::token_store::SharedTokenItem;
-using platform::token_store::TesseraTokenItem;
+using platform::token_store::TokenItem;
 
 // Damaged configuration data leaves the keys unusable, not the certificates unreadable; a damaged
 // record, its identity alone without a private key.
@@ -36,8 +36,8 @@ std::size_t hashOf(ByteView objectID) {
 }
 
 // Of the public-key hash a key item's private key is stored under; never 0, which stands for none.
-std::size_t keyHashOf(const TesseraTokenItem& item) {
-    const auto* key = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
+std::size_t keyHashOf(const TokenItem& item) {
+    const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
     return key != nullptr && key->publicKeyHash ? hashOf(*key->publicKeyHash) | 1U : 0;
 }
 
@@ -46,7 +46,7 @@ std::size_t keyHashOf(const TesseraTokenItem& item) {
 std::vector<std::size_t> changedRecords(const keys::StoredKeyMap& before,
                                         const keys::StoredKeyMap& after) {
     auto custody = [](const keys::KeyStorage& storage) {
-        return std::pair(storage.bastionKey.has_value(), storage.sealedKey.has_value());
+        return std::pair(storage.boundKey.has_value(), storage.sealedKey.has_value());
     };
     std::vector<std::size_t> changed;
     auto was = before.begin();
@@ -77,7 +77,7 @@ class PreviousItems {
   public:
     explicit PreviousItems(std::span<const SharedTokenItem> items) : items_(items) {}
 
-    std::size_t find(const TesseraTokenItem* item) {
+    std::size_t find(const TokenItem* item) {
         if (next_ < items_.size() && items_[next_].get() == item) return next_++;
         if (byAddress_.empty()) {
             byAddress_.reserve(items_.size());
@@ -92,7 +92,7 @@ class PreviousItems {
     }
 
   private:
-    using Entry = std::pair<const TesseraTokenItem*, std::size_t>;
+    using Entry = std::pair<const TokenItem*, std::size_t>;
     std::span<const SharedTokenItem> items_;
     std::size_t next_ = 0;
     std::vector<Entry> byAddress_;
@@ -132,7 +132,7 @@ struct FreedHandle {
 }  // namespace
 
 ObjectCatalog::ObjectCatalog(const ObjectCatalog& previous,
-                             platform::token_store::TesseraTokenSnapshot snapshot,
+                             platform::token_store::TokenSnapshot snapshot,
                              const NewHandle& newHandle)
     : snapshot_(std::move(snapshot)) {
     const bool sameKeys = snapshot_.configurationData == previous.snapshot_.configurationData;
@@ -197,7 +197,7 @@ std::vector<const std::string*> ObjectCatalog::labelsAfter(const ObjectCatalog& 
     std::ranges::sort(touched);
 
     std::vector<const std::string*> labels(items.size(), nullptr);
-    std::vector<const TesseraTokenItem*> again;
+    std::vector<const TokenItem*> again;
     std::vector<std::size_t> againAt;
     for (std::size_t i = 0; i < items.size(); ++i) {
         if (before[i] != none &&

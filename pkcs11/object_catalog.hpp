@@ -28,8 +28,8 @@ class ObjectCatalog {
     // private key, are kept with their handles: a change costs what it touched. An object made
     // anew takes the handle of an object dropped here with the same class and id, so that a
     // relabelled object or a replaced certificate keeps its handle; any other gets a new handle.
-    ObjectCatalog(const ObjectCatalog& previous,
-                  platform::token_store::TesseraTokenSnapshot snapshot, const NewHandle& newHandle);
+    ObjectCatalog(const ObjectCatalog& previous, platform::token_store::TokenSnapshot snapshot,
+                  const NewHandle& newHandle);
 
     // Handles of the objects matching the template, in token order.
     std::vector<CK_OBJECT_HANDLE> search(std::span<const CK_ATTRIBUTE> searchTemplate) const;
@@ -75,7 +75,7 @@ class ObjectCatalog {
     void makeObjects(const ObjectCatalog& previous, const std::vector<bool>& keptItems,
                      const std::vector<std::size_t>& remade, const NewHandle& newHandle);
 
-    platform::token_store::TesseraTokenSnapshot snapshot_;
+    platform::token_store::TokenSnapshot snapshot_;
     std::shared_ptr<const keys::StoredKeyMap> storedKeys_ =
         std::make_shared<const keys::StoredKeyMap>();
     std::vector<ItemObjects> itemObjects_;  // parallel to the snapshot's items

@@ -1,7 +1,7 @@
 #include "pkcs11/operations.hpp"
 
 #include "base/error.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "der/digest_info.hpp"
 #include "der/ecdsa_signature.hpp"

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string_view>
 
+#include "card/user_card.hpp"
 #include "platform/crypto/digest.hpp"
 #include "pubkey/hex.hpp"
-#include "store/user_card.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -20,10 +20,10 @@ void fill(CK_UTF8CHAR (&field)[N], std::string_view text) {
 }
 
 // Derived from the token's names, so that it stays the same across runs and machines for the
-// same card, as applications that remember tokens expect.
+// same slot, as applications that remember tokens expect.
 std::string serialNumber() {
     const std::string name =
-        std::string(store::driverClassID) + "/" + std::string(store::userInstanceID);
+        std::string(card::driverClassID) + "/" + std::string(card::userInstanceID);
     const Bytes hash = platform::crypto::sha1(bytesOf(name));
     return pubkey::toHexString(ByteView(hash).first(8));
 }

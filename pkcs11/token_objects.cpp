@@ -5,7 +5,7 @@
 #include "base/certificate_reader.hpp"
 #include "base/control_characters.hpp"
 
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "der/object_identifiers.hpp"
 #include "keys/key_access.hpp"
@@ -46,7 +46,7 @@ AttributeSet commonAttributes(CK_OBJECT_CLASS objectClass, ByteView objectID,
     return attributes;
 }
 
-TokenObject certificateObject(const platform::token_store::TesseraTokenCertificateItem& item,
+TokenObject certificateObject(const platform::token_store::CertificateItem& item,
                               const std::string* label) {
     auto attributes = commonAttributes(CKO_CERTIFICATE, item.objectID, label);
     attributes.setUlong(CKA_CERTIFICATE_TYPE, CKC_X_509);
@@ -88,7 +88,7 @@ std::optional<RsaNumbers> rsaNumbers(ByteView rsaPublicKey) {
 
 // Attributes of the public key itself, shared by both key objects; false when the key cannot
 // be described.
-bool describeKey(const platform::token_store::TesseraTokenKeyItem& item, AttributeSet& attributes,
+bool describeKey(const platform::token_store::KeyItem& item, AttributeSet& attributes,
                  CK_KEY_TYPE& keyType) {
     if (!item.publicKeyData) return false;
     if (item.keyType == keyTypeEC) {
@@ -126,15 +126,13 @@ struct Capabilities {
 };
 
 // Unset flags take the defaults the tool itself writes for the key type.
-Capabilities capabilitiesOf(const platform::token_store::TesseraTokenKeyItem& item,
-                            CK_KEY_TYPE keyType) {
+Capabilities capabilitiesOf(const platform::token_store::KeyItem& item, CK_KEY_TYPE keyType) {
     return {item.canSign.value_or(true), item.canDecrypt.value_or(keyType == CKK_RSA),
             item.canPerformKeyExchange.value_or(keyType == CKK_EC)};
 }
 
-void appendKeyObjects(const platform::token_store::TesseraTokenKeyItem& item,
-                      const std::string* label, PrivateKeyCustody custody,
-                      std::vector<TokenObject>& objects) {
+void appendKeyObjects(const platform::token_store::KeyItem& item, const std::string* label,
+                      PrivateKeyCustody custody, std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
     if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
@@ -209,9 +207,9 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
     return value != nullptr && value->size() == 1 && (*value)[0] == CK_TRUE;
 }
 
-PrivateKeyCustody custodyOf(const platform::token_store::TesseraTokenItem& item,
+PrivateKeyCustody custodyOf(const platform::token_store::TokenItem& item,
                             const keys::StoredKeyMap& storedKeys) {
-    const auto* key = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
+    const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
     if (key == nullptr || !key->publicKeyHash) return PrivateKeyCustody::none;
     const auto stored = storedKeys.find(*key->publicKeyHash);
     if (stored == storedKeys.end()) return PrivateKeyCustody::none;
@@ -219,15 +217,13 @@ PrivateKeyCustody custodyOf(const platform::token_store::TesseraTokenItem& item,
                                                          : PrivateKeyCustody::bound;
 }
 
-std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenItem& item,
+std::vector<TokenObject> itemObjects(const platform::token_store::TokenItem& item,
                                      const std::string* label, PrivateKeyCustody custody) {
     std::vector<TokenObject> objects;
-    if (const auto* certificate =
-            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+    if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
         objects.push_back(certificateObject(*certificate, label));
     } else {
-        appendKeyObjects(std::get<platform::token_store::TesseraTokenKeyItem>(item), label, custody,
-                         objects);
+        appendKeyObjects(std::get<platform::token_store::KeyItem>(item), label, custody, objects);
     }
     return objects;
 }
@@ -236,7 +232,7 @@ std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenIt
 // kept the label have certificate items without one. Sorting views of the ids groups the items
 // without copying an id or a label.
 std::vector<const std::string*> identityLabels(
-    std::span<const platform::token_store::TesseraTokenItem* const> items) {
+    std::span<const platform::token_store::TokenItem* const> items) {
     std::vector<std::pair<ByteView, std::size_t>> byID;
     byID.reserve(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) byID.emplace_back(objectIDOf(*items[i]), i);
@@ -253,8 +249,7 @@ std::vector<const std::string*> identityLabels(
         const std::string* chosen = nullptr;
         for (auto entry = group; entry != end; ++entry) {
             const auto& item = *items[entry->second];
-            const bool isKey =
-                std::holds_alternative<platform::token_store::TesseraTokenKeyItem>(item);
+            const bool isKey = std::holds_alternative<platform::token_store::KeyItem>(item);
             const auto& label = std::visit(
                 [](const auto& fields) -> const auto& { return fields.label; }, item);
             if (!label || label->empty() || (chosen != nullptr && !isKey)) continue;
@@ -266,7 +261,7 @@ std::vector<const std::string*> identityLabels(
     return labels;
 }
 
-ByteView objectIDOf(const platform::token_store::TesseraTokenItem& item) {
+ByteView objectIDOf(const platform::token_store::TokenItem& item) {
     return std::visit([](const auto& fields) { return ByteView(fields.objectID); }, item);
 }
 

@@ -43,23 +43,23 @@ struct TokenObject {
 enum class PrivateKeyCustody : std::uint8_t { none, exportable, bound };
 
 // none for a certificate item and for a key whose stored key is missing.
-PrivateKeyCustody custodyOf(const platform::token_store::TesseraTokenItem& item,
+PrivateKeyCustody custodyOf(const platform::token_store::TokenItem& item,
                             const keys::StoredKeyMap& storedKeys);
 
 // The objects applications see for one item: a certificate for a certificate item; a public and
 // a private key for a key item (the private key only with a custody), so never more than
 // maxObjectsPerItem. The label is the identity's (see identityLabels); null for none.
 inline constexpr std::size_t maxObjectsPerItem = 2;
-std::vector<TokenObject> itemObjects(const platform::token_store::TesseraTokenItem& item,
+std::vector<TokenObject> itemObjects(const platform::token_store::TokenItem& item,
                                      const std::string* label, PrivateKeyCustody custody);
 
 // One label per identity (the items sharing an object id), so that applications that pair a
 // certificate with its key by label find both: for each item, its identity's label, pointing into
 // the items, or null. The items given must include every item of their identities.
 std::vector<const std::string*> identityLabels(
-    std::span<const platform::token_store::TesseraTokenItem* const> items);
+    std::span<const platform::token_store::TokenItem* const> items);
 
-ByteView objectIDOf(const platform::token_store::TesseraTokenItem& item);
+ByteView objectIDOf(const platform::token_store::TokenItem& item);
 // Orders ids byte by byte, for sorting views of them.
 std::strong_ordering compareIDs(ByteView a, ByteView b);
 

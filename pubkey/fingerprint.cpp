@@ -8,7 +8,7 @@
 
 namespace keyloft::pubkey {
 
-Bytes keyHash(const platform::token_store::TesseraTokenKeyItem& item, HashType type) {
+Bytes keyHash(const platform::token_store::KeyItem& item, HashType type) {
     switch (type) {
         case HashType::sha1:
             if (!item.publicKeyHash) throw KeyloftError::generic("key has invalid public key hash");

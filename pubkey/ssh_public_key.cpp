@@ -5,7 +5,7 @@
 
 namespace keyloft::pubkey {
 
-Bytes sshPublicKeyBlob(const platform::token_store::TesseraTokenKeyItem& item) {
+Bytes sshPublicKeyBlob(const platform::token_store::KeyItem& item) {
     if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
     const auto key = platform::key_service::PublicKey::fromData(item.keyType, *item.publicKeyData);
     Bytes blob;

@@ -17,7 +17,7 @@ inline constexpr std::string_view fidoApplication = "ssh:";
 // The SSH public-key blob of a token key: a FIDO ECDSA key for EC, "ssh-rsa" for RSA. Throws
 // KeyloftError for a key without data or of another type, PlatformError when the key service
 // cannot make a key of the data.
-Bytes sshPublicKeyBlob(const platform::token_store::TesseraTokenKeyItem& item);
+Bytes sshPublicKeyBlob(const platform::token_store::KeyItem& item);
 
 // "nistp256", "nistp384" or "nistp521" by the key's size. Throws KeyloftError when the key
 // service reports no attributes.

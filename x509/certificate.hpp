@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "base/bytes.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "x509/validity.hpp"
 

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/ber_tlv_record.hpp"
 #include "x509/certificate.hpp"
 

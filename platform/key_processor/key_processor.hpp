@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "base/bytes.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "platform/crypto/secret.hpp"
 #include "platform/key_service/private_key.hpp"
 

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "base/bytes.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "platform/crypto/secret.hpp"
 #include "platform/key_service/rsa_parameters.hpp"
 #include "platform/key_service/signature_algorithm.hpp"

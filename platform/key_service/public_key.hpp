@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "base/bytes.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "platform/crypto/openssl_handles.hpp"
 
 namespace keyloft::platform::key_service {

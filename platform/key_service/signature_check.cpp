@@ -8,7 +8,7 @@
 #include <functional>
 
 #include "base/error.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "platform/crypto/message_digest.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 

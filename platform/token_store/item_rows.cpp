@@ -37,27 +37,26 @@ bool sameCommonFields(const sqlite::Statement& row, const Item& item) {
 
 }  // namespace
 
-TesseraTokenItem itemOfRow(const sqlite::Statement& row) {
+TokenItem itemOfRow(const sqlite::Statement& row) {
     if (isCertificateRow(row)) {
-        return TesseraTokenCertificateItem{row.blob(objectID), textAt(row, label),
-                                           row.blob(certificate)};
+        return CertificateItem{row.blob(objectID), textAt(row, label), row.blob(certificate)};
     }
-    TesseraTokenKeyItem key{.objectID = row.blob(objectID),
-                            .label = textAt(row, label),
-                            .certificate = row.blob(certificate),
-                            .canSign = flagAt(row, canSign),
-                            .canDecrypt = flagAt(row, canDecrypt),
-                            .canPerformKeyExchange = flagAt(row, canKeyExchange)};
+    KeyItem key{.objectID = row.blob(objectID),
+                .label = textAt(row, label),
+                .certificate = row.blob(certificate),
+                .canSign = flagAt(row, canSign),
+                .canDecrypt = flagAt(row, canDecrypt),
+                .canPerformKeyExchange = flagAt(row, canKeyExchange)};
     deriveKeyFields(key);
     return key;
 }
 
-bool rowHoldsItem(const sqlite::Statement& row, const TesseraTokenItem& item) {
+bool rowHoldsItem(const sqlite::Statement& row, const TokenItem& item) {
     if (isCertificateRow(row)) {
-        const auto* held = std::get_if<TesseraTokenCertificateItem>(&item);
+        const auto* held = std::get_if<CertificateItem>(&item);
         return held != nullptr && sameCommonFields(row, *held);
     }
-    const auto* held = std::get_if<TesseraTokenKeyItem>(&item);
+    const auto* held = std::get_if<KeyItem>(&item);
     // The derived fields follow from the certificate.
     return held != nullptr && sameCommonFields(row, *held) &&
            flagAt(row, canSign) == held->canSign && flagAt(row, canDecrypt) == held->canDecrypt &&

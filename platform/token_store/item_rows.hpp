@@ -17,9 +17,9 @@ inline constexpr std::string_view itemColumns =
 inline constexpr int itemColumnCount = 7;
 
 // The item of the current row, its key fields derived.
-TesseraTokenItem itemOfRow(const sqlite::Statement& row);
+TokenItem itemOfRow(const sqlite::Statement& row);
 
 // True when the current row holds exactly the item; compares in place, copying nothing.
-bool rowHoldsItem(const sqlite::Statement& row, const TesseraTokenItem& item);
+bool rowHoldsItem(const sqlite::Statement& row, const TokenItem& item);
 
 }  // namespace keyloft::platform::token_store

@@ -190,7 +190,7 @@ void Connection::transaction(const std::function<void()>& work) const {
     }
 }
 
-void Connection::writeTransaction(const std::function<void()>& work) const {
+void Connection::writeCommittingEvenOnThrow(const std::function<void()>& work) const {
     if (sqlite3_exec(db_.get(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) {
         if (sqlite3_errcode(db_.get()) == SQLITE_BUSY) {
             throw PlatformError("The card is busy: another command kept it for more than " +

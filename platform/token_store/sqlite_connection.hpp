@@ -84,7 +84,7 @@ class Connection {
     // Runs the work holding the database for writing: other writers wait (up to the busy
     // timeout, then PlatformError "busy") and readers keep seeing the state before it. What the
     // work changed before it threw is committed and the error passes on; a crash keeps nothing.
-    void writeTransaction(const std::function<void()>& work) const;
+    void writeCommittingEvenOnThrow(const std::function<void()>& work) const;
     // Runs the work in one read transaction: every query in it sees the same committed state.
     void readTransaction(const std::function<void()>& work) const;
     // Changes whenever another connection commits to the database.

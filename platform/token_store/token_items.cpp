@@ -5,22 +5,21 @@
 
 namespace keyloft::platform::token_store {
 
-std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,
-                                                               ByteView objectID) {
+std::optional<CertificateItem> makeCertificateItem(ByteView certificate, ByteView objectID) {
     if (!readCertificate(certificate)) return std::nullopt;
-    return TesseraTokenCertificateItem{Bytes(objectID.begin(), objectID.end()), std::nullopt,
-                                       Bytes(certificate.begin(), certificate.end())};
+    return CertificateItem{Bytes(objectID.begin(), objectID.end()), std::nullopt,
+                           Bytes(certificate.begin(), certificate.end())};
 }
 
-std::optional<TesseraTokenKeyItem> makeKeyItem(ByteView certificate, ByteView objectID) {
-    TesseraTokenKeyItem item{.objectID = Bytes(objectID.begin(), objectID.end()),
-                             .certificate = Bytes(certificate.begin(), certificate.end())};
+std::optional<KeyItem> makeKeyItem(ByteView certificate, ByteView objectID) {
+    KeyItem item{.objectID = Bytes(objectID.begin(), objectID.end()),
+                 .certificate = Bytes(certificate.begin(), certificate.end())};
     deriveKeyFields(item);
     if (!item.publicKeyData) return std::nullopt;
     return item;
 }
 
-void deriveKeyFields(TesseraTokenKeyItem& item) {
+void deriveKeyFields(KeyItem& item) {
     item.keyType.clear();
     item.keySizeInBits = 0;
     item.publicKeyData.reset();

@@ -11,17 +11,17 @@
 namespace keyloft::platform::token_store {
 
 // A published certificate.
-struct TesseraTokenCertificateItem {
+struct CertificateItem {
     Bytes objectID;
     std::optional<std::string> label;
     Bytes certificate;  // DER
 
-    bool operator==(const TesseraTokenCertificateItem&) const = default;
+    bool operator==(const CertificateItem&) const = default;
 };
 
 // A published key, made from a certificate; the key fields are derived from the certificate's
 // public key and are absent when the certificate cannot be read.
-struct TesseraTokenKeyItem {
+struct KeyItem {
     Bytes objectID;
     std::optional<std::string> label;
     Bytes certificate;  // DER
@@ -34,20 +34,19 @@ struct TesseraTokenKeyItem {
     std::optional<Bytes> publicKeyData;  // EC point or DER RSAPublicKey
     std::optional<Bytes> publicKeyHash;  // SHA-1 of publicKeyData
 
-    bool operator==(const TesseraTokenKeyItem&) const = default;
+    bool operator==(const KeyItem&) const = default;
 };
 
-using TesseraTokenItem = std::variant<TesseraTokenCertificateItem, TesseraTokenKeyItem>;
-using TesseraTokenItems = std::vector<TesseraTokenItem>;
+using TokenItem = std::variant<CertificateItem, KeyItem>;
+using TokenItems = std::vector<TokenItem>;
 // An item as readers that follow the token hold it, shared from one reading to the next.
-using SharedTokenItem = std::shared_ptr<const TesseraTokenItem>;
+using SharedTokenItem = std::shared_ptr<const TokenItem>;
 
 // Item constructors: nothing when the certificate cannot be parsed.
-std::optional<TesseraTokenCertificateItem> makeCertificateItem(ByteView certificate,
-                                                               ByteView objectID);
-std::optional<TesseraTokenKeyItem> makeKeyItem(ByteView certificate, ByteView objectID);
+std::optional<CertificateItem> makeCertificateItem(ByteView certificate, ByteView objectID);
+std::optional<KeyItem> makeKeyItem(ByteView certificate, ByteView objectID);
 
 // Fills the derived key fields of a key item from its certificate.
-void deriveKeyFields(TesseraTokenKeyItem& item);
+void deriveKeyFields(KeyItem& item);
 
 }  // namespace keyloft::platform::token_store

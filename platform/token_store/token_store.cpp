@@ -57,24 +57,24 @@ void createSchemaIfMissing(const sqlite::Connection& db, std::string_view shippe
 
 }  // namespace
 
-TesseraTokenItems TesseraTokenConfiguration::items() const {
+TokenItems Token::items() const {
     auto query = db_->prepare("SELECT " + std::string(itemColumns) +
                               " FROM items WHERE driver = ? AND instance = ? ORDER BY position");
     query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
-    TesseraTokenItems items;
+    TokenItems items;
     while (query.step()) items.push_back(itemOfRow(query));
     return items;
 }
 
-void TesseraTokenConfiguration::writeTransaction(const std::function<void()>& work) const {
-    db_->writeTransaction(work);
+void Token::writeCommittingEvenOnThrow(const std::function<void()>& work) const {
+    db_->writeCommittingEvenOnThrow(work);
 }
 
-void TesseraTokenConfiguration::readTransaction(const std::function<void()>& work) const {
+void Token::readTransaction(const std::function<void()>& work) const {
     db_->readTransaction(work);
 }
 
-void TesseraTokenConfiguration::appendItems(const TesseraTokenItems& items) const {
+void Token::appendItems(const TokenItems& items) const {
     db_->transaction([&] {
         // Positions run from 0 without gaps; the largest is found in the index without counting.
         auto last =
@@ -91,7 +91,7 @@ void TesseraTokenConfiguration::appendItems(const TesseraTokenItems& items) cons
     });
 }
 
-void TesseraTokenConfiguration::removeItemsAt(std::vector<std::size_t> positions) const {
+void Token::removeItemsAt(std::vector<std::size_t> positions) const {
     std::ranges::sort(positions);
     positions.erase(std::unique(positions.begin(), positions.end()), positions.end());
     if (positions.empty()) return;
@@ -129,8 +129,8 @@ void TesseraTokenConfiguration::removeItemsAt(std::vector<std::size_t> positions
     });
 }
 
-void TesseraTokenConfiguration::relabelItemsAt(const std::vector<std::size_t>& positions,
-                                               std::string_view label) const {
+void Token::relabelItemsAt(const std::vector<std::size_t>& positions,
+                           std::string_view label) const {
     if (positions.empty()) return;
     db_->transaction([&] {
         auto relabel = db_->prepare(
@@ -146,7 +146,7 @@ void TesseraTokenConfiguration::relabelItemsAt(const std::vector<std::size_t>& p
     });
 }
 
-void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) const {
+void Token::replaceItems(const TokenItems& items) const {
     db_->transaction([&] {
         db_->prepare("DELETE FROM items WHERE driver = ? AND instance = ?")
             .bind(1, std::string_view(driver_))
@@ -156,8 +156,7 @@ void TesseraTokenConfiguration::replaceItems(const TesseraTokenItems& items) con
     });
 }
 
-void TesseraTokenConfiguration::insertItems(const TesseraTokenItems& items,
-                                            std::int64_t position) const {
+void Token::insertItems(const TokenItems& items, std::int64_t position) const {
     auto insert = db_->prepare(
         "INSERT INTO items (driver, instance, position, kind, object_id, label, certificate,"
         " can_sign, can_decrypt, can_key_exchange) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
@@ -172,7 +171,7 @@ void TesseraTokenConfiguration::insertItems(const TesseraTokenItems& items,
                 using Item = std::decay_t<decltype(value)>;
                 insert.bind(5, ByteView(value.objectID)).bindOptional(6, value.label);
                 insert.bind(7, ByteView(value.certificate));
-                if constexpr (std::is_same_v<Item, TesseraTokenKeyItem>) {
+                if constexpr (std::is_same_v<Item, KeyItem>) {
                     insert.bind(4, std::string_view("key"))
                         .bindOptional(8, value.canSign)
                         .bindOptional(9, value.canDecrypt)
@@ -189,14 +188,14 @@ void TesseraTokenConfiguration::insertItems(const TesseraTokenItems& items,
     }
 }
 
-std::optional<Bytes> TesseraTokenConfiguration::configurationData() const {
+std::optional<Bytes> Token::configurationData() const {
     auto query = db_->prepare("SELECT config_data FROM tokens WHERE driver = ? AND instance = ?");
     query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
     if (!query.step() || query.isNull(0)) return std::nullopt;
     return query.blob(0);
 }
 
-void TesseraTokenConfiguration::replaceConfigurationData(ByteView data) const {
+void Token::replaceConfigurationData(ByteView data) const {
     db_->transaction([&] {
         db_->prepare("UPDATE tokens SET config_data = ? WHERE driver = ? AND instance = ?")
             .bind(1, data)
@@ -206,7 +205,7 @@ void TesseraTokenConfiguration::replaceConfigurationData(ByteView data) const {
     });
 }
 
-void TesseraTokenConfiguration::patchConfigurationData(std::span<const BytePatch> patches) const {
+void Token::patchConfigurationData(std::span<const BytePatch> patches) const {
     db_->transaction([&] {
         auto row = db_->prepare("SELECT rowid FROM tokens WHERE driver = ? AND instance = ?");
         row.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
@@ -216,7 +215,7 @@ void TesseraTokenConfiguration::patchConfigurationData(std::span<const BytePatch
     });
 }
 
-void TesseraTokenConfiguration::removeConfigurationData() const {
+void Token::removeConfigurationData() const {
     db_->transaction([&] {
         db_->prepare("UPDATE tokens SET config_data = NULL WHERE driver = ? AND instance = ?")
             .bind(1, std::string_view(driver_))
@@ -225,44 +224,40 @@ void TesseraTokenConfiguration::removeConfigurationData() const {
     });
 }
 
-std::map<std::string, TesseraTokenConfiguration>
-TesseraTokenDriverConfiguration::tokenConfigurations() const {
+std::map<std::string, Token> TokenDriver::tokenConfigurations() const {
     auto query = db_->prepare("SELECT instance FROM tokens WHERE driver = ?");
     query.bind(1, std::string_view(driver_));
-    std::map<std::string, TesseraTokenConfiguration> tokens;
+    std::map<std::string, Token> tokens;
     while (query.step()) {
         auto instance = query.text(0);
-        tokens.emplace(instance, TesseraTokenConfiguration(db_, driver_, instance));
+        tokens.emplace(instance, Token(db_, driver_, instance));
     }
     return tokens;
 }
 
-TesseraTokenConfiguration TesseraTokenDriverConfiguration::addTokenConfiguration(
-    std::string_view instanceID) const {
+Token TokenDriver::addTokenConfiguration(std::string_view instanceID) const {
     db_->transaction([&] {
         db_->prepare("INSERT OR IGNORE INTO tokens (driver, instance) VALUES (?, ?)")
             .bind(1, std::string_view(driver_))
             .bind(2, instanceID)
             .run();
     });
-    return TesseraTokenConfiguration(db_, driver_, std::string(instanceID));
+    return Token(db_, driver_, std::string(instanceID));
 }
 
-TesseraDriverRegistry TesseraDriverRegistry::open(const std::filesystem::path& path,
-                                                  std::string_view shippedDriver) {
+TokenStore TokenStore::open(const std::filesystem::path& path, std::string_view shippedDriver) {
     auto db = std::make_shared<const sqlite::Connection>(path);
     createSchemaIfMissing(*db, shippedDriver);
     upgradeLayout(*db);
-    return TesseraDriverRegistry(std::move(db));
+    return TokenStore(std::move(db));
 }
 
-std::map<std::string, TesseraTokenDriverConfiguration> TesseraDriverRegistry::driverConfigurations()
-    const {
-    std::map<std::string, TesseraTokenDriverConfiguration> drivers;
+std::map<std::string, TokenDriver> TokenStore::driverConfigurations() const {
+    std::map<std::string, TokenDriver> drivers;
     auto query = db_->prepare("SELECT class_id FROM drivers");
     while (query.step()) {
         auto classID = query.text(0);
-        drivers.emplace(classID, TesseraTokenDriverConfiguration(db_, classID));
+        drivers.emplace(classID, TokenDriver(db_, classID));
     }
     return drivers;
 }

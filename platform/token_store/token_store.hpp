@@ -21,26 +21,26 @@ class Connection;
 
 // One token: its ordered item list and its optional configuration data. Each change below is
 // whole or not at all; a command that reads, changes and writes holds the token for all of it
-// with writeTransaction, so that commands running at once never overwrite each other.
-class TesseraTokenConfiguration {
+// with writeCommittingEvenOnThrow, so that commands running at once never overwrite each other.
+class Token {
   public:
     const std::string& instanceID() const { return instance_; }
 
     // Runs the work holding the store for writing: other writers wait, for a bounded time, and
     // then fail with "The card is busy..."; readers see the token as it was until the work ends.
     // Changes made before the work threw are kept; a crash keeps none.
-    void writeTransaction(const std::function<void()>& work) const;
+    void writeCommittingEvenOnThrow(const std::function<void()>& work) const;
     // Runs the work on one committed state of the store, never waiting for a writer.
     void readTransaction(const std::function<void()>& work) const;
 
-    TesseraTokenItems items() const;
+    TokenItems items() const;
     // Each writes only the rows it changes.
-    void appendItems(const TesseraTokenItems& items) const;
+    void appendItems(const TokenItems& items) const;
     // Removes the items at the positions (0-based, in any order); the others keep their order.
     void removeItemsAt(std::vector<std::size_t> positions) const;
     // Gives the items at the positions the label.
     void relabelItemsAt(const std::vector<std::size_t>& positions, std::string_view label) const;
-    void replaceItems(const TesseraTokenItems& items) const;
+    void replaceItems(const TokenItems& items) const;
 
     std::optional<Bytes> configurationData() const;
     void replaceConfigurationData(ByteView data) const;
@@ -51,11 +51,10 @@ class TesseraTokenConfiguration {
     void removeConfigurationData() const;
 
   private:
-    void insertItems(const TesseraTokenItems& items, std::int64_t position) const;
+    void insertItems(const TokenItems& items, std::int64_t position) const;
 
-    friend class TesseraTokenDriverConfiguration;
-    TesseraTokenConfiguration(std::shared_ptr<const sqlite::Connection> db, std::string driver,
-                              std::string instance)
+    friend class TokenDriver;
+    Token(std::shared_ptr<const sqlite::Connection> db, std::string driver, std::string instance)
         : db_(std::move(db)), driver_(std::move(driver)), instance_(std::move(instance)) {}
 
     std::shared_ptr<const sqlite::Connection> db_;
@@ -63,17 +62,16 @@ class TesseraTokenConfiguration {
     std::string instance_;
 };
 
-class TesseraTokenDriverConfiguration {
+class TokenDriver {
   public:
     const std::string& classID() const { return driver_; }
 
-    std::map<std::string, TesseraTokenConfiguration> tokenConfigurations() const;
-    TesseraTokenConfiguration addTokenConfiguration(std::string_view instanceID) const;
+    std::map<std::string, Token> tokenConfigurations() const;
+    Token addTokenConfiguration(std::string_view instanceID) const;
 
   private:
-    friend class TesseraDriverRegistry;
-    TesseraTokenDriverConfiguration(std::shared_ptr<const sqlite::Connection> db,
-                                    std::string driver)
+    friend class TokenStore;
+    TokenDriver(std::shared_ptr<const sqlite::Connection> db, std::string driver)
         : db_(std::move(db)), driver_(std::move(driver)) {}
 
     std::shared_ptr<const sqlite::Connection> db_;
@@ -81,18 +79,16 @@ class TesseraTokenDriverConfiguration {
 };
 
 // The driver configurations of the current user, persisted in tokens.db.
-class TesseraDriverRegistry {
+class TokenStore {
   public:
     // A store at the given path; created with its schema and the driver that ships with it when
     // missing.
-    static TesseraDriverRegistry open(const std::filesystem::path& path,
-                                      std::string_view shippedDriver);
+    static TokenStore open(const std::filesystem::path& path, std::string_view shippedDriver);
 
-    std::map<std::string, TesseraTokenDriverConfiguration> driverConfigurations() const;
+    std::map<std::string, TokenDriver> driverConfigurations() const;
 
   private:
-    explicit TesseraDriverRegistry(std::shared_ptr<const sqlite::Connection> db)
-        : db_(std::move(db)) {}
+    explicit TokenStore(std::shared_ptr<const sqlite::Connection> db) : db_(std::move(db)) {}
     std::shared_ptr<const sqlite::Connection> db_;
 };
 

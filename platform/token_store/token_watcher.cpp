@@ -22,15 +22,15 @@ bool hasSchema(const sqlite::Connection& db) {
 
 }  // namespace
 
-TesseraTokenWatcher::TesseraTokenWatcher(std::filesystem::path storePath, std::string driver,
-                                         std::string instance)
+TokenWatcher::TokenWatcher(std::filesystem::path storePath, std::string driver,
+                           std::string instance)
     : storePath_(std::move(storePath)),
       driver_(std::move(driver)),
       instance_(std::move(instance)) {}
 
-TesseraTokenWatcher::~TesseraTokenWatcher() = default;
+TokenWatcher::~TokenWatcher() = default;
 
-std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
+std::optional<TokenSnapshot> TokenWatcher::changes() {
     const auto identity = identityOf(storePath_);
     if (!identity) {
         // Removed or renamed away: its identities go with it, and a connection kept to it would
@@ -41,7 +41,7 @@ std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
         readOnce_ = true;
         known_.clear();
         knownConfigurationData_.reset();
-        return TesseraTokenSnapshot{};
+        return TokenSnapshot{};
     }
     if (!db_ || *identity != openedFile_) {
         // The identity is taken before opening: a file swapped in between shows as another at
@@ -58,7 +58,7 @@ std::optional<TesseraTokenSnapshot> TesseraTokenWatcher::changes() {
     return snapshot;
 }
 
-std::optional<TesseraTokenWatcher::FileIdentity> TesseraTokenWatcher::identityOf(
+std::optional<TokenWatcher::FileIdentity> TokenWatcher::identityOf(
     const std::filesystem::path& path) {
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) return std::nullopt;
@@ -68,8 +68,8 @@ std::optional<TesseraTokenWatcher::FileIdentity> TesseraTokenWatcher::identityOf
 
 // A change touches a few rows of many: the rows that still hold what they held are handed out as
 // the items read before, neither copied nor derived again.
-TesseraTokenSnapshot TesseraTokenWatcher::read() {
-    TesseraTokenSnapshot snapshot;
+TokenSnapshot TokenWatcher::read() {
+    TokenSnapshot snapshot;
     std::vector<KnownRow> rows;
     db_->readTransaction([&] {
         if (!hasSchema(*db_)) return;
@@ -82,7 +82,7 @@ TesseraTokenSnapshot TesseraTokenWatcher::read() {
         while (query.step()) {
             const std::int64_t rowid = query.integer(rowidColumn);
             auto item = knownItem(query, rowid, hint);
-            if (!item) item = std::make_shared<const TesseraTokenItem>(itemOfRow(query));
+            if (!item) item = std::make_shared<const TokenItem>(itemOfRow(query));
             rows.push_back({rowid, item});
             snapshot.items.push_back(std::move(item));
         }
@@ -95,8 +95,8 @@ TesseraTokenSnapshot TesseraTokenWatcher::read() {
     return snapshot;
 }
 
-SharedTokenItem TesseraTokenWatcher::knownItem(const sqlite::Statement& row, std::int64_t rowid,
-                                               std::size_t& hint) const {
+SharedTokenItem TokenWatcher::knownItem(const sqlite::Statement& row, std::int64_t rowid,
+                                        std::size_t& hint) const {
     // Rows usually come in the order of their rowids: the one after the last found is tried first.
     auto known = hint < known_.size() && known_[hint].rowid == rowid
                      ? known_.begin() + static_cast<std::ptrdiff_t>(hint)
@@ -108,7 +108,7 @@ SharedTokenItem TesseraTokenWatcher::knownItem(const sqlite::Statement& row, std
     return known->item;
 }
 
-std::shared_ptr<const Bytes> TesseraTokenWatcher::configurationData() const {
+std::shared_ptr<const Bytes> TokenWatcher::configurationData() const {
     auto query = db_->prepare("SELECT config_data FROM tokens WHERE driver = ? AND instance = ?");
     query.bind(1, std::string_view(driver_)).bind(2, std::string_view(instance_));
     if (!query.step() || query.isNull(0)) return nullptr;

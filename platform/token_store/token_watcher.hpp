@@ -20,7 +20,7 @@ class Statement;
 // One token's item list and configuration data, read in one transaction so that they agree. What
 // did not change since the watcher's previous snapshot is the very object that one held, so that
 // readers can tell what changed by comparing pointers.
-struct TesseraTokenSnapshot {
+struct TokenSnapshot {
     std::vector<SharedTokenItem> items;
     std::shared_ptr<const Bytes> configurationData;  // null when the token has none
 };
@@ -28,18 +28,18 @@ struct TesseraTokenSnapshot {
 // Follows one token of a store for a reader running beside the tool: it never creates the store,
 // and reads again only after a writer has committed, or when the file at the store's path is
 // another (restored from a copy, say) or has gone.
-class TesseraTokenWatcher {
+class TokenWatcher {
   public:
-    TesseraTokenWatcher(std::filesystem::path storePath, std::string driver, std::string instance);
-    ~TesseraTokenWatcher();
-    TesseraTokenWatcher(const TesseraTokenWatcher&) = delete;
-    TesseraTokenWatcher& operator=(const TesseraTokenWatcher&) = delete;
+    TokenWatcher(std::filesystem::path storePath, std::string driver, std::string instance);
+    ~TokenWatcher();
+    TokenWatcher(const TokenWatcher&) = delete;
+    TokenWatcher& operator=(const TokenWatcher&) = delete;
 
     // The token's state when it may have changed since the last call (the first call always
     // reads); nothing when no writer has committed since. A missing store or token reads as
     // empty. Throws PlatformError when the store cannot be read. Callers ask when the store's
     // folder changed: the file's identity is looked at on every call.
-    std::optional<TesseraTokenSnapshot> changes();
+    std::optional<TokenSnapshot> changes();
 
   private:
     // An item of the previous snapshot and the row it was read from.
@@ -48,7 +48,7 @@ class TesseraTokenWatcher {
         SharedTokenItem item;
     };
 
-    TesseraTokenSnapshot read();
+    TokenSnapshot read();
     // The previous snapshot's item when the current row still holds it; the hint is where the
     // next row's is looked for first.
     SharedTokenItem knownItem(const sqlite::Statement& row, std::int64_t rowid,

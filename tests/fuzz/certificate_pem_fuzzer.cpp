@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "base/error.hpp"
-#include "store/identity_lookup.hpp"
+#include "card/identity_lookup.hpp"
 #include "x509/pem.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto der = keyloft::x509::certificateFromPem(text);
     if (!der) return 0;
     try {
-        if (keyloft::store::certificatePublicKeyHash(*der).size() != 20) std::abort();
+        if (keyloft::card::certificatePublicKeyHash(*der).size() != 20) std::abort();
     } catch (const keyloft::KeyloftError& error) {
         if (error.errorCase() != keyloft::KeyloftError::Case::genericError) std::abort();
     }

@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const keyloft::Bytes hash(20, 0xA5);
     if (keys.contains(hash)) return 0;
     const keyloft::keys::StoredKeyMap added{
-        {hash, {.bastionKey = keyloft::keys::BastionKey{hash, {1, 2, 3}}}}};
+        {hash, {.boundKey = keyloft::keys::BoundKey{hash, {1, 2, 3}}}}};
     const auto patches = keyloft::keys::appendStoredKeys({data, size}, added);
     if (!patches) return 0;
     // A patch past the end throws, and ends the run as a finding.

@@ -141,12 +141,12 @@ TEST_F(KeyCustody, StoredKeysSignVerifiably) {
         const auto created = generateKey(type, false, {});
         const auto* processorKey = processorKeyOf(created);
         ASSERT_NE(processorKey, nullptr);
-        ASSERT_TRUE(created.storage.bastionKey);
-        const auto& record = *created.storage.bastionKey;
+        ASSERT_TRUE(created.storage.boundKey);
+        const auto& record = *created.storage.boundKey;
         EXPECT_EQ(record.pubKeyHash, processorKey->applicationLabel());
         EXPECT_EQ(record.biometryProtection, BiometryProtection::off);
         EXPECT_EQ(record.keyData, processorKey->objectIdentifier());
-        const auto signature = signWithStoredKey(message, KeyStorage{.bastionKey = record}, ecdsa);
+        const auto signature = signWithStoredKey(message, KeyStorage{.boundKey = record}, ecdsa);
         EXPECT_TRUE(verifies(processorKey->publicKeyAttributes(), message, signature));
     }
     for (const auto& key : {SoftwareKey::generateEC(521), rsaKey()}) {
@@ -173,7 +173,7 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
             EXPECT_EQ(header->sizeInBits, 256);
         }
         const auto expected = biometry ? BiometryProtection::on : BiometryProtection::off;
-        EXPECT_EQ(processorKey.storage.bastionKey->biometryProtection, expected);
+        EXPECT_EQ(processorKey.storage.boundKey->biometryProtection, expected);
         EXPECT_EQ(sealed.biometryProtection, expected);
     }
     // Software keys take the flag to their wrapping key.
@@ -184,14 +184,14 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
 // The child has no controlling terminal, so any presence check there is refused.
 TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     const auto processorKey = generateKey(KeyType::p256ne, true, {});
-    const auto bastion = *processorKey.storage.bastionKey;
+    const auto bastion = *processorKey.storage.boundKey;
     const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true, {});
     const auto confirmed = std::make_shared<AuthenticationContext>();
     confirmed->confirmPresence();
 
     const auto outcome = testing::runInSession(
         [&] {
-            privateKey(KeyStorage{.bastionKey = bastion}, confirmed)->sign(ecdsa, bytesOf("m"));
+            privateKey(KeyStorage{.boundKey = bastion}, confirmed)->sign(ecdsa, bytesOf("m"));
             unwrapPrivateKeyData(sealed, confirmed);
         },
         false);
@@ -201,10 +201,10 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     unprotectedRecord.biometryProtection = BiometryProtection::off;
     const std::vector<std::function<void()>> refused{
         [&] {
-            privateKey(KeyStorage{.bastionKey = unprotectedRecord}, confirmed)
+            privateKey(KeyStorage{.boundKey = unprotectedRecord}, confirmed)
                 ->sign(ecdsa, bytesOf("m"));
         },
-        [&] { signWithStoredKey(bytesOf("m"), KeyStorage{.bastionKey = bastion}, ecdsa); },
+        [&] { signWithStoredKey(bytesOf("m"), KeyStorage{.boundKey = bastion}, ecdsa); },
         [&] { unwrapPrivateKeyData(sealed, nullptr); },
     };
     for (std::size_t i = 0; i < refused.size(); ++i) {
@@ -220,7 +220,7 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
 TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
     const auto processor = generateKey(KeyType::p256ne, false, {});
     const auto software = SoftwareKey::generateEC(384);
-    KeyStorage both{.bastionKey = processor.storage.bastionKey,
+    KeyStorage both{.boundKey = processor.storage.boundKey,
                     .sealedKey = makeSealedKey(software, true, {})};
     const auto key = privateKey(both, nullptr);
     EXPECT_EQ(key->applicationLabel(), processor.key->applicationLabel());

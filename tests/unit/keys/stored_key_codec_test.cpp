@@ -59,8 +59,8 @@ class StoredKeyCodec : public ::testing::Test {
 
 TEST_F(StoredKeyCodec, RoundTripKeepsEveryRecordKindAndProtection) {
     const StoredKeyMap mixed{
-        {hashOf(1), {.bastionKey = BastionKey{hashOf(1), {0xB0, 0x01}, BiometryProtection::off}}},
-        {hashOf(2), {.bastionKey = BastionKey{hashOf(2), {0xB0, 0x02}, BiometryProtection::on}}},
+        {hashOf(1), {.boundKey = BoundKey{hashOf(1), {0xB0, 0x01}, BiometryProtection::off}}},
+        {hashOf(2), {.boundKey = BoundKey{hashOf(2), {0xB0, 0x02}, BiometryProtection::on}}},
         {hashOf(3),
          {.sealedKey = SealedKey{hashOf(3), "ec", Bytes(97, 3), {0x5E}, BiometryProtection::off}}},
         {hashOf(4),
@@ -100,7 +100,7 @@ print(data[:8].decode('latin-1'), json.dumps(show(plistlib.loads(data, fmt=plist
 
 TEST_F(StoredKeyCodec, StandardReaderSeesTheStoredLayout) {
     const StoredKeyMap map{
-        {{0xAA}, {.bastionKey = BastionKey{{0xAA}, {0x0B, 0xD0}, BiometryProtection::on}}},
+        {{0xAA}, {.boundKey = BoundKey{{0xAA}, {0x0B, 0xD0}, BiometryProtection::on}}},
         {{0xBB},
          {.sealedKey = SealedKey{{0xBB}, "ec", {0x01, 0x02}, {0xEE}, BiometryProtection::off}}},
     };
@@ -127,8 +127,8 @@ TEST_F(StoredKeyCodec, RecordsAreAddedInPlaceUntilTheRoomIsUsedUp) {
         StoredKeyMap more{{hashOf(fill), sealedStorage(fill)}};
         if (fill % 9 == 0) {
             more.emplace(hashOf(fill + 1),
-                         KeyStorage{.bastionKey = BastionKey{hashOf(fill + 1), Bytes(240, fill),
-                                                             BiometryProtection::on}});
+                         KeyStorage{.boundKey = BoundKey{hashOf(fill + 1), Bytes(240, fill),
+                                                         BiometryProtection::on}});
             more.emplace(hashOf(fill + 2), sealedStorage(fill + 2));
         }
         const auto patches = appendStoredKeys(data, more);
@@ -151,7 +151,7 @@ TEST_F(StoredKeyCodec, RecordsAreAddedInPlaceUntilTheRoomIsUsedUp) {
 TEST_F(StoredKeyCodec, StandardReaderSeesRecordsAddedInPlace) {
     const StoredKeyMap first{{{0xAA}, {.sealedKey = SealedKey{{0xAA}, "ec", {0x01}, {0xEE}}}}};
     const StoredKeyMap second{
-        {{0xBB}, {.bastionKey = BastionKey{{0xBB}, {0x0B}, BiometryProtection::on}}}};
+        {{0xBB}, {.boundKey = BoundKey{{0xBB}, {0x0B}, BiometryProtection::on}}}};
     Bytes data = encodeStoredKeys(first);
     applyPatches(data, *appendStoredKeys(data, second));
     EXPECT_EQ(
@@ -205,13 +205,12 @@ INSTANTIATE_TEST_SUITE_P(
                 "Failed to decode data: keys[0]: expected data, found string"},
         BadData{"RecordMissesKeyData",
                 rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "off", false)}),
-                Case::decodeDataFailed,
-                "Failed to decode data: keys[1].bastionKey.keyData: missing"},
+                Case::decodeDataFailed, "Failed to decode data: keys[1].boundKey.keyData: missing"},
         BadData{
             "ProtectionIsTheCommandLineWord",
             rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "bio")}),
             Case::decodeDataFailed,
-            "Failed to decode data: keys[1].bastionKey.biometryProtection: unknown value \"bio\""},
+            "Failed to decode data: keys[1].boundKey.biometryProtection: unknown value \"bio\""},
         BadData{"OtherVersion", rootWith({std::int64_t{2}}, {{hashOf(1)}, bastionStorage(1)}),
                 Case::dataVersionMismatch, "Ignoring decoded data with different version: 2"},
         BadData{"OtherVersionWithBrokenKeys", rootWith({std::int64_t{2}}, {{hashOf(1)}}),
@@ -233,10 +232,10 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
                      {PlistDictionary{{"other", {Bytes{}}}}}}}},
         {"extra", {PlistArray{}}},
     }});
-    EXPECT_EQ(decodeStoredKeys(data),
-              (StoredKeyMap{
-                  {hashOf(1), {.bastionKey = BastionKey{hashOf(1), {1}, BiometryProtection::on}}},
-                  {hashOf(2), {}}}));
+    EXPECT_EQ(
+        decodeStoredKeys(data),
+        (StoredKeyMap{{hashOf(1), {.boundKey = BoundKey{hashOf(1), {1}, BiometryProtection::on}}},
+                      {hashOf(2), {}}}));
     // A record without "keys" holds none.
     EXPECT_TRUE(
         decodeStoredKeys(toBinary({PlistDictionary{{"version", {std::int64_t{1}}}}})).empty());

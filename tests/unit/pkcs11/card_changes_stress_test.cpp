@@ -111,7 +111,7 @@ class CardChanges : public CardSession {
         return p11.C_GetAttributeValue(own, handle, &request, 1);
     }
 
-    // Signs with each private key on the card, checking each signature against the certificate
+    // Signs with each private key on the slot, checking each signature against the certificate
     // of the key's id.
     void signEach(CK_SESSION_HANDLE own, Tally& tally) const {
         std::map<Bytes, Bytes> certificates;  // by id

@@ -31,7 +31,7 @@ inline const std::filesystem::path& cardHome() {
     return folder.path();
 }
 
-// Runs the built tool on the card; it must succeed, printing nothing.
+// Runs the built tool on the slot; it must succeed, printing nothing.
 inline void runTool(std::vector<std::string> words) {
     cardHome();
     words.insert(words.begin(), KEYLOFT_TOOL);

@@ -9,24 +9,24 @@ namespace keyloft::pkcs11 {
 namespace {
 
 using platform::token_store::SharedTokenItem;
-using platform::token_store::TesseraTokenSnapshot;
+using platform::token_store::TokenSnapshot;
 
 SharedTokenItem certificateItem(const Bytes& certificate, std::uint8_t id,
                                 std::optional<std::string> label) {
     auto item = *platform::token_store::makeCertificateItem(certificate, Bytes{id});
     item.label = std::move(label);
-    return std::make_shared<const platform::token_store::TesseraTokenItem>(std::move(item));
+    return std::make_shared<const platform::token_store::TokenItem>(std::move(item));
 }
 
 SharedTokenItem keyItem(const Bytes& certificate, std::uint8_t id,
                         std::optional<std::string> label) {
     auto item = *platform::token_store::makeKeyItem(certificate, Bytes{id});
     item.label = std::move(label);
-    return std::make_shared<const platform::token_store::TesseraTokenItem>(std::move(item));
+    return std::make_shared<const platform::token_store::TokenItem>(std::move(item));
 }
 
 const Bytes& publicKeyHashOf(const SharedTokenItem& key) {
-    return *std::get<platform::token_store::TesseraTokenKeyItem>(*key).publicKeyHash;
+    return *std::get<platform::token_store::KeyItem>(*key).publicKeyHash;
 }
 
 std::shared_ptr<const Bytes> configuration(const keys::StoredKeyMap& keys) {
@@ -38,7 +38,7 @@ keys::KeyStorage exportable(const Bytes& hash) {
 }
 
 keys::KeyStorage bound(const Bytes& hash) {
-    return {.bastionKey = keys::BastionKey{hash, Bytes(8)}};
+    return {.boundKey = keys::BoundKey{hash, Bytes(8)}};
 }
 
 std::string text(const Bytes* value) {
@@ -52,7 +52,7 @@ class Catalogs : public ::testing::Test {
     const ObjectCatalog& read(std::vector<SharedTokenItem> items,
                               std::shared_ptr<const Bytes> configurationData = nullptr) {
         catalogs.push_back(std::make_unique<const ObjectCatalog>(
-            *catalogs.back(), TesseraTokenSnapshot{std::move(items), std::move(configurationData)},
+            *catalogs.back(), TokenSnapshot{std::move(items), std::move(configurationData)},
             [this](const ObjectIdentity&) { return nextHandle++; }));
         return *catalogs.back();
     }

@@ -16,12 +16,12 @@ namespace {
 
 constexpr std::string_view driver = "org.keyloft.token";
 
-class TokenStore : public ::testing::Test {
+class StoreFile : public ::testing::Test {
   protected:
     std::filesystem::path dbPath() const { return folder.path() / "tokens.db"; }
 
-    TesseraTokenConfiguration userToken() const {
-        const auto drivers = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    Token userToken() const {
+        const auto drivers = TokenStore::open(dbPath(), driver).driverConfigurations();
         return drivers.at(std::string(driver)).addTokenConfiguration("user");
     }
 
@@ -36,8 +36,8 @@ class TokenStore : public ::testing::Test {
     testing::TemporaryFolder folder;
 };
 
-TEST_F(TokenStore, NewStoreHoldsTheToolsDriverAndNoToken) {
-    const auto registry = TesseraDriverRegistry::open(dbPath(), driver);
+TEST_F(StoreFile, NewStoreHoldsTheToolsDriverAndNoToken) {
+    const auto registry = TokenStore::open(dbPath(), driver);
     const auto drivers = registry.driverConfigurations();
     ASSERT_EQ(drivers.size(), 1U);
     EXPECT_TRUE(drivers.at(std::string(driver)).tokenConfigurations().empty());
@@ -47,18 +47,18 @@ TEST_F(TokenStore, NewStoreHoldsTheToolsDriverAndNoToken) {
     EXPECT_EQ(info.st_mode & 0777, 0600U);
 }
 
-TEST_F(TokenStore, AddedTokenStartsEmptyAndIsFoundAfterReopening) {
+TEST_F(StoreFile, AddedTokenStartsEmptyAndIsFoundAfterReopening) {
     const auto token = userToken();
     EXPECT_TRUE(token.items().empty());
     EXPECT_FALSE(token.configurationData());
 
-    const auto reopened = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    const auto reopened = TokenStore::open(dbPath(), driver).driverConfigurations();
     const auto tokens = reopened.at(std::string(driver)).tokenConfigurations();
     ASSERT_EQ(tokens.size(), 1U);
     EXPECT_EQ(tokens.begin()->first, "user");
 }
 
-TEST_F(TokenStore, ItemListIsReplacedAsAWholeAndKeepsOrderAndFields) {
+TEST_F(StoreFile, ItemListIsReplacedAsAWholeAndKeepsOrderAndFields) {
     const auto ec = testing::makeEcKey("P-384");
     const auto rsa = testing::makeRsaKey();
     const Bytes ecCertificate = testing::makeCertificate(ec.get(), "ec");
@@ -78,26 +78,26 @@ TEST_F(TokenStore, ItemListIsReplacedAsAWholeAndKeepsOrderAndFields) {
     token.replaceItems({certificateItem, ecKey, rsaKey});
     const auto items = userToken().items();
     ASSERT_EQ(items.size(), 3U);
-    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(items[0]), certificateItem);
-    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[1]), ecKey);
-    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]), rsaKey);
+    EXPECT_EQ(std::get<CertificateItem>(items[0]), certificateItem);
+    EXPECT_EQ(std::get<KeyItem>(items[1]), ecKey);
+    EXPECT_EQ(std::get<KeyItem>(items[2]), rsaKey);
 
-    const auto& loadedEc = std::get<TesseraTokenKeyItem>(items[1]);
+    const auto& loadedEc = std::get<KeyItem>(items[1]);
     EXPECT_EQ(loadedEc.keyType, "ec");
     EXPECT_EQ(loadedEc.keySizeInBits, 384);
     EXPECT_EQ(loadedEc.publicKeyData->size(), 97U);
     EXPECT_EQ(loadedEc.publicKeyHash->size(), 20U);
-    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]).keyType, "rsa");
-    EXPECT_EQ(std::get<TesseraTokenKeyItem>(items[2]).keySizeInBits, 2048);
-    EXPECT_FALSE(std::get<TesseraTokenKeyItem>(items[2]).canSign);
+    EXPECT_EQ(std::get<KeyItem>(items[2]).keyType, "rsa");
+    EXPECT_EQ(std::get<KeyItem>(items[2]).keySizeInBits, 2048);
+    EXPECT_FALSE(std::get<KeyItem>(items[2]).canSign);
 
     token.replaceItems({rsaKey});
-    EXPECT_EQ(userToken().items(), TesseraTokenItems{rsaKey});
+    EXPECT_EQ(userToken().items(), TokenItems{rsaKey});
     token.replaceItems({});
     EXPECT_TRUE(userToken().items().empty());
 }
 
-TEST_F(TokenStore, ConfigurationDataIsReplacedAndRemoved) {
+TEST_F(StoreFile, ConfigurationDataIsReplacedAndRemoved) {
     const auto token = userToken();
     token.replaceConfigurationData(Bytes{1, 2, 3});
     EXPECT_EQ(userToken().configurationData(), (Bytes{1, 2, 3}));
@@ -107,7 +107,7 @@ TEST_F(TokenStore, ConfigurationDataIsReplacedAndRemoved) {
     EXPECT_FALSE(userToken().configurationData());
 }
 
-TEST_F(TokenStore, ConfigurationDataIsPatchedInPlaceOrNotAtAll) {
+TEST_F(StoreFile, ConfigurationDataIsPatchedInPlaceOrNotAtAll) {
     const auto token = userToken();
     EXPECT_THROW(token.patchConfigurationData({{BytePatch{0, {1}}}}), PlatformError);
     token.replaceConfigurationData(Bytes{1, 2, 3, 4, 5});
@@ -119,13 +119,13 @@ TEST_F(TokenStore, ConfigurationDataIsPatchedInPlaceOrNotAtAll) {
     EXPECT_EQ(userToken().configurationData(), (Bytes{9, 2, 3, 8, 7}));
 }
 
-TEST_F(TokenStore, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
+TEST_F(StoreFile, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
     userToken();
     sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', 0, 'key', x'01', NULL, x'3000', 1, "
         "0, 1)");
     const auto items = userToken().items();
     ASSERT_EQ(items.size(), 1U);
-    const auto& key = std::get<TesseraTokenKeyItem>(items[0]);
+    const auto& key = std::get<KeyItem>(items[0]);
     EXPECT_FALSE(key.publicKeyHash);
     EXPECT_FALSE(key.publicKeyData);
     EXPECT_EQ(key.keyType, "");
@@ -133,7 +133,7 @@ TEST_F(TokenStore, KeyItemFromAnUnreadableCertificateHasNoKeyFields) {
     EXPECT_FALSE(makeCertificateItem(Bytes{0x30, 0x00}, Bytes{1}));
 }
 
-TEST_F(TokenStore, OtherTokensAreLeftAlone) {
+TEST_F(StoreFile, OtherTokensAreLeftAlone) {
     userToken();
     sql("INSERT INTO drivers VALUES ('org.example.other')");
     sql("INSERT INTO tokens VALUES ('org.example.other', 'user', x'AA')");
@@ -141,14 +141,14 @@ TEST_F(TokenStore, OtherTokensAreLeftAlone) {
     userToken().replaceConfigurationData(Bytes{0xCC});
     userToken().replaceItems({});
 
-    const auto drivers = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    const auto drivers = TokenStore::open(dbPath(), driver).driverConfigurations();
     EXPECT_EQ(drivers.at("org.example.other").tokenConfigurations().at("user").configurationData(),
               Bytes{0xAA});
     EXPECT_EQ(drivers.at("org.keyloft.token").tokenConfigurations().at("spare").configurationData(),
               Bytes{0xBB});
 }
 
-TEST_F(TokenStore, AppendingAfterTheLastPossiblePositionFailsWithoutOverflow) {
+TEST_F(StoreFile, AppendingAfterTheLastPossiblePositionFailsWithoutOverflow) {
     constexpr auto last = std::numeric_limits<std::int64_t>::max();
     const auto item = *makeCertificateItem(
         testing::makeCertificate(testing::makeEcKey("P-256").get(), "ec"), Bytes{1});
@@ -163,7 +163,7 @@ TEST_F(TokenStore, AppendingAfterTheLastPossiblePositionFailsWithoutOverflow) {
         userToken().replaceItems({});
         sql("INSERT INTO items VALUES ('org.keyloft.token', 'user', " + std::to_string(stored) +
             ", 'certificate', x'01', NULL, x'3000', NULL, NULL, NULL)");
-        const TesseraTokenItems items(added, item);
+        const TokenItems items(added, item);
         if (fits) {
             userToken().appendItems(items);
             EXPECT_EQ(userToken().items().size(), added + 1);
@@ -174,9 +174,9 @@ TEST_F(TokenStore, AppendingAfterTheLastPossiblePositionFailsWithoutOverflow) {
     }
 }
 
-TEST_F(TokenStore, AnUnreadableFileIsAPlatformError) {
+TEST_F(StoreFile, AnUnreadableFileIsAPlatformError) {
     std::filesystem::create_directories(dbPath());
-    EXPECT_THROW(TesseraDriverRegistry::open(dbPath(), driver), PlatformError);
+    EXPECT_THROW(TokenStore::open(dbPath(), driver), PlatformError);
 }
 
 }  // namespace

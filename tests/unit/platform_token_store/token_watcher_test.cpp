@@ -11,30 +11,30 @@ namespace {
 
 constexpr std::string_view driver = "org.keyloft.token";
 
-class TokenWatcher : public ::testing::Test {
+class Watching : public ::testing::Test {
   protected:
     std::filesystem::path dbPath() const { return folder.path() / "tokens.db"; }
-    TesseraTokenConfiguration writer() const {
-        const auto drivers = TesseraDriverRegistry::open(dbPath(), driver).driverConfigurations();
+    Token writer() const {
+        const auto drivers = TokenStore::open(dbPath(), driver).driverConfigurations();
         return drivers.at(std::string(driver)).addTokenConfiguration("user");
     }
-    TesseraTokenItems oneCertificate(std::uint8_t id) const {
+    TokenItems oneCertificate(std::uint8_t id) const {
         return {*makeCertificateItem(certificate, Bytes{id})};
     }
 
     // The items as read, for comparing with what was written.
-    static TesseraTokenItems itemsOf(const TesseraTokenSnapshot& snapshot) {
-        TesseraTokenItems items;
+    static TokenItems itemsOf(const TokenSnapshot& snapshot) {
+        TokenItems items;
         for (const auto& item : snapshot.items) items.push_back(*item);
         return items;
     }
 
     testing::TemporaryFolder folder;
-    TesseraTokenWatcher watcher{dbPath(), std::string(driver), "user"};
+    TokenWatcher watcher{dbPath(), std::string(driver), "user"};
     Bytes certificate = testing::makeCertificate(testing::makeEcKey().get());
 };
 
-TEST_F(TokenWatcher, ReadsAMissingStoreAsEmptyOnceWithoutCreatingIt) {
+TEST_F(Watching, ReadsAMissingStoreAsEmptyOnceWithoutCreatingIt) {
     const auto first = watcher.changes();
     ASSERT_TRUE(first);
     EXPECT_TRUE(first->items.empty());
@@ -43,7 +43,7 @@ TEST_F(TokenWatcher, ReadsAMissingStoreAsEmptyOnceWithoutCreatingIt) {
     EXPECT_FALSE(std::filesystem::exists(dbPath()));
 }
 
-TEST_F(TokenWatcher, ReadsAgainOnlyAfterAWriterCommitted) {
+TEST_F(Watching, ReadsAgainOnlyAfterAWriterCommitted) {
     const auto token = writer();
     token.replaceItems(oneCertificate(1));
     token.replaceConfigurationData(Bytes{1, 2, 3});
@@ -61,7 +61,7 @@ TEST_F(TokenWatcher, ReadsAgainOnlyAfterAWriterCommitted) {
     EXPECT_FALSE(watcher.changes());
 }
 
-TEST_F(TokenWatcher, FindsAStoreMadeAfterItStarted) {
+TEST_F(Watching, FindsAStoreMadeAfterItStarted) {
     ASSERT_TRUE(watcher.changes());
     writer().replaceItems(oneCertificate(3));
     const auto later = watcher.changes();
@@ -71,18 +71,18 @@ TEST_F(TokenWatcher, FindsAStoreMadeAfterItStarted) {
 
 // A connection kept to a store whose folder was renamed away or replaced would go on reading the
 // old file.
-TEST_F(TokenWatcher, FollowsTheStoreAtThePathWhenItsFolderIsReplaced) {
+TEST_F(Watching, FollowsTheStoreAtThePathWhenItsFolderIsReplaced) {
     const auto card = folder.path() / "card";
     const auto away = folder.path() / "away";
     const auto write = [&](std::uint8_t id) {
         std::filesystem::create_directory(card);
-        TesseraDriverRegistry::open(card / "tokens.db", driver)
+        TokenStore::open(card / "tokens.db", driver)
             .driverConfigurations()
             .at(std::string(driver))
             .addTokenConfiguration("user")
             .replaceItems(oneCertificate(id));
     };
-    TesseraTokenWatcher cardWatcher(card / "tokens.db", std::string(driver), "user");
+    TokenWatcher cardWatcher(card / "tokens.db", std::string(driver), "user");
     write(1);
     const auto first = cardWatcher.changes();
     ASSERT_TRUE(first);
@@ -109,9 +109,9 @@ TEST_F(TokenWatcher, FollowsTheStoreAtThePathWhenItsFolderIsReplaced) {
 }
 
 // Readers tell what changed by comparing the items' addresses.
-TEST_F(TokenWatcher, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
+TEST_F(Watching, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
     const auto token = writer();
-    TesseraTokenItems items;
+    TokenItems items;
     for (std::uint8_t id = 1; id <= 4; ++id) items.push_back(oneCertificate(id).front());
     token.replaceItems(items);
     token.replaceConfigurationData(Bytes{1, 2, 3});
@@ -123,7 +123,7 @@ TEST_F(TokenWatcher, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
     ASSERT_TRUE(relabelled);
     EXPECT_EQ(relabelled->items[0], first->items[0]);
     EXPECT_NE(relabelled->items[1], first->items[1]);
-    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(*relabelled->items[1]).label, "relabelled");
+    EXPECT_EQ(std::get<CertificateItem>(*relabelled->items[1]).label, "relabelled");
     EXPECT_EQ(relabelled->configurationData, first->configurationData);
 
     // The rows after the removed one move up a position but keep their rowid.
@@ -143,14 +143,14 @@ TEST_F(TokenWatcher, HandsOutTheItemsOfRowsThatDidNotChangeAgain) {
 }
 
 // SQLite gives a new row the rowid after the highest, so the last row's rowid comes back.
-TEST_F(TokenWatcher, ReadsARowAfreshWhenItsRowidWasGivenAgain) {
+TEST_F(Watching, ReadsARowAfreshWhenItsRowidWasGivenAgain) {
     const auto token = writer();
     token.replaceItems(oneCertificate(1));
     const auto first = watcher.changes();
     ASSERT_TRUE(first);
 
     const Bytes other = testing::makeCertificate(testing::makeEcKey().get(), "Other");
-    token.writeTransaction([&] {
+    token.writeCommittingEvenOnThrow([&] {
         token.removeItemsAt({0});
         token.appendItems({*makeCertificateItem(other, Bytes{1})});
     });
@@ -158,7 +158,7 @@ TEST_F(TokenWatcher, ReadsARowAfreshWhenItsRowidWasGivenAgain) {
     ASSERT_TRUE(second);
     ASSERT_EQ(second->items.size(), 1U);
     EXPECT_NE(second->items[0], first->items[0]);
-    EXPECT_EQ(std::get<TesseraTokenCertificateItem>(*second->items[0]).certificate, other);
+    EXPECT_EQ(std::get<CertificateItem>(*second->items[0]).certificate, other);
 }
 
 }  // namespace

@@ -40,12 +40,11 @@ TEST(KeyHash, TakesEachDigestFromItsSourceOrNamesWhatIsMissing) {
     noHash.publicKeyHash.reset();
     auto noData = item;
     noData.publicKeyData.reset();
-    const std::tuple<platform::token_store::TesseraTokenKeyItem, HashType, const char*> failing[] =
-        {
-            {noHash, HashType::sha1, "key has invalid public key hash"},
-            {noData, HashType::sha256, "key has invalid public key data"},
-            {noData, HashType::ssh, "key has invalid public key data"},
-        };
+    const std::tuple<platform::token_store::KeyItem, HashType, const char*> failing[] = {
+        {noHash, HashType::sha1, "key has invalid public key hash"},
+        {noData, HashType::sha256, "key has invalid public key data"},
+        {noData, HashType::ssh, "key has invalid public key data"},
+    };
     for (const auto& [lacking, type, message] : failing) {
         try {
             keyHash(lacking, type);
@@ -63,7 +62,7 @@ TEST(KeyTypeDescription, NamesTheKindSizeAndBinding) {
         {"dsa", 1024, true, "unknown"},
     };
     for (const auto& [type, bits, exportable, text] : cases) {
-        platform::token_store::TesseraTokenKeyItem item;
+        platform::token_store::KeyItem item;
         item.keyType = type;
         item.keySizeInBits = bits;
         EXPECT_EQ(keyTypeDescription(item, exportable), text);

@@ -14,7 +14,7 @@
 
 namespace keyloft::testing {
 
-inline platform::token_store::TesseraTokenKeyItem keyItemFor(EVP_PKEY* key) {
+inline platform::token_store::KeyItem keyItemFor(EVP_PKEY* key) {
     return platform::token_store::makeKeyItem(makeCertificate(key), Bytes(20, 0x01)).value();
 }
 

@@ -74,7 +74,7 @@ TEST_F(SshBlob, RsaBlobMatchesTheWrittenExample) {
 }
 
 TEST_F(SshBlob, FingerprintIsWhatSshKeygenPrints) {
-    const auto shown = [](const platform::token_store::TesseraTokenKeyItem& item) {
+    const auto shown = [](const platform::token_store::KeyItem& item) {
         return fingerprint(keyHash(item, HashType::ssh), HashType::ssh, HashEncoding::base64);
     };
     // ssh-keygen takes FIDO ECDSA keys on P-256 only; the RSA line is its own conversion of the

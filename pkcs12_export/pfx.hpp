@@ -8,7 +8,7 @@
 #include "base/bytes.hpp"
 #include "platform/crypto/secret.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 
 inline constexpr std::uint32_t exportIterations = 2048;
 
@@ -31,4 +31,4 @@ platform::crypto::SecretBytes privateKeyInfo(const UnwrappedKey& key);
 Bytes buildPKCS12(std::string_view password, ByteView certificate, ByteView pubKeyHash,
                   std::uint32_t iterations, const Unwrap& unwrap);
 
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export

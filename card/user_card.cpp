@@ -1,19 +1,18 @@
-#include "store/user_card.hpp"
+#include "card/user_card.hpp"
 
 #include <string>
 
 #include "base/error.hpp"
 #include "platform/os/paths.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 
-platform::token_store::TesseraDriverRegistry openUserRegistry() {
-    return platform::token_store::TesseraDriverRegistry::open(
+platform::token_store::TokenStore openUserRegistry() {
+    return platform::token_store::TokenStore::open(
         platform::os::dataFolder() / platform::os::storeFileName, driverClassID);
 }
 
-platform::token_store::TesseraTokenConfiguration userToken(
-    const platform::token_store::TesseraDriverRegistry& registry) {
+platform::token_store::Token userToken(const platform::token_store::TokenStore& registry) {
     const auto drivers = registry.driverConfigurations();
     const auto driver = drivers.find(std::string(driverClassID));
     if (driver == drivers.end()) {
@@ -25,4 +24,4 @@ platform::token_store::TesseraTokenConfiguration userToken(
                                 : driver->second.addTokenConfiguration(userInstanceID);
 }
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

@@ -5,11 +5,11 @@
 
 #include <string_view>
 
+#include "card/identity_writes.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/key_type.hpp"
-#include "store/identity_writes.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 
 // A new identity as create-identity makes it: a key of the type (no biometry), a self-signed
 // certificate over it named after the label (the hash in hex when none is given), its items and
@@ -32,7 +32,6 @@ NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecificatio
                           const std::string& label);
 
 // Gives every item of the identity with the hash the label; false when the card holds none.
-bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
-                     const std::string& label);
+bool relabelIdentity(const Token& token, ByteView hash, const std::string& label);
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

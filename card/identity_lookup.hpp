@@ -5,7 +5,7 @@
 #include "platform/token_store/token_items.hpp"
 #include "platform/token_store/token_store.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 
 // The 20-byte public-key hash of a DER certificate. Throws "Failed to parse certificate from data"
 // or "Failed to retrieve public key hash".
@@ -15,10 +15,10 @@ Bytes publicKeyHashOf(const CertificateView& certificate);
 
 // Certificate items match by the hash of their certificate, key items by their stored public-key
 // hash; a certificate that cannot be read fails the test instead of answering no.
-bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash);
+bool itemMatchesHash(const platform::token_store::TokenItem& item, ByteView hash);
 
 // The certificate item of the identity with the hash, or the list's end.
-platform::token_store::TesseraTokenItems::const_iterator findCertificateItem(
-    const platform::token_store::TesseraTokenItems& items, ByteView hash);
+platform::token_store::TokenItems::const_iterator findCertificateItem(
+    const platform::token_store::TokenItems& items, ByteView hash);
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

@@ -1,15 +1,15 @@
-#include "pkcs12/pfx.hpp"
+#include "pkcs12_export/pfx.hpp"
 
 #include "base/error.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
 #include "der/object_identifiers.hpp"
 #include "der/public_key_algorithm.hpp"
-#include "pkcs12/p12_pbe_gen.hpp"
-#include "pkcs12/pbe_encrypt.hpp"
+#include "pkcs12_export/p12_pbe_gen.hpp"
+#include "pkcs12_export/pbe_encrypt.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/crypto/random.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 namespace {
 
 using der::BerTlvRecord;
@@ -171,4 +171,4 @@ Bytes buildPKCS12(std::string_view password, ByteView certificate, ByteView pubK
     }));
 }
 
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export

@@ -1,4 +1,4 @@
-#include "pkcs11/object_store.hpp"
+#include "pkcs11/object_table.hpp"
 
 #include <string>
 
@@ -6,7 +6,7 @@
 
 namespace keyloft::pkcs11 {
 
-std::shared_ptr<const ObjectCatalog> ObjectStore::current(Freshness freshness) {
+std::shared_ptr<const ObjectCatalog> ObjectTable::current(Freshness freshness) {
     // Asking the source costs a few microseconds when nothing changed; the lock is held only for
     // that, or for the rare re-read.
     const std::lock_guard guard(refreshLock_);
@@ -20,7 +20,7 @@ std::shared_ptr<const ObjectCatalog> ObjectStore::current(Freshness freshness) {
     return catalog_;
 }
 
-std::shared_ptr<const TokenObject> ObjectStore::find(CK_OBJECT_HANDLE handle) {
+std::shared_ptr<const TokenObject> ObjectTable::find(CK_OBJECT_HANDLE handle) {
     {
         const std::lock_guard guard(sessionObjectsLock_);
         if (const auto found = sessionObjects_.find(handle); found != sessionObjects_.end())
@@ -29,7 +29,7 @@ std::shared_ptr<const TokenObject> ObjectStore::find(CK_OBJECT_HANDLE handle) {
     return current()->find(handle);
 }
 
-std::vector<CK_OBJECT_HANDLE> ObjectStore::search(std::span<const CK_ATTRIBUTE> searchTemplate) {
+std::vector<CK_OBJECT_HANDLE> ObjectTable::search(std::span<const CK_ATTRIBUTE> searchTemplate) {
     auto found = current()->search(searchTemplate);
     const std::lock_guard guard(sessionObjectsLock_);
     for (const auto& [handle, entry] : sessionObjects_) {
@@ -38,14 +38,14 @@ std::vector<CK_OBJECT_HANDLE> ObjectStore::search(std::span<const CK_ATTRIBUTE> 
     return found;
 }
 
-std::optional<keys::KeyStorage> ObjectStore::storedKey(const KeyFacts& key) {
+std::optional<keys::KeyStorage> ObjectTable::storedKey(const KeyFacts& key) {
     // The catalog is held while its record is copied: another thread may replace it meanwhile.
     const auto catalog = current();
     const auto* stored = catalog->storedKey(key.publicKeyHash);
     return stored != nullptr ? std::optional(*stored) : std::nullopt;
 }
 
-CK_OBJECT_HANDLE ObjectStore::handleOfWritten(const ObjectIdentity& identity) {
+CK_OBJECT_HANDLE ObjectTable::handleOfWritten(const ObjectIdentity& identity) {
     try {
         current(Freshness::afterOwnWrite);
     } catch (const std::exception& error) {
@@ -60,7 +60,7 @@ CK_OBJECT_HANDLE ObjectStore::handleOfWritten(const ObjectIdentity& identity) {
     return reserved->second;
 }
 
-CK_OBJECT_HANDLE ObjectStore::addSessionObject(CK_SESSION_HANDLE owner, TokenObject object) {
+CK_OBJECT_HANDLE ObjectTable::addSessionObject(CK_SESSION_HANDLE owner, TokenObject object) {
     const CK_OBJECT_HANDLE handle = nextHandle_++;
     auto shared = std::make_shared<const TokenObject>(std::move(object));
     const std::lock_guard guard(sessionObjectsLock_);
@@ -68,7 +68,7 @@ CK_OBJECT_HANDLE ObjectStore::addSessionObject(CK_SESSION_HANDLE owner, TokenObj
     return handle;
 }
 
-bool ObjectStore::destroySessionObject(CK_OBJECT_HANDLE handle) {
+bool ObjectTable::destroySessionObject(CK_OBJECT_HANDLE handle) {
     std::shared_ptr<const TokenObject> destroyed;  // freed outside the lock
     const std::lock_guard guard(sessionObjectsLock_);
     const auto found = sessionObjects_.find(handle);
@@ -78,7 +78,7 @@ bool ObjectStore::destroySessionObject(CK_OBJECT_HANDLE handle) {
     return true;
 }
 
-void ObjectStore::dropSessionObjects(CK_SESSION_HANDLE owner) {
+void ObjectTable::dropSessionObjects(CK_SESSION_HANDLE owner) {
     const std::lock_guard guard(sessionObjectsLock_);
     std::erase_if(sessionObjects_, [&](const auto& entry) { return entry.second.owner == owner; });
 }

@@ -1,13 +1,13 @@
-#include "store/identity_writes.hpp"
+#include "card/identity_writes.hpp"
 
 #include <algorithm>
 
 #include "base/error.hpp"
-#include "base/key_types.hpp"
+#include "base/public_key_attributes.hpp"
+#include "card/identity_lookup.hpp"
 #include "keys/stored_key_codec.hpp"
-#include "store/identity_lookup.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label) {
     auto certificateItem = platform::token_store::makeCertificateItem(certificate, hash);
@@ -27,11 +27,10 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
     return {std::move(*certificateItem), std::move(*keyItem)};
 }
 
-IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token)
+IdentityAdditions::IdentityAdditions(const Token& token)
     : token_(token), data_(token.configurationData()), records_(keys::decodeStoredKeys(data_)) {}
 
-IdentityAdditions::IdentityAdditions(const TesseraTokenConfiguration& token,
-                                     const std::optional<Bytes>& earlierData)
+IdentityAdditions::IdentityAdditions(const Token& token, const std::optional<Bytes>& earlierData)
     : token_(token), data_(token.configurationData()) {
     // Data changed meanwhile is checked before anything is added to it.
     if (data_ != earlierData) records_ = keys::decodeStoredKeys(data_);
@@ -67,7 +66,7 @@ void IdentityAdditions::write() {
     items_.clear();
 }
 
-void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash) {
+void removeIdentityItems(const Token& token, ByteView hash) {
     const auto items = token.items();
     std::vector<std::size_t> matching;
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -76,14 +75,13 @@ void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash) 
     token.removeItemsAt(std::move(matching));
 }
 
-void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash) {
+void removeKeyRecord(const Token& token, ByteView hash) {
     auto records = keys::decodeStoredKeys(token.configurationData());
     records.erase(Bytes(hash.begin(), hash.end()));
     token.replaceConfigurationData(keys::encodeStoredKeys(records));
 }
 
-bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView certificate,
-                            ByteView hash) {
+bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView hash) {
     const auto items = token.items();
     const auto old = findCertificateItem(items, hash);
     if (old == items.end()) return false;
@@ -95,20 +93,19 @@ bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView cer
     return true;
 }
 
-void removeAllIdentities(const TesseraTokenConfiguration& token) {
+void removeAllIdentities(const Token& token) {
     token.removeConfigurationData();
     token.replaceItems({});
 }
 
-std::optional<std::string> identityLabel(const platform::token_store::TesseraTokenItems& items,
+std::optional<std::string> identityLabel(const platform::token_store::TokenItems& items,
                                          ByteView hash) {
     std::optional<std::string> label;
     for (const auto& item : items) {
-        const auto* key = std::get_if<platform::token_store::TesseraTokenKeyItem>(&item);
-        const auto& itemLabel =
-            key != nullptr
-                ? key->label
-                : std::get<platform::token_store::TesseraTokenCertificateItem>(item).label;
+        const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
+        const auto& itemLabel = key != nullptr
+                                    ? key->label
+                                    : std::get<platform::token_store::CertificateItem>(item).label;
         if (!itemLabel || itemLabel->empty() || !itemMatchesHash(item, hash)) continue;
         // The key item's label wins: certificates replaced before labels were carried over
         // have none.
@@ -118,4 +115,4 @@ std::optional<std::string> identityLabel(const platform::token_store::TesseraTok
     return label;
 }
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

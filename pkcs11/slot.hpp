@@ -4,21 +4,21 @@
 #include <map>
 #include <shared_mutex>
 
-#include "pkcs11/object_store.hpp"
+#include "pkcs11/object_table.hpp"
 #include "pkcs11/session.hpp"
 #include "platform/key_service/private_key.hpp"
 
 namespace keyloft::pkcs11 {
 
-// The module's one slot and its token, the user's card, between C_Initialize and C_Finalize.
+// The module's one slot and its token, the user's slot, between C_Initialize and C_Finalize.
 // Every member may be called from several threads at once.
-class Card {
+class Slot {
   public:
     static constexpr CK_SLOT_ID slotID = 0;
 
-    explicit Card(ObjectStore::Source source) : objects_(std::move(source)) {}
+    explicit Slot(ObjectTable::Source source) : objects_(std::move(source)) {}
 
-    ObjectStore& objects() { return objects_; }
+    ObjectTable& objects() { return objects_; }
 
     // Throws CKR_SLOT_ID_INVALID for any other slot.
     static void checkSlot(CK_SLOT_ID slot);
@@ -70,7 +70,7 @@ class Card {
     }
 
   private:
-    ObjectStore objects_;
+    ObjectTable objects_;
     mutable std::shared_mutex sessionsLock_;
     std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionSlot>> sessions_;
     CK_SESSION_HANDLE nextSession_ = 1;

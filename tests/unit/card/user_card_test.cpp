@@ -1,4 +1,4 @@
-#include "store/user_card.hpp"
+#include "card/user_card.hpp"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -6,14 +6,13 @@
 #include "base/error.hpp"
 #include "support/temporary_folder.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 namespace {
 
 class UserCard : public ::testing::Test {
   protected:
-    platform::token_store::TesseraDriverRegistry registry() const {
-        return platform::token_store::TesseraDriverRegistry::open(folder.path() / "tokens.db",
-                                                                  driverClassID);
+    platform::token_store::TokenStore registry() const {
+        return platform::token_store::TokenStore::open(folder.path() / "tokens.db", driverClassID);
     }
     void sql(const char* statement) const {
         sqlite3* db = nullptr;
@@ -70,4 +69,4 @@ TEST_F(UserCard, FailsWithoutTheToolsDriver) {
 }
 
 }  // namespace
-}  // namespace keyloft::store
+}  // namespace keyloft::card

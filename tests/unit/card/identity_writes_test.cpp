@@ -1,6 +1,6 @@
-#include "store/identity_lookup.hpp"
-#include "store/identity_writes.hpp"
-#include "store/user_card.hpp"
+#include "card/identity_writes.hpp"
+#include "card/identity_lookup.hpp"
+#include "card/user_card.hpp"
 
 #include <gtest/gtest.h>
 
@@ -10,16 +10,16 @@
 #include "support/temporary_folder.hpp"
 #include "support/test_certificates.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 namespace {
 
-using platform::token_store::TesseraTokenItems;
+using platform::token_store::TokenItems;
 
 struct Identity {
     Bytes certificate;
     Bytes hash;
-    platform::token_store::TesseraTokenCertificateItem certificateItem;
-    platform::token_store::TesseraTokenKeyItem keyItem;
+    platform::token_store::CertificateItem certificateItem;
+    platform::token_store::KeyItem keyItem;
 };
 
 Identity makeIdentity(const char* curve) {
@@ -35,10 +35,10 @@ Identity makeIdentity(const char* curve) {
 
 class IdentityRemoval : public ::testing::Test {
   protected:
-    platform::token_store::TesseraTokenConfiguration token() const {
-        const auto drivers = platform::token_store::TesseraDriverRegistry::open(
-                                 folder.path() / "tokens.db", driverClassID)
-                                 .driverConfigurations();
+    platform::token_store::Token token() const {
+        const auto drivers =
+            platform::token_store::TokenStore::open(folder.path() / "tokens.db", driverClassID)
+                .driverConfigurations();
         return drivers.at("org.keyloft.token").addTokenConfiguration("user");
     }
 
@@ -66,13 +66,13 @@ TEST_F(IdentityRemoval, RemovesBothItemsAndDuplicatesKeepingTheRestInOrder) {
     token().replaceItems(
         {a.certificateItem, b.certificateItem, a.keyItem, b.keyItem, a.certificateItem});
     removeIdentityItems(token(), a.hash);
-    EXPECT_EQ(token().items(), (TesseraTokenItems{b.certificateItem, b.keyItem}));
+    EXPECT_EQ(token().items(), (TokenItems{b.certificateItem, b.keyItem}));
 }
 
 TEST_F(IdentityRemoval, HashesOfOtherLengthsAndKeysWithoutHashRemoveNothing) {
     auto withoutHash = b.keyItem;
     withoutHash.publicKeyHash.reset();
-    const TesseraTokenItems items{a.certificateItem, a.keyItem, withoutHash};
+    const TokenItems items{a.certificateItem, a.keyItem, withoutHash};
     token().replaceItems(items);
     for (const auto& hash : {Bytes(a.hash.begin(), a.hash.end() - 1), concat({a.hash, Bytes{0}})}) {
         removeIdentityItems(token(), hash);
@@ -84,7 +84,7 @@ TEST_F(IdentityRemoval, HashesOfOtherLengthsAndKeysWithoutHashRemoveNothing) {
 TEST_F(IdentityRemoval, ACorruptCertificateAnywhereFailsTheRemovalAndKeepsTheList) {
     auto corrupt = a.certificateItem;
     corrupt.certificate = {0x30, 0x00};
-    const TesseraTokenItems items{b.certificateItem, b.keyItem, corrupt};
+    const TokenItems items{b.certificateItem, b.keyItem, corrupt};
     token().replaceItems(items);
     EXPECT_THROW(removeIdentityItems(token(), b.hash), KeyloftError);
     EXPECT_EQ(token().items(), items);
@@ -92,9 +92,8 @@ TEST_F(IdentityRemoval, ACorruptCertificateAnywhereFailsTheRemovalAndKeepsTheLis
 
 TEST_F(IdentityRemoval, RemovingARecordReEncodesTheRest) {
     keys::StoredKeyMap records;
-    records[a.hash].bastionKey =
-        keys::BastionKey{a.hash, Bytes{1, 2}, keys::BiometryProtection::off};
-    records[b.hash].bastionKey = keys::BastionKey{b.hash, Bytes{3}, keys::BiometryProtection::on};
+    records[a.hash].boundKey = keys::BoundKey{a.hash, Bytes{1, 2}, keys::BiometryProtection::off};
+    records[b.hash].boundKey = keys::BoundKey{b.hash, Bytes{3}, keys::BiometryProtection::on};
     token().replaceConfigurationData(keys::encodeStoredKeys(records));
 
     removeKeyRecord(token(), a.hash);
@@ -114,7 +113,7 @@ TEST_F(IdentityRemoval, RemovingFromATokenWithoutDataWritesAnEmptyRecordSet) {
 }
 
 keys::KeyStorage storageOf(const Identity& identity) {
-    return {.bastionKey = keys::BastionKey{identity.hash, Bytes(200, identity.hash[0])}};
+    return {.boundKey = keys::BoundKey{identity.hash, Bytes(200, identity.hash[0])}};
 }
 
 IdentityItems itemsOf(const Identity& identity) {
@@ -156,4 +155,4 @@ TEST_F(IdentityRemoval, AdditionsKeepEveryRecordWhateverWroteTheCardMeanwhile) {
 }
 
 }  // namespace
-}  // namespace keyloft::store
+}  // namespace keyloft::card

@@ -3,13 +3,13 @@
 #include <openssl/pkcs12.h>
 
 #include "base/error.hpp"
-#include "pkcs12/p12_pbe_gen.hpp"
-#include "pkcs12/pbe_encrypt.hpp"
-#include "pkcs12/pfx.hpp"
+#include "pkcs12_export/p12_pbe_gen.hpp"
+#include "pkcs12_export/pbe_encrypt.hpp"
+#include "pkcs12_export/pfx.hpp"
 #include "platform/crypto/legacy_provider.hpp"
 #include "support/hex.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 namespace {
 
 // OpenSSL's own PKCS#12 key derivation, for comparison; it takes the password as UTF-8.
@@ -130,4 +130,4 @@ TEST(PrivateKeyInfo, EcLayoutAndRefusals) {
 }
 
 }  // namespace
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export

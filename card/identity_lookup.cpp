@@ -1,11 +1,11 @@
-#include "store/identity_lookup.hpp"
+#include "card/identity_lookup.hpp"
 
 #include <algorithm>
 
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 namespace {
 
 bool sameBytes(ByteView a, ByteView b) {
@@ -26,23 +26,21 @@ Bytes certificatePublicKeyHash(ByteView certificate) {
     return publicKeyHashOf(*parsed);
 }
 
-bool itemMatchesHash(const platform::token_store::TesseraTokenItem& item, ByteView hash) {
-    if (const auto* certificate =
-            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item)) {
+bool itemMatchesHash(const platform::token_store::TokenItem& item, ByteView hash) {
+    if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
         return sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
     }
-    const auto& key = std::get<platform::token_store::TesseraTokenKeyItem>(item);
+    const auto& key = std::get<platform::token_store::KeyItem>(item);
     return key.publicKeyHash && sameBytes(*key.publicKeyHash, hash);
 }
 
-platform::token_store::TesseraTokenItems::const_iterator findCertificateItem(
-    const platform::token_store::TesseraTokenItems& items, ByteView hash) {
-    return std::ranges::find_if(items, [&](const platform::token_store::TesseraTokenItem& item) {
-        const auto* certificate =
-            std::get_if<platform::token_store::TesseraTokenCertificateItem>(&item);
+platform::token_store::TokenItems::const_iterator findCertificateItem(
+    const platform::token_store::TokenItems& items, ByteView hash) {
+    return std::ranges::find_if(items, [&](const platform::token_store::TokenItem& item) {
+        const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item);
         return certificate != nullptr &&
                sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
     });
 }
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

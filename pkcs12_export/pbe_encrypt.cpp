@@ -1,9 +1,9 @@
-#include "pkcs12/pbe_encrypt.hpp"
+#include "pkcs12_export/pbe_encrypt.hpp"
 
 #include "base/error.hpp"
-#include "pkcs12/p12_pbe_gen.hpp"
+#include "pkcs12_export/p12_pbe_gen.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 
 Bytes pbeEncrypt(ByteView plaintext, std::string_view password, ByteView salt,
                  std::uint32_t iterations, int keyLengthInBits,
@@ -22,4 +22,4 @@ Bytes pbeEncrypt(ByteView plaintext, std::string_view password, ByteView salt,
     return std::move(result.output);
 }
 
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export

@@ -7,16 +7,16 @@
 #include "platform/token_store/token_store.hpp"
 
 // The card's changes: identities added or removed, their items and stored-key records together.
-// A command makes them inside the token's writeTransaction.
-namespace keyloft::store {
+// A command makes them inside the token's writeCommittingEvenOnThrow.
+namespace keyloft::card {
 
-using platform::token_store::TesseraTokenConfiguration;
+using platform::token_store::Token;
 
 // Makes the certificate item and the key item of an identity, labelled, with the key's capability
 // flags; throws the tool's item-creation messages.
 struct IdentityItems {
-    platform::token_store::TesseraTokenCertificateItem certificate;
-    platform::token_store::TesseraTokenKeyItem key;
+    platform::token_store::CertificateItem certificate;
+    platform::token_store::KeyItem key;
 };
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label);
 
@@ -25,11 +25,10 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
 class IdentityAdditions {
   public:
     // Throws the decoder's errors for damaged configuration data.
-    explicit IdentityAdditions(const TesseraTokenConfiguration& token);
+    explicit IdentityAdditions(const Token& token);
     // The same, for a card whose data was read (and checked) earlier: while the data is still
     // that, its records are decoded only when asked for.
-    IdentityAdditions(const TesseraTokenConfiguration& token,
-                      const std::optional<Bytes>& earlierData);
+    IdentityAdditions(const Token& token, const std::optional<Bytes>& earlierData);
 
     // The card's records with the additions so far.
     const keys::StoredKeyMap& records() const;
@@ -42,33 +41,32 @@ class IdentityAdditions {
     void write();
 
   private:
-    const TesseraTokenConfiguration& token_;
+    const Token& token_;
     std::optional<Bytes> data_;  // as stored, without the additions not yet written
     mutable std::optional<keys::StoredKeyMap> records_;
     keys::StoredKeyMap added_;
-    platform::token_store::TesseraTokenItems items_;
+    platform::token_store::TokenItems items_;
 };
 
 // Removes every item of the hash from the published list. A certificate that cannot be read fails
 // the removal, and the list stays as it was.
-void removeIdentityItems(const TesseraTokenConfiguration& token, ByteView hash);
+void removeIdentityItems(const Token& token, ByteView hash);
 
 // Removes the hash's stored-key record and stores the re-encoded records.
-void removeKeyRecord(const TesseraTokenConfiguration& token, ByteView hash);
+void removeKeyRecord(const Token& token, ByteView hash);
 
 // The label of the identity with the hash: its key item's, else its certificate item's; nothing
 // when neither has one.
-std::optional<std::string> identityLabel(const platform::token_store::TesseraTokenItems& items,
+std::optional<std::string> identityLabel(const platform::token_store::TokenItems& items,
                                          ByteView hash);
 
 // Replaces the certificate item of the hash with one for the certificate, labelled with the
 // identity's label, appended after the rest of the list; false when the card holds no certificate
 // of the hash. Throws "Failed to create token certificate" when no item can be made of the
 // certificate.
-bool replaceCertificateItem(const TesseraTokenConfiguration& token, ByteView certificate,
-                            ByteView hash);
+bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView hash);
 
 // Empties the card: no stored-key records, no items.
-void removeAllIdentities(const TesseraTokenConfiguration& token);
+void removeAllIdentities(const Token& token);
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

@@ -9,7 +9,7 @@
 #include "base/bytes.hpp"
 #include "platform/crypto/secret.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 
 enum class PbeId : std::uint8_t { key = 1, iv = 2, mac = 3 };
 
@@ -27,4 +27,4 @@ platform::crypto::SecretBytes pbeKey(std::string_view password, ByteView salt,
 platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt,
                                         std::uint32_t iterations);
 
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export

@@ -1,4 +1,4 @@
-#include "pkcs11/card.hpp"
+#include "pkcs11/slot.hpp"
 
 #include <algorithm>
 
@@ -8,11 +8,11 @@
 
 namespace keyloft::pkcs11 {
 
-void Card::checkSlot(CK_SLOT_ID slot) {
+void Slot::checkSlot(CK_SLOT_ID slot) {
     if (slot != slotID) throw CryptokiError(CKR_SLOT_ID_INVALID);
 }
 
-CK_SESSION_HANDLE Card::openSession(CK_FLAGS flags) {
+CK_SESSION_HANDLE Slot::openSession(CK_FLAGS flags) {
     auto slot = std::make_shared<SessionSlot>(flags);
     const std::unique_lock guard(sessionsLock_);
     const CK_SESSION_HANDLE handle = nextSession_++;
@@ -20,7 +20,7 @@ CK_SESSION_HANDLE Card::openSession(CK_FLAGS flags) {
     return handle;
 }
 
-LockedSession Card::session(CK_SESSION_HANDLE handle) {
+LockedSession Slot::session(CK_SESSION_HANDLE handle) {
     std::shared_ptr<SessionSlot> slot;
     {
         const std::shared_lock guard(sessionsLock_);
@@ -31,19 +31,19 @@ LockedSession Card::session(CK_SESSION_HANDLE handle) {
     return LockedSession(std::move(slot));
 }
 
-std::size_t Card::sessionCount() const {
+std::size_t Slot::sessionCount() const {
     const std::shared_lock guard(sessionsLock_);
     return sessions_.size();
 }
 
-std::size_t Card::readOnlySessionCount() const {
+std::size_t Slot::readOnlySessionCount() const {
     const std::shared_lock guard(sessionsLock_);
     return static_cast<std::size_t>(std::count_if(
         sessions_.begin(), sessions_.end(),
         [](const auto& entry) { return (entry.second->flags & CKF_RW_SESSION) == 0; }));
 }
 
-void Card::closeSession(CK_SESSION_HANDLE handle) {
+void Slot::closeSession(CK_SESSION_HANDLE handle) {
     std::shared_ptr<SessionSlot> closed;  // freed outside the lock, with its kept keys
     {
         const std::unique_lock guard(sessionsLock_);
@@ -57,7 +57,7 @@ void Card::closeSession(CK_SESSION_HANDLE handle) {
     objects_.dropSessionObjects(handle);
 }
 
-void Card::closeAllSessions() {
+void Slot::closeAllSessions() {
     std::map<CK_SESSION_HANDLE, std::shared_ptr<SessionSlot>> closed;
     {
         const std::unique_lock guard(sessionsLock_);
@@ -67,15 +67,15 @@ void Card::closeAllSessions() {
     for (const auto& [handle, slot] : closed) objects_.dropSessionObjects(handle);
 }
 
-void Card::logIn() {
+void Slot::logIn() {
     if (loggedIn_.exchange(true)) throw CryptokiError(CKR_USER_ALREADY_LOGGED_IN);
 }
 
-void Card::logOut() {
+void Slot::logOut() {
     if (!loggedIn_.exchange(false)) throw CryptokiError(CKR_USER_NOT_LOGGED_IN);
 }
 
-void Card::releaseKeys() {
+void Slot::releaseKeys() {
     released_ = true;
     const std::shared_lock guard(sessionsLock_);
     for (const auto& [handle, slot] : sessions_) {
@@ -85,17 +85,17 @@ void Card::releaseKeys() {
     }
 }
 
-void Card::checkLive() const {
+void Slot::checkLive() const {
     if (released_) throw CryptokiError(CKR_FUNCTION_FAILED);
 }
 
-std::shared_ptr<const TokenObject> Card::object(CK_OBJECT_HANDLE handle) {
+std::shared_ptr<const TokenObject> Slot::object(CK_OBJECT_HANDLE handle) {
     auto object = objects_.find(handle);
     if (!object) throw CryptokiError(CKR_OBJECT_HANDLE_INVALID);
     return object;
 }
 
-std::shared_ptr<const TokenObject> Card::key(CK_OBJECT_HANDLE handle) {
+std::shared_ptr<const TokenObject> Slot::key(CK_OBJECT_HANDLE handle) {
     auto object = objects_.find(handle);
     if (!object || !object->key) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
     return object;
@@ -116,7 +116,7 @@ void requireObjectsKey(const platform::key_service::PrivateKey& reached, const K
 
 }  // namespace
 
-Card::ReachedKey Card::privateKey(Session& session, const KeyFacts& key) {
+Slot::ReachedKey Slot::privateKey(Session& session, const KeyFacts& key) {
     checkLive();
     const auto stored = objects_.storedKey(key);
     if (!stored) throw CryptokiError(CKR_KEY_HANDLE_INVALID);

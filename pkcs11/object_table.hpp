@@ -18,18 +18,17 @@ namespace keyloft::pkcs11 {
 
 // The objects of the token and those sessions made, by handle. A token object keeps its handle
 // across re-reads for as long as it stays on the token; a removed one's handle is never reused.
-// Every use of a handle first takes in what changed on the card, so a handle of something the
+// Every use of a handle first takes in what changed on the slot, so a handle of something the
 // tool removed fails at once. Safe for use from several threads.
-class ObjectStore {
+class ObjectTable {
   public:
     // How sure a caller is that the card may have changed: a sign of a change can come before the
     // change itself is visible, so after a write of its own the module asks the store itself.
     enum class Freshness { whenSignalled, afterOwnWrite };
     // Answers the token's state when it may have changed, nothing when it has not.
-    using Source =
-        std::function<std::optional<platform::token_store::TesseraTokenSnapshot>(Freshness)>;
+    using Source = std::function<std::optional<platform::token_store::TokenSnapshot>(Freshness)>;
 
-    explicit ObjectStore(Source source) : source_(std::move(source)) {}
+    explicit ObjectTable(Source source) : source_(std::move(source)) {}
 
     // Nothing for an unknown or removed handle.
     std::shared_ptr<const TokenObject> find(CK_OBJECT_HANDLE handle);

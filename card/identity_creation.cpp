@@ -1,18 +1,18 @@
-#include "store/identity_creation.hpp"
+#include "card/identity_creation.hpp"
 
 #include <algorithm>
 
 #include "base/certificate_reader.hpp"
 #include "base/error.hpp"
+#include "card/identity_lookup.hpp"
 #include "der/object_identifiers.hpp"
 #include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
 #include "platform/crypto/random.hpp"
 #include "pubkey/hex.hpp"
-#include "store/identity_lookup.hpp"
 #include "x509/certificate.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 
 NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel,
                                    bool cardHoldsTpmKeys) {
@@ -45,8 +45,7 @@ NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecificatio
     return {std::move(hash), std::move(key.storage), std::move(items)};
 }
 
-bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
-                     const std::string& label) {
+bool relabelIdentity(const Token& token, ByteView hash, const std::string& label) {
     const auto items = token.items();
     std::vector<std::size_t> matching;
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -57,4 +56,4 @@ bool relabelIdentity(const TesseraTokenConfiguration& token, ByteView hash,
     return !matching.empty();
 }
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

@@ -1,16 +1,16 @@
-#include "store/user_card_watcher.hpp"
+#include "card/user_card_watcher.hpp"
 
 #include "base/error.hpp"
+#include "card/user_card.hpp"
 #include "platform/os/log.hpp"
 #include "platform/os/paths.hpp"
-#include "store/user_card.hpp"
 
-namespace keyloft::store {
+namespace keyloft::card {
 namespace {
 
-std::unique_ptr<platform::token_store::TesseraTokenWatcher> watchToken(
+std::unique_ptr<platform::token_store::TokenWatcher> watchToken(
     const std::filesystem::path& folder) {
-    return std::make_unique<platform::token_store::TesseraTokenWatcher>(
+    return std::make_unique<platform::token_store::TokenWatcher>(
         folder / platform::os::storeFileName, std::string(driverClassID),
         std::string(userInstanceID));
 }
@@ -22,8 +22,7 @@ UserCardWatcher::UserCardWatcher()
       folderChanges_(folder_),
       token_(watchToken(folder_)) {}
 
-std::optional<platform::token_store::TesseraTokenSnapshot> UserCardWatcher::changes(
-    bool afterOwnWrite) {
+std::optional<platform::token_store::TokenSnapshot> UserCardWatcher::changes(bool afterOwnWrite) {
     // Every use of a handle asks whether the card changed. Asking the store costs more than a
     // signature's share allows, so it is asked only when something in the folder changed; a
     // change of the folder's or its files' owner or mode is one.
@@ -38,7 +37,7 @@ std::optional<platform::token_store::TesseraTokenSnapshot> UserCardWatcher::chan
         }
         if (!token_) return std::nullopt;
         token_.reset();
-        return platform::token_store::TesseraTokenSnapshot{};
+        return platform::token_store::TokenSnapshot{};
     }
     refusal_.clear();
     if (!token_) token_ = watchToken(folder_);
@@ -48,4 +47,4 @@ std::optional<platform::token_store::TesseraTokenSnapshot> UserCardWatcher::chan
     return changes;
 }
 
-}  // namespace keyloft::store
+}  // namespace keyloft::card

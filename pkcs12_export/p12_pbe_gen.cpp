@@ -1,4 +1,4 @@
-#include "pkcs12/p12_pbe_gen.hpp"
+#include "pkcs12_export/p12_pbe_gen.hpp"
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,7 +9,7 @@
 #include "platform/crypto/digest.hpp"
 #include "platform/text/utf16.hpp"
 
-namespace keyloft::pkcs12 {
+namespace keyloft::pkcs12_export {
 namespace {
 
 constexpr std::size_t blockSize = 64;  // v: SHA-1's input block
@@ -94,4 +94,4 @@ platform::crypto::SecretBytes pbeMacKey(std::string_view password, ByteView salt
     return pbeKey(password, salt, iterations, PbeId::mac, hashSize, "Failed to generate pbe");
 }
 
-}  // namespace keyloft::pkcs12
+}  // namespace keyloft::pkcs12_export
