@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -215,6 +216,9 @@ TEST_F(CardChanges, ThreadsKeepWorkingWhileTheToolChangesTheCard) {
                                 {"destroy", gone}}),
               "");
     EXPECT_EQ(tally.wrongSignatures(), 0);
+    std::cout << "tool rounds " << rounds << ", signatures " << tally.total("sign", CKR_OK)
+              << ", key pairs made through the module " << tally.total("generate", CKR_OK)
+              << ", searches " << tally.total("search", CKR_OK) << "\n";
     EXPECT_GT(rounds, 0);
     EXPECT_GT(tally.total("sign", CKR_OK), 0);
     EXPECT_GT(tally.total("generate", CKR_OK), 0);
