@@ -49,7 +49,11 @@ bool relabelIdentity(const Token& token, ByteView hash, const std::string& label
     const auto items = token.items();
     std::vector<std::size_t> matching;
     for (std::size_t i = 0; i < items.size(); ++i) {
-        if (itemMatchesHash(items[i], hash)) matching.push_back(i);
+        if (!itemMatchesHash(items[i], hash)) continue;
+        // The key item names the identity; a certificate item keeps having no label when it has
+        // none (an issued certificate is stored without one).
+        const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&items[i]);
+        if (certificate == nullptr || certificate->label) matching.push_back(i);
     }
     // The items stay where they are, so the identity keeps its place in listings.
     token.relabelItemsAt(matching, label);

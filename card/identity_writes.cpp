@@ -87,7 +87,6 @@ bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView h
     if (old == items.end()) return false;
     auto item = platform::token_store::makeCertificateItem(certificate, hash);
     if (!item) throw KeyloftError::generic("Failed to create token certificate");
-    item->label = identityLabel(items, hash);
     token.removeItemsAt({static_cast<std::size_t>(old - items.begin())});
     token.appendItems({std::move(*item)});
     return true;
@@ -96,23 +95,6 @@ bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView h
 void removeAllIdentities(const Token& token) {
     token.removeConfigurationData();
     token.replaceItems({});
-}
-
-std::optional<std::string> identityLabel(const platform::token_store::TokenItems& items,
-                                         ByteView hash) {
-    std::optional<std::string> label;
-    for (const auto& item : items) {
-        const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
-        const auto& itemLabel = key != nullptr
-                                    ? key->label
-                                    : std::get<platform::token_store::CertificateItem>(item).label;
-        if (!itemLabel || itemLabel->empty() || !itemMatchesHash(item, hash)) continue;
-        // The key item's label wins: certificates replaced before labels were carried over
-        // have none.
-        if (key != nullptr) return itemLabel;
-        label = label ? label : itemLabel;
-    }
-    return label;
 }
 
 }  // namespace keyloft::card

@@ -55,15 +55,10 @@ void removeIdentityItems(const Token& token, ByteView hash);
 // Removes the hash's stored-key record and stores the re-encoded records.
 void removeKeyRecord(const Token& token, ByteView hash);
 
-// The label of the identity with the hash: its key item's, else its certificate item's; nothing
-// when neither has one.
-std::optional<std::string> identityLabel(const platform::token_store::TokenItems& items,
-                                         ByteView hash);
-
-// Replaces the certificate item of the hash with one for the certificate, labelled with the
-// identity's label, appended after the rest of the list; false when the card holds no certificate
-// of the hash. Throws "Failed to create token certificate" when no item can be made of the
-// certificate.
+// Replaces the certificate item of the hash with one for the certificate, without a label (the
+// identity keeps its key item's), appended after the rest of the list; false when the card holds
+// no certificate of the hash. Throws "Failed to create token certificate" when no item can be made
+// of the certificate.
 bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView hash);
 
 // Empties the card: no stored-key records, no items.

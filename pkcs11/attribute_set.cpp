@@ -32,8 +32,11 @@ bool boolOf(const CK_ATTRIBUTE& attribute) {
 }
 
 Bytes valueOf(const CK_ATTRIBUTE& attribute) {
+    // No value the card takes comes near this (a certificate is a few KiB); a length beyond it is
+    // a caller's mistake, refused before anything is read.
+    constexpr CK_ULONG largestValue = 1U << 20U;
     const auto* value = static_cast<const std::uint8_t*>(attribute.pValue);
-    if (value == nullptr && attribute.ulValueLen != 0)
+    if ((value == nullptr && attribute.ulValueLen != 0) || attribute.ulValueLen > largestValue)
         throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
     return value == nullptr ? Bytes{} : Bytes(value, value + attribute.ulValueLen);
 }

@@ -57,6 +57,7 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
     return onSlot([&](Slot& slot) {
         const auto session = slot.session(hSession);
         stepOf(session->signing, [&](SignOperation& operation) {
+            operation.form.onePart();
             const auto data = arrayArgument(pData, ulDataLen);
             require(pulSignatureLen);
             // The data joins the operation only for the call that signs.
@@ -70,6 +71,7 @@ CK_RV C_Sign(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
 CK_RV C_SignUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->signing, [&](SignOperation& operation) {
+            operation.form.inParts();
             operation.update(arrayArgument(pPart, ulPartLen));
             return false;
         });
@@ -81,6 +83,7 @@ CK_RV C_SignFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature,
     return onSlot([&](Slot& slot) {
         const auto session = slot.session(hSession);
         stepOf(session->signing, [&](SignOperation& operation) {
+            operation.form.inParts();
             return finishSigning(slot, *session, operation, pSignature, pulSignatureLen);
         });
     });
@@ -96,6 +99,7 @@ CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
                CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            operation.form.onePart();
             slot.checkLive();
             operation.update(arrayArgument(pData, ulDataLen));
             operation.verify(arrayArgument(pSignature, ulSignatureLen));
@@ -107,6 +111,7 @@ CK_RV C_Verify(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
 CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            operation.form.inParts();
             operation.update(arrayArgument(pPart, ulPartLen));
             return false;
         });
@@ -116,6 +121,7 @@ CK_RV C_VerifyUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulP
 CK_RV C_VerifyFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pSignature, CK_ULONG ulSignatureLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->verifying, [&](VerifyOperation& operation) {
+            operation.form.inParts();
             slot.checkLive();
             operation.verify(arrayArgument(pSignature, ulSignatureLen));
             return true;
@@ -137,7 +143,7 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
                CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
-            if (operation.inParts()) throw CryptokiError(CKR_OPERATION_ACTIVE);
+            operation.form.onePart();
             const auto data = arrayArgument(pData, ulDataLen);
             if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
             // The data joins the operation only for the call that finishes it.
@@ -152,8 +158,8 @@ CK_RV C_Digest(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen
 CK_RV C_DigestUpdate(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pPart, CK_ULONG ulPartLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
+            operation.form.inParts();
             operation.update(arrayArgument(pPart, ulPartLen));
-            operation.markInParts();
             return false;
         });
     });
@@ -169,8 +175,8 @@ CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
             const Bytes* value = key->attributes.find(CKA_VALUE);
             if (key->identity.objectClass != CKO_SECRET_KEY || value == nullptr)
                 throw CryptokiError(CKR_KEY_INDIGESTIBLE);
+            operation.form.inParts();
             operation.update(*value);
-            operation.markInParts();
             return false;
         });
     });
@@ -179,6 +185,7 @@ CK_RV C_DigestKey(CK_SESSION_HANDLE hSession, CK_OBJECT_HANDLE hKey) {
 CK_RV C_DigestFinal(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pDigest, CK_ULONG_PTR pulDigestLen) {
     return onSlot([&](Slot& slot) {
         stepOf(slot.session(hSession)->digesting, [&](DigestOperation& operation) {
+            operation.form.inParts();
             if (!roomFor(operation.digestSize(), pDigest, pulDigestLen)) return false;
             deliver(operation.finish(), pDigest, pulDigestLen);
             return true;

@@ -183,6 +183,7 @@ CK_RV C_Login(CK_SESSION_HANDLE hSession, CK_USER_TYPE userType, CK_UTF8CHAR_PTR
                 slot.logIn();
                 return;
             case CKU_SO:
+                if (slot.loggedIn()) throw CryptokiError(CKR_USER_ANOTHER_ALREADY_LOGGED_IN);
                 // There is no security officer, so no PIN is the right one.
                 throw CryptokiError(slot.readOnlySessionCount() > 0 ? CKR_SESSION_READ_ONLY_EXISTS
                                                                     : CKR_PIN_INCORRECT);

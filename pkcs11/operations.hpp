@@ -3,6 +3,7 @@
 #include <optional>
 
 #include "base/bytes.hpp"
+#include "pkcs11/call_form.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "pkcs11/token_objects.hpp"
 #include "platform/crypto/digest_stream.hpp"
@@ -23,6 +24,8 @@ class SignatureInput {
     const KeyFacts& key() const { return key_; }
     std::size_t signatureSize() const;
     void update(ByteView part) { data_.insert(data_.end(), part.begin(), part.end()); }
+
+    CallForm form;
 
   protected:
     Scheme scheme() const { return mechanism_->scheme; }
@@ -64,14 +67,12 @@ class DigestOperation {
 
     std::size_t digestSize() const;
     void update(ByteView part);
-    // True once data went in by parts: the one-call form may no longer finish the operation.
-    bool inParts() const { return inParts_; }
-    void markInParts() { inParts_ = true; }
     Bytes finish() const;
+
+    CallForm form;
 
   private:
     platform::crypto::DigestStream stream_;
-    bool inParts_ = false;
 };
 
 class DecryptOperation {

@@ -5,6 +5,7 @@ import pytest
 from cryptography import x509
 from cryptography.hazmat.primitives import serialization
 
+from conftest import PKCS11_MODULE
 from identities import der, key_hash, make_certificate, make_key, place, sealed_record
 
 
@@ -41,8 +42,9 @@ def test_issued_certificate_replaces_the_old_one_and_goes_last(card, two, tmp_pa
     (tmp_path / "issued.pem").write_text(text, newline="")
     assert card.out("import-certificate", "-f", str(tmp_path / "issued.pem")) == ""
     items = card.items()
+    # The issued certificate is stored without a label; the identity keeps its key item's.
     assert [(kind, label) for kind, _, label, *_ in items] == [
-        ("key", "a"), ("certificate", "b"), ("key", "b"), ("certificate", "a")]
+        ("key", "a"), ("certificate", "b"), ("key", "b"), ("certificate", None)]
     assert items[-1][1] == key_hash(two[0])
     assert items[-1][3] == der(certificate)
 
@@ -74,3 +76,12 @@ def test_missing_file_name_and_unreadable_files(card, two, tmp_path):
     (tmp_path / "binary.der").write_bytes(der(issued(two[0])))
     assert card.out("import-certificate", "-f", str(tmp_path / "binary.der")).startswith("Error: ")
     assert len(card.items()) == 4
+
+
+def test_the_module_shows_the_identity_label_on_an_issued_certificate(card, two, tmp_path):
+    (tmp_path / "issued.pem").write_bytes(
+        issued(two[0]).public_bytes(serialization.Encoding.PEM))
+    card.run("import-certificate", "-f", str(tmp_path / "issued.pem"))
+    listing = card.client("pkcs11-tool", "--module", PKCS11_MODULE, "-O", "--type", "cert").stdout
+    assert sorted(line.split(":", 1)[1].strip() for line in listing.splitlines()
+                  if line.strip().startswith("label:")) == ["a", "b"]

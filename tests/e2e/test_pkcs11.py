@@ -54,8 +54,13 @@ class Identity:
 
 
 def identities_of(card):
-    return {label: Identity(label, object_id.hex(), x509.load_der_x509_certificate(certificate))
-            for kind, object_id, label, certificate, *_ in card.items() if kind == "certificate"}
+    """By identity label: the key item's (an issued certificate's item has none)."""
+    items = card.items()
+    labels = {object_id: label for kind, object_id, label, *_ in items if kind == "key"}
+    return {labels.get(object_id) or label:
+            Identity(labels.get(object_id) or label, object_id.hex(),
+                     x509.load_der_x509_certificate(certificate))
+            for kind, object_id, label, certificate, *_ in items if kind == "certificate"}
 
 
 @pytest.fixture(scope="module")

@@ -172,6 +172,24 @@ const Call calls[] = {
     {"LoginAsSecurityOfficer",
      [](auto& p, auto s, auto) { return p.C_Login(s, CKU_SO, nullptr, 0); },
      CKR_SESSION_READ_ONLY_EXISTS},
+    {"SecurityOfficerWhileTheUserIsLoggedIn",
+     [](auto& p, auto s, auto) {
+         p.C_Login(s, CKU_USER, nullptr, 0);
+         const CK_RV rv = p.C_Login(s, CKU_SO, nullptr, 0);
+         p.C_Logout(s);
+         return rv;
+     },
+     CKR_USER_ANOTHER_ALREADY_LOGGED_IN},
+    {"LabelOfAbsurdLength",
+     [](auto& p, auto, auto k) {
+         CK_SESSION_HANDLE writer;
+         p.C_OpenSession(0, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &writer);
+         CK_ATTRIBUTE label{CKA_LABEL, buffer, static_cast<CK_ULONG>(-1)};
+         const CK_RV rv = p.C_SetAttributeValue(writer, k, &label, 1);
+         p.C_CloseSession(writer);
+         return rv;
+     },
+     CKR_ATTRIBUTE_VALUE_INVALID},
     {"LogoutWithoutLogin", [](auto& p, auto s, auto) { return p.C_Logout(s); },
      CKR_USER_NOT_LOGGED_IN},
     {"InitializeTwice", [](auto& p, auto, auto) { return p.C_Initialize(nullptr); },

@@ -154,5 +154,72 @@ INSTANTIATE_TEST_SUITE_P(
         return name + "_" + std::to_string(test.param.mechanism);
     });
 
+// A length query of the one-call form keeps the operation open for that form only: mixing the
+// forms would finish over no data, or over the data twice.
+struct MixedCalls {
+    std::string name;
+    CK_RV (*start)(CK_FUNCTION_LIST&, CK_SESSION_HANDLE, CK_OBJECT_HANDLE);
+    CK_RV (*first)(CK_FUNCTION_LIST&, CK_SESSION_HANDLE);
+    CK_RV (*second)(CK_FUNCTION_LIST&, CK_SESSION_HANDLE);
+};
+
+CK_BYTE mixedData[] = "mixed";
+CK_BYTE mixedOut[512];
+CK_ULONG mixedSize = 0;
+CK_MECHANISM mixedSha256{CKM_SHA256, nullptr, 0};
+CK_MECHANISM mixedEcdsa{CKM_ECDSA_SHA256, nullptr, 0};
+
+CK_RV startDigest(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE) {
+    return p11.C_DigestInit(session, &mixedSha256);
+}
+CK_RV startSign(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE key) {
+    return p11.C_SignInit(session, &mixedEcdsa, key);
+}
+CK_RV digestLength(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    return p11.C_Digest(session, mixedData, 5, nullptr, &mixedSize);
+}
+CK_RV digestPart(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    return p11.C_DigestUpdate(session, mixedData, 5);
+}
+CK_RV digestFinal(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    mixedSize = sizeof mixedOut;
+    return p11.C_DigestFinal(session, mixedOut, &mixedSize);
+}
+CK_RV signLength(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    return p11.C_Sign(session, mixedData, 5, nullptr, &mixedSize);
+}
+CK_RV signPart(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    return p11.C_SignUpdate(session, mixedData, 5);
+}
+CK_RV signFinal(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    mixedSize = sizeof mixedOut;
+    return p11.C_SignFinal(session, mixedOut, &mixedSize);
+}
+CK_RV signWhole(CK_FUNCTION_LIST& p11, CK_SESSION_HANDLE session) {
+    mixedSize = sizeof mixedOut;
+    return p11.C_Sign(session, mixedData, 5, mixedOut, &mixedSize);
+}
+
+class MixedCallForms : public CardSession, public ::testing::WithParamInterface<MixedCalls> {};
+
+TEST_P(MixedCallForms, AnswerOperationActive) {
+    // One identity serves every case, also when they all run in one process.
+    static const bool created = (createIdentity("mixed calls"), true);
+    (void)created;
+    const auto key = object(CKO_PRIVATE_KEY, "mixed calls");
+    ASSERT_EQ(GetParam().start(p11, session, key), CKR_OK);
+    ASSERT_EQ(GetParam().first(p11, session), CKR_OK);
+    EXPECT_EQ(GetParam().second(p11, session), CKR_OPERATION_ACTIVE);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, MixedCallForms,
+    ::testing::Values(MixedCalls{"DigestLengthThenFinal", startDigest, digestLength, digestFinal},
+                      MixedCalls{"DigestLengthThenPart", startDigest, digestLength, digestPart},
+                      MixedCalls{"SignLengthThenFinal", startSign, signLength, signFinal},
+                      MixedCalls{"SignLengthThenPart", startSign, signLength, signPart},
+                      MixedCalls{"SignPartThenWhole", startSign, signPart, signWhole}),
+    [](const auto& testCase) { return testCase.param.name; });
+
 }  // namespace
 }  // namespace keyloft::testing
