@@ -44,6 +44,10 @@ class PlatformError : public std::runtime_error {
     int code_;
 };
 
+// A key's use refused because the user's presence was not confirmed: the user said no or
+// cancelled, or nobody could be asked. Applications are told apart from a broken token.
+inline constexpr int presenceNotConfirmedCode = -1001;
+
 // The token framework's object-not-found error.
 inline constexpr int objectNotFoundCode = -6;
 inline PlatformError storedKeyNotFound() {

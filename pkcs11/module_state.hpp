@@ -41,6 +41,11 @@ CK_RV onSlot(Work&& work) noexcept {
         return error.rv();
     } catch (const std::bad_alloc&) {
         return CKR_HOST_MEMORY;
+    } catch (const PlatformError& error) {
+        platform::os::logError(std::string("PKCS#11 operation failed: ") + error.what());
+        // The user's refusal is not the token's failure: applications show them differently.
+        return error.code() == presenceNotConfirmedCode ? CKR_FUNCTION_REJECTED
+                                                        : CKR_FUNCTION_FAILED;
     } catch (const std::exception& error) {
         platform::os::logError(std::string("PKCS#11 operation failed: ") + error.what());
         return CKR_FUNCTION_FAILED;

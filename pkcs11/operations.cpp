@@ -202,13 +202,24 @@ DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObj
              hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
 }
 
+namespace {
+
+// Called while a key's failure is handled: the input is to blame, unless the user's presence was
+// not confirmed, which goes on as it is.
+[[noreturn]] void blameInput(const PlatformError& error, CK_RV rv) {
+    if (error.code() == presenceNotConfirmedCode) throw;
+    throw CryptokiError(rv);
+}
+
+}  // namespace
+
 platform::crypto::SecretBytes DecryptOperation::decrypt(
     const platform::key_service::PrivateKey& handle, ByteView ciphertext) const {
     if (ciphertext.size() != plaintextLimit()) throw CryptokiError(CKR_ENCRYPTED_DATA_LEN_RANGE);
     try {
         return handle.decryptRsaOaep(ciphertext, oaep_);
-    } catch (const PlatformError&) {
-        throw CryptokiError(CKR_ENCRYPTED_DATA_INVALID);
+    } catch (const PlatformError& error) {
+        blameInput(error, CKR_ENCRYPTED_DATA_INVALID);
     }
 }
 
@@ -236,9 +247,9 @@ platform::crypto::SecretBytes EcdhDerivation::derive(
     const platform::key_service::PrivateKey& handle) const {
     try {
         return handle.agree(peerPoint_);
-    } catch (const PlatformError&) {
+    } catch (const PlatformError& error) {
         // A point that is not on the key's curve.
-        throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
+        blameInput(error, CKR_MECHANISM_PARAM_INVALID);
     }
 }
 

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* serviceName = "keyloft";
 
 [[noreturn]] void refuse(const std::string& why) {
-    throw PlatformError("User presence could not be confirmed: " + why);
+    throw PlatformError("User presence could not be confirmed: " + why, presenceNotConfirmedCode);
 }
 
 using os::ControllingTerminal;

@@ -20,7 +20,7 @@ constexpr const char* authorityInterface = "org.freedesktop.PolicyKit1.Authority
 constexpr std::uint32_t allowUserInteraction = 1;
 
 [[noreturn]] void refuse(const std::string& why) {
-    throw PlatformError("User presence could not be confirmed: " + why);
+    throw PlatformError("User presence could not be confirmed: " + why, presenceNotConfirmedCode);
 }
 
 struct BusDeleter {

@@ -214,6 +214,8 @@ def test_pkcs11_signature_follows_polkit(polkit, protected_key, answer, signs):
     polkit.answer(answer)
     result = polkit.sign(card, key_hash)
     assert (result.returncode == 0) == signs, result
+    # The application is told the user refused, not that the token failed.
+    assert signs or "CKR_FUNCTION_REJECTED" in result.stdout + result.stderr, result
 
 
 @pytest.mark.parametrize("bus", ["running bus, polkit stopped", "no bus"])
