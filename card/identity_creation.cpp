@@ -1,12 +1,9 @@
 #include "card/identity_creation.hpp"
 
-#include <algorithm>
-
 #include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "card/identity_lookup.hpp"
 #include "der/object_identifiers.hpp"
-#include "keys/key_access.hpp"
 #include "keys/key_creation.hpp"
 #include "platform/crypto/random.hpp"
 #include "pubkey/hex.hpp"
@@ -14,35 +11,36 @@
 
 namespace keyloft::card {
 
-NewIdentity makeSelfSignedIdentity(KeyType type, const std::optional<std::string>& givenLabel,
-                                   bool cardHoldsTpmKeys) {
-    auto key = keys::generateKey(type, false, cardHoldsTpmKeys);
-    const std::string label = givenLabel.value_or(pubkey::toHexString(key.key->applicationLabel()));
-    // The label is the common name alone: the separators of the subject specification in it
-    // would start other name parts.
-    std::string commonName = label;
-    std::replace_if(
-        commonName.begin(), commonName.end(), [](char c) { return c == ';' || c == '|'; }, ' ');
-    return certifyNewKey(std::move(key), commonName + ";;;;;;", label);
-}
+NewIdentity createIdentity(const Token& token, const IdentityRequest& request) {
+    // Read without decoding every record: only the key processor depends on them.
+    auto cardData = token.configurationData();
+    auto key = keys::generateKey(request.type, request.biometry, keys::holdsTpmKeys(cardData));
 
-NewIdentity certifyNewKey(keys::NewKey key, std::string_view subjectSpecification,
-                          const std::string& label) {
     const auto publicKey = key.key->publicKeyAttributes();
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");
     Bytes hash = key.key->applicationLabel();
-    const auto model = x509::X509Certificate::create(publicKey, hash, subjectSpecification, false,
-                                                     platform::crypto::randomUuid);
+    const std::string label = request.label.value_or(pubkey::toHexString(hash));
+    auto model = x509::X509Certificate::create(
+        publicKey, hash, request.subject.value_or(x509::Name{.commonName = label}), false,
+        platform::crypto::randomUuid);
+    if (request.lifetime) model.validTo = model.validFrom + *request.lifetime;
     const auto certificate =
         der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-            return keys::signWithStoredKey(
-                tbs, key.storage,
-                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384);
+            return key.sign(
+                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
         }));
-    if (!readCertificate(certificate)) throw KeyloftError::generic("Failed to create certificate");
-    auto items = makeIdentityItems(certificate, hash, label);
-    return {std::move(hash), std::move(key.storage), std::move(items)};
+
+    const auto read = readCertificate(certificate);
+    if (!read) throw KeyloftError::generic("Failed to create certificate");
+    auto items = makeIdentityItems(*read, certificate, hash, label);
+    return {std::move(hash), std::move(key.storage), std::move(items), std::move(cardData)};
+}
+
+void addIdentity(const Token& token, NewIdentity identity) {
+    IdentityAdditions additions(token, identity.cardData);
+    additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));
+    additions.write();
 }
 
 bool relabelIdentity(const Token& token, ByteView hash, const std::string& label) {

@@ -10,21 +10,27 @@
 namespace keyloft::card {
 
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label) {
-    auto certificateItem = platform::token_store::makeCertificateItem(certificate, hash);
-    if (!certificateItem) throw KeyloftError::generic("Failed to create Tessera certificate");
-    auto keyItem = platform::token_store::makeKeyItem(certificate, hash);
-    if (!keyItem) throw KeyloftError::generic("Failed to create Tessera key");
-    keyItem->canSign = true;
-    if (keyItem->keyType == keyTypeRSA) {
-        keyItem->canDecrypt = true;
-        keyItem->canPerformKeyExchange = false;
-    } else if (keyItem->keyType == keyTypeEC) {
-        keyItem->canDecrypt = false;
-        keyItem->canPerformKeyExchange = true;
+    const auto read = readCertificate(certificate);
+    if (!read) throw KeyloftError::generic("Failed to create Tessera certificate");
+    return makeIdentityItems(*read, certificate, hash, label);
+}
+
+IdentityItems makeIdentityItems(const CertificateView& read, ByteView certificate, ByteView hash,
+                                const std::string& label) {
+    const Bytes objectID(hash.begin(), hash.end());
+    const Bytes der(certificate.begin(), certificate.end());
+    platform::token_store::KeyItem key{.objectID = objectID, .label = label, .certificate = der};
+    platform::token_store::deriveKeyFields(key, read.publicKey());
+    if (!key.publicKeyData) throw KeyloftError::generic("Failed to create Tessera key");
+    key.canSign = true;
+    if (key.keyType == keyTypeRSA) {
+        key.canDecrypt = true;
+        key.canPerformKeyExchange = false;
+    } else if (key.keyType == keyTypeEC) {
+        key.canDecrypt = false;
+        key.canPerformKeyExchange = true;
     }
-    keyItem->label = label;
-    certificateItem->label = label;
-    return {std::move(*certificateItem), std::move(*keyItem)};
+    return {{.objectID = objectID, .label = label, .certificate = der}, std::move(key)};
 }
 
 IdentityAdditions::IdentityAdditions(const Token& token)

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "base/certificate_reader.hpp"
 #include "keys/stored_key_records.hpp"
 #include "platform/token_store/token_store.hpp"
 
@@ -19,6 +20,9 @@ struct IdentityItems {
     platform::token_store::KeyItem key;
 };
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label);
+// The same for a certificate already read (its DER given too), which is not read again.
+IdentityItems makeIdentityItems(const CertificateView& read, ByteView certificate, ByteView hash,
+                                const std::string& label);
 
 // Identities added by one command: the stored-key records are read once and written once, and the
 // new items are appended in one go, certificate item then key item for each identity.

@@ -1,5 +1,6 @@
 #include "base/error.hpp"
 #include "keyloft/keyloft_app.hpp"
+#include "keyloft/subject_options.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/os/files.hpp"
@@ -26,23 +27,13 @@ void KeyloftApp::createCsr() {
         throw KeyloftError::generic("Failed to copy public key");
     keys::requireKeyOfHash(*key, *hashBytes);
 
-    x509::RequestSubject subject;
-    using enum x509::SubjectAttribute;
-    for (const auto& [attribute, value] : {std::pair{commonName, &KeyloftApp::commonName},
-                                           {email, &KeyloftApp::email},
-                                           {organizationalUnit, &KeyloftApp::organizationalUnit},
-                                           {organization, &KeyloftApp::organization},
-                                           {locality, &KeyloftApp::locality},
-                                           {stateOrProvince, &KeyloftApp::stateOrProvince},
-                                           {country, &KeyloftApp::country}}) {
-        if (!(this->*value).empty()) subject.emplace_back(attribute, this->*value);
-    }
     const auto algorithm =
         storedKeyType == keyTypeRSA
             ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384
             : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
-    const auto request = der::encode(x509::buildCertificationRequest(
-        subject, publicKey, [&](ByteView info) { return key->sign(algorithm, info); }));
+    const auto request = der::encode(
+        x509::buildCertificationRequest(requestSubject(*this), publicKey,
+                                        [&](ByteView info) { return key->sign(algorithm, info); }));
     if (request.empty())
         throw KeyloftError::generic("Failed to genrete Certificate Signature Request");
 

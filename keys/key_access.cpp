@@ -56,10 +56,4 @@ unwrapPrivateKeyWithData(const SealedKey& key,
     return {std::move(software), std::move(data)};
 }
 
-Bytes signWithStoredKey(ByteView message, const KeyStorage& storage,
-                        platform::key_service::SignatureAlgorithm algorithm) {
-    const auto context = std::make_shared<AuthenticationContext>();
-    return privateKey(storage, context)->sign(algorithm, message);
-}
-
 }  // namespace keyloft::keys

@@ -36,8 +36,4 @@ std::pair<platform::key_service::SoftwareKey, platform::crypto::SecretBytes>
 unwrapPrivateKeyWithData(const SealedKey& key,
                          const std::shared_ptr<AuthenticationContext>& context);
 
-// Signs with a fresh authentication context.
-Bytes signWithStoredKey(ByteView message, const KeyStorage& storage,
-                        platform::key_service::SignatureAlgorithm algorithm);
-
 }  // namespace keyloft::keys

@@ -22,6 +22,38 @@ bool reachesTpm(const Storage& storage) {
            (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
 }
 
+// Wraps the key under a new processor-held P-256 wrapping key, handed back with the record.
+std::pair<SealedKey, std::unique_ptr<platform::key_processor::ProcessorKey>> seal(
+    const platform::key_service::SoftwareKey& key, bool biometry, bool cardHoldsTpmKeys) {
+    const auto plaintext = key.externalRepresentation();
+    SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
+    try {
+        sealed.pubKeyHash = key.applicationLabel();
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get private key attributes");
+    }
+
+    auto wrapping = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
+                        .createKey(256, accessControlFor(biometry));
+    Bytes wrappingPoint;
+    try {
+        wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get public key");
+    }
+    if (wrapping->objectIdentifier().empty())
+        throw KeyloftError::generic("failed to get private key attributes");
+    sealed.wrappingPrivateKeyData = wrapping->objectIdentifier();
+
+    // The key service's own reason is not reported on this path.
+    try {
+        sealed.wrappedPrivateKey = platform::key_service::ecies::encrypt(wrappingPoint, plaintext);
+    } catch (const PlatformError&) {
+        throw KeyloftError::generic("failed to get key attributes");
+    }
+    return {std::move(sealed), std::move(wrapping)};
+}
+
 }  // namespace
 
 bool holdsTpmKeys(const StoredKeyMap& card) {
@@ -52,8 +84,9 @@ NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys) {
     const auto wrapped = [&](int sizeInBits) {
         auto key = std::make_unique<platform::key_service::SoftwareKey>(
             platform::key_service::SoftwareKey::generateEC(sizeInBits));
-        KeyStorage storage{.sealedKey = makeSealedKey(*key, biometry, cardHoldsTpmKeys)};
-        return NewKey{std::move(key), std::move(storage)};
+        auto [sealed, wrapping] = seal(*key, biometry, cardHoldsTpmKeys);
+        return NewKey{std::move(key), KeyStorage{.sealedKey = std::move(sealed)},
+                      std::move(wrapping)};
     };
     switch (type) {
         case KeyType::p256:
@@ -77,33 +110,12 @@ BoundKey makeBoundKey(const platform::key_processor::ProcessorKey& key, bool bio
 
 SealedKey makeSealedKey(const platform::key_service::SoftwareKey& key, bool biometry,
                         bool cardHoldsTpmKeys) {
-    const auto plaintext = key.externalRepresentation();
-    SealedKey sealed{.keyType = key.keyType(), .biometryProtection = protectionFor(biometry)};
-    try {
-        sealed.pubKeyHash = key.applicationLabel();
-    } catch (const PlatformError&) {
-        throw KeyloftError::generic("failed to get private key attributes");
-    }
+    return seal(key, biometry, cardHoldsTpmKeys).first;
+}
 
-    const auto wrapping = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
-                              .createKey(256, accessControlFor(biometry));
-    Bytes wrappingPoint;
-    try {
-        wrappingPoint = wrapping->publicKeyAttributes().externalRepresentation;
-    } catch (const PlatformError&) {
-        throw KeyloftError::generic("failed to get public key");
-    }
-    if (wrapping->objectIdentifier().empty())
-        throw KeyloftError::generic("failed to get private key attributes");
-    sealed.wrappingPrivateKeyData = wrapping->objectIdentifier();
-
-    // The key service's own reason is not reported on this path.
-    try {
-        sealed.wrappedPrivateKey = platform::key_service::ecies::encrypt(wrappingPoint, plaintext);
-    } catch (const PlatformError&) {
-        throw KeyloftError::generic("failed to get key attributes");
-    }
-    return sealed;
+Bytes NewKey::sign(platform::key_service::SignatureAlgorithm algorithm, ByteView message) const {
+    if (wrappingKey) wrappingKey->authorize();
+    return key->sign(algorithm, message);
 }
 
 }  // namespace keyloft::keys

@@ -19,6 +19,12 @@ std::uint32_t accessControlFor(bool biometry);
 struct NewKey {
     std::unique_ptr<platform::key_service::PrivateKey> key;
     KeyStorage storage;
+    // The processor key a software key is sealed under; none for a processor key.
+    std::unique_ptr<platform::key_processor::ProcessorKey> wrappingKey;
+
+    // Signs with the key in hand. A sealed key asks its wrapping key's presence check first, as
+    // opening its record would: a protected key is confirmed at its first use either way.
+    Bytes sign(platform::key_service::SignatureAlgorithm algorithm, ByteView message) const;
 };
 
 // Whether the card's records reach any key inside a TPM: such a card gets no new soft keys.

@@ -3,7 +3,6 @@
 #include "card/identity_creation.hpp"
 #include "card/identity_lookup.hpp"
 #include "card/user_card.hpp"
-#include "keys/stored_key_codec.hpp"
 #include "pkcs11/cryptoki.hpp"
 
 namespace keyloft::pkcs11 {
@@ -22,22 +21,19 @@ void onUserToken(Change&& change) {
 
 card::NewIdentity makeIdentity(const KeyPairRequest& request) {
     const auto registry = card::openUserRegistry();
-    const bool tpmCard = keys::holdsTpmKeys(card::userToken(registry).configurationData());
-    auto identity = card::makeSelfSignedIdentity(request.type, request.label, tpmCard);
+    auto identity = card::createIdentity(card::userToken(registry),
+                                         {.type = request.type, .label = request.label});
     identity.items.key.canSign = request.canSign;
     identity.items.key.canPerformKeyExchange = request.canDerive;
     return identity;
 }
 
 Bytes addIdentity(card::NewIdentity identity) {
+    Bytes hash = identity.hash;
     // Key generation and the self-signed certificate come before the transaction, as in the
     // tool, so that the card is held only while it is written.
-    onUserToken([&](const card::Token& token) {
-        card::IdentityAdditions additions(token);
-        additions.add(identity.hash, std::move(identity.storage), std::move(identity.items));
-        additions.write();
-    });
-    return identity.hash;
+    onUserToken([&](const card::Token& token) { card::addIdentity(token, std::move(identity)); });
+    return hash;
 }
 
 void storeCertificate(ByteView certificate, ByteView hash,

@@ -1,7 +1,6 @@
 #include "x509/certificate.hpp"
 
 #include <algorithm>
-#include <vector>
 
 #include "base/error.hpp"
 #include "der/object_identifiers.hpp"
@@ -11,17 +10,6 @@ namespace keyloft::x509 {
 namespace {
 
 using der::BerTlvRecord;
-
-std::vector<std::string_view> split(std::string_view text, char separator) {
-    std::vector<std::string_view> parts;
-    for (std::size_t start = 0;;) {
-        const auto end = text.find(separator, start);
-        parts.push_back(
-            text.substr(start, end == std::string_view::npos ? text.npos : end - start));
-        if (end == std::string_view::npos) return parts;
-        start = end + 1;
-    }
-}
 
 // A serial whose first UUID byte is 0x00 before a byte below 0x80 would not be a minimal INTEGER.
 std::array<std::uint8_t, 16> serialFrom(const UuidSource& uuids) {
@@ -63,72 +51,21 @@ BerTlvRecord extensions(const X509Certificate& model) {
 
 }  // namespace
 
-const BerTlvRecord& Name::der() const {
-    if (!der_) {
-        BerTlvRecord::Children rdns;
-        const std::pair<const std::optional<std::string>*, ByteView> attributes[] = {
-            {&country, der::oid::countryName},
-            {&stateOrProvince, der::oid::stateOrProvinceName},
-            {&locality, der::oid::localityName},
-            {&organization, der::oid::organizationName},
-            {&organizationalUnit, der::oid::organizationalUnitName},
-            {&commonName, der::oid::commonName},
-            {&email, der::oid::emailAddress},
-        };
-        for (const auto& [value, oid] : attributes) {
-            if (!*value) continue;
-            rdns.push_back(der::setRecord({der::sequenceRecord(
-                {der::oidRecord(oid), der::asciiStringRecord(der::tag::ia5String, **value)})}));
-        }
-        der_ = der::sequenceRecord(std::move(rdns));
-    }
-    return *der_;
-}
-
 BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
     return der::sequenceRecord({der::publicKeyAlgorithm(publicKey.keyType, publicKey.sizeInBits),
                                 der::bitStringRecord(publicKey.externalRepresentation)});
 }
 
 X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey, Bytes pubKeyHash,
-                                        std::optional<std::string_view> specification,
-                                        bool keyManagement, const UuidSource& uuids) {
+                                        Name subject, bool keyManagement, const UuidSource& uuids) {
     const auto validity = startValidity();
-    X509Certificate model{.pubKeyBERTLV = subjectPublicKeyInfo(publicKey),
-                          .pubKeyHash = std::move(pubKeyHash),
-                          .validFrom = validity.validFrom,
-                          .validTo = validity.validTo,
-                          .serial = serialFrom(uuids),
-                          .keyManagement = keyManagement};
-    model.applySpecification(specification);
-    return model;
-}
-
-void X509Certificate::applySpecification(std::optional<std::string_view> specification) {
-    if (!specification || specification->empty()) return;
-    const auto parts = split(*specification, '|');
-    if (!parts[0].empty()) {
-        const auto components = split(parts[0], ';');
-        if (components.size() <= 7) {
-            std::optional<std::string>* fields[] = {
-                &subject.commonName,   &subject.email,    &subject.organizationalUnit,
-                &subject.organization, &subject.locality, &subject.stateOrProvince,
-                &subject.country};
-            for (std::size_t i = 0; i < components.size(); ++i) {
-                // The common name is set even when empty; other empty components clear their field.
-                if (i == 0 || !components[i].empty()) {
-                    *fields[i] = std::string(components[i]);
-                } else {
-                    fields[i]->reset();
-                }
-            }
-        }
-    }
-    if (parts.size() > 1) {
-        Validity validity{validFrom, validTo};
-        applyValidityDays(validity, parts[1]);
-        validTo = validity.validTo;
-    }
+    return {.pubKeyBERTLV = subjectPublicKeyInfo(publicKey),
+            .pubKeyHash = std::move(pubKeyHash),
+            .subject = std::move(subject),
+            .validFrom = validity.validFrom,
+            .validTo = validity.validTo,
+            .serial = serialFrom(uuids),
+            .keyManagement = keyManagement};
 }
 
 std::optional<BerTlvRecord> signatureAlgorithmIdentifier(ByteView signatureOid) {
@@ -147,13 +84,14 @@ BerTlvRecord buildCertificate(const X509Certificate& model, ByteView signatureOi
                               const Signer& sign) {
     const auto algorithm = signatureAlgorithmIdentifier(signatureOid);
     if (!algorithm) throw KeyloftError::generic("Unsupported signature OID");
+    const auto name = certificateName(model.subject);
     const auto tbs = der::sequenceRecord({
         der::constructedRecord(der::tag::contextConstructed0, {der::integerRecord(2)}),
         der::unsignedIntegerRecord(model.serial),
         *algorithm,
-        model.subject.der(),
+        name,
         der::sequenceRecord({utcTimeRecord(model.validFrom), utcTimeRecord(model.validTo)}),
-        model.subject.der(),
+        name,
         model.pubKeyBERTLV,
         extensions(model),
     });

@@ -45,14 +45,14 @@ Validity startValidity() {
     return {from, std::chrono::system_clock::now() + defaultValidity};
 }
 
-void applyValidityDays(Validity& validity, std::string_view daysText) {
+std::chrono::seconds validityDays(std::string_view daysText) {
     const auto days = parseDays(daysText);
     constexpr auto limit = std::numeric_limits<std::int64_t>::max() / secondsPerDay;
     if (!days || *days > limit || *days < -limit) {
         throw KeyloftError::generic("Certificate validity must be number of days, got '" +
                                     std::string(daysText) + "'");
     }
-    validity.validTo = validity.validFrom + std::chrono::seconds(*days * secondsPerDay);
+    return std::chrono::seconds(*days * secondsPerDay);
 }
 
 der::BerTlvRecord utcTimeRecord(Instant instant) {

@@ -19,9 +19,9 @@ struct Validity {
 // From now, for the default validity.
 Validity startValidity();
 
-// Sets validTo to validFrom plus the whole number of days in the text (optional sign, ASCII
-// digits, nothing else). Throws "Certificate validity must be number of days, got '<text>'".
-void applyValidityDays(Validity& validity, std::string_view daysText);
+// The lifetime of the whole number of days in the text (optional sign, ASCII digits, nothing
+// else). Throws "Certificate validity must be number of days, got '<text>'".
+std::chrono::seconds validityDays(std::string_view daysText);
 
 // UTCTime YYMMDDHHMMSSZ in UTC, fractions dropped; instants from 2050 on (and before 1950) are
 // written as GeneralizedTime YYYYMMDDHHMMSSZ, since a two-digit "50" reads as 1950.

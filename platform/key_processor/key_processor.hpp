@@ -59,6 +59,10 @@ class ProcessorKey : public key_service::PrivateKey {
   public:
     virtual const Bytes& objectIdentifier() const = 0;
     virtual std::uint32_t accessControl() const = 0;
+    // The check every private-key operation makes first: presence, when the key demands biometry
+    // and its context has not been confirmed yet. Asked alone for a key wrapped under this one
+    // and used while still in hand, never unwrapped.
+    virtual void authorize() const = 0;
     std::string keyType() const override { return std::string(keyTypeEC); }
 };
 

@@ -95,9 +95,9 @@ class SoftProcessorKey : public ProcessorKey {
         return key_.agree(peerPoint);
     }
 
-  private:
-    void authorize() const { confirmPresenceFor(accessControl_, *context_, gate_); }
+    void authorize() const override { confirmPresenceFor(accessControl_, *context_, gate_); }
 
+  private:
     key_service::SoftwareKey key_;
     Bytes identifier_;
     std::uint32_t accessControl_;

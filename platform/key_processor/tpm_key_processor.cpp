@@ -188,9 +188,9 @@ class TpmProcessorKey : public ProcessorKey {
         return shared;
     }
 
-  private:
-    void authorize() const { confirmPresenceFor(accessControl_, *context_, gate_); }
+    void authorize() const override { confirmPresenceFor(accessControl_, *context_, gate_); }
 
+  private:
     std::shared_ptr<TpmConnection> connection_;
     TpmKey key_;
     int sizeInBits_;

@@ -20,13 +20,16 @@ std::optional<KeyItem> makeKeyItem(ByteView certificate, ByteView objectID) {
 }
 
 void deriveKeyFields(KeyItem& item) {
+    // Read from the certificate's structure: loading a long item list must not decode every key.
+    const auto certificate = readCertificate(item.certificate);
+    deriveKeyFields(item, certificate ? certificate->publicKey() : std::nullopt);
+}
+
+void deriveKeyFields(KeyItem& item, std::optional<PublicKeyAttributes> key) {
     item.keyType.clear();
     item.keySizeInBits = 0;
     item.publicKeyData.reset();
     item.publicKeyHash.reset();
-    // Read from the certificate's structure: loading a long item list must not decode every key.
-    const auto certificate = readCertificate(item.certificate);
-    auto key = certificate ? certificate->publicKey() : std::nullopt;
     if (!key) return;
     item.publicKeyHash = crypto::sha1(key->externalRepresentation);
     item.keyType = std::move(key->keyType);

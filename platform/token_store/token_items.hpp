@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/bytes.hpp"
+#include "base/public_key_attributes.hpp"
 
 namespace keyloft::platform::token_store {
 
@@ -48,5 +49,7 @@ std::optional<KeyItem> makeKeyItem(ByteView certificate, ByteView objectID);
 
 // Fills the derived key fields of a key item from its certificate.
 void deriveKeyFields(KeyItem& item);
+// The same from its certificate's public key, read already; nothing leaves them absent.
+void deriveKeyFields(KeyItem& item, std::optional<PublicKeyAttributes> publicKey);
 
 }  // namespace keyloft::platform::token_store

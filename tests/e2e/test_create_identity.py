@@ -109,3 +109,15 @@ def test_biometry_follows_the_presence_check(card, presence, kind):
     (record,) = card.records().values()
     assert next(iter(record.values()))["biometryProtection"] == "on"
     assert "Prot" in card.out("list-identities") and " bio " in card.out("list-identities")
+
+
+@pytest.mark.parametrize("kind", ["p-256", "p-256-ne"])
+def test_biometry_asks_once_while_the_identity_is_made(card, presence, tmp_path, kind):
+    asked = tmp_path / "asked"
+    script = tmp_path / "ask.sh"
+    script.write_text(f"#!/bin/sh\necho asked >> {asked}\n")
+    script.chmod(0o755)
+    presence(f"pam_exec.so {script}")
+    card.run_on_terminal("create-identity", "-l", "x", "-k", kind, "-prot", "bio")
+    assert asked.read_text().splitlines() == ["asked"]
+    assert len(card.records()) == 1

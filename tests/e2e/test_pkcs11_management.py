@@ -13,6 +13,7 @@ from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec, utils
 from cryptography.hazmat.primitives.serialization import pkcs12
+from cryptography.x509.oid import NameOID
 
 from conftest import PKCS11_MODULE, PKCS11_PRELOAD
 from test_pkcs11 import identities_of, listed_objects, tool, wallet  # noqa: F401 (the fixture)
@@ -46,6 +47,16 @@ def test_pkcs11_tool_generates_identities_the_tool_lists(card, key_type, curve, 
     card.run("create-csr", "-h", hash_, "-f", str(card.home / "generated.csr"), "-CN", "G")
     request = x509.load_pem_x509_csr((card.home / "generated.csr").read_bytes())
     assert request.is_signature_valid
+
+
+@pytest.mark.parametrize("label", ["Smith; J|r", None])
+def test_the_certificate_made_is_named_after_the_label(card, label):
+    tool(card, "--keypairgen", "--key-type", "EC:prime256v1", *(["--label", label] if label else []))
+    certificate_item, key_item = card.items()
+    name = label or certificate_item[1].hex().upper()
+    assert certificate_item[2] == key_item[2] == name
+    certificate = x509.load_der_x509_certificate(certificate_item[3])
+    assert [(a.oid, a.value) for a in certificate.subject] == [(NameOID.COMMON_NAME, name)]
 
 
 def test_non_extractable_keys_go_into_the_key_processor(card, tmp_path):

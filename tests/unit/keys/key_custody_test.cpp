@@ -146,16 +146,17 @@ TEST_F(KeyCustody, StoredKeysSignVerifiably) {
         EXPECT_EQ(record.pubKeyHash, processorKey->applicationLabel());
         EXPECT_EQ(record.biometryProtection, BiometryProtection::off);
         EXPECT_EQ(record.keyData, processorKey->objectIdentifier());
-        const auto signature = signWithStoredKey(message, KeyStorage{.boundKey = record}, ecdsa);
+        const auto signature =
+            privateKey(KeyStorage{.boundKey = record}, nullptr)->sign(ecdsa, message);
         EXPECT_TRUE(verifies(processorKey->publicKeyAttributes(), message, signature));
     }
     for (const auto& key : {SoftwareKey::generateEC(521), rsaKey()}) {
-        const KeyStorage storage{.sealedKey = makeSealedKey(key, false, {})};
+        const auto stored =
+            privateKey(KeyStorage{.sealedKey = makeSealedKey(key, false, {})}, nullptr);
         const auto algorithm = key.keyType() == "rsa" ? rsaPkcs1 : ecdsa;
-        const auto signature = signWithStoredKey(message, storage, algorithm);
+        const auto signature = stored->sign(algorithm, message);
         EXPECT_TRUE(verifies(key.publicKeyAttributes(), message, signature)) << key.keyType();
-        EXPECT_THROW(signWithStoredKey(message, storage, algorithm == ecdsa ? rsaPkcs1 : ecdsa),
-                     PlatformError);
+        EXPECT_THROW(stored->sign(algorithm == ecdsa ? rsaPkcs1 : ecdsa, message), PlatformError);
     }
 }
 
@@ -186,6 +187,8 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     const auto processorKey = generateKey(KeyType::p256ne, true, {});
     const auto bastion = *processorKey.storage.boundKey;
     const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true, {});
+    const auto newSealed = generateKey(KeyType::p384, true, {});
+    const auto unprotected = generateKey(KeyType::p256, false, {});
     const auto confirmed = std::make_shared<AuthenticationContext>();
     confirmed->confirmPresence();
 
@@ -193,6 +196,7 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
         [&] {
             privateKey(KeyStorage{.boundKey = bastion}, confirmed)->sign(ecdsa, bytesOf("m"));
             unwrapPrivateKeyData(sealed, confirmed);
+            unprotected.sign(ecdsa, bytesOf("m"));
         },
         false);
     EXPECT_TRUE(outcome.succeeded) << outcome.error;
@@ -204,8 +208,11 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
             privateKey(KeyStorage{.boundKey = unprotectedRecord}, confirmed)
                 ->sign(ecdsa, bytesOf("m"));
         },
-        [&] { signWithStoredKey(bytesOf("m"), KeyStorage{.boundKey = bastion}, ecdsa); },
+        [&] { privateKey(KeyStorage{.boundKey = bastion}, nullptr)->sign(ecdsa, bytesOf("m")); },
         [&] { unwrapPrivateKeyData(sealed, nullptr); },
+        // A new key signing while in hand asks as its record would.
+        [&] { processorKey.sign(ecdsa, bytesOf("m")); },
+        [&] { newSealed.sign(ecdsa, bytesOf("m")); },
     };
     for (std::size_t i = 0; i < refused.size(); ++i) {
         const auto result = testing::runInSession(refused[i], false);
