@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 
 #include "base/error.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 

@@ -12,6 +12,7 @@
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/crypto/message_digest.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 
 namespace keyloft::platform::key_service {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "platform/crypto/legacy_provider.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 
 namespace keyloft::platform::pkcs12_import {
 namespace {
