@@ -4,7 +4,7 @@ must name the module's own folder or a folder of a module it uses (directly or t
 and no module may use one of a higher layer. The modules, their layers and their uses are read
 from the keyloft_module() calls of the CMakeLists.txt files. Outside platform/, no source may
 include a third-party library's header, itself or through the project headers it includes: those
-libraries are reached only through platform/.
+libraries are reached only through platform/. clang-tidy's header filter must take in every folder.
 Exits 1 and lists each violation."""
 import pathlib
 import re
@@ -98,6 +98,11 @@ def main():
                 through = f" through {' -> '.join(chain)}" if chain else ""
                 problems.append(f"{source.relative_to(ROOT)} includes <{header}>{through}; "
                                 f"third-party headers stay in platform/")
+    # clang-tidy reports on the headers of every folder, tests and benchmarks included.
+    tidy = re.search(r"^HeaderFilterRegex:\s*'([^']*)'", (ROOT / ".clang-tidy").read_text(), re.M)
+    for top in sorted({folder.split("/")[0] for folder in folder_of.values()} | {"tests", "bench"}):
+        if not tidy or not re.search(tidy.group(1), f"{ROOT}/{top}/header.hpp"):
+            problems.append(f".clang-tidy: HeaderFilterRegex leaves out {top}/")
     for problem in problems:
         print(problem)
     print(f"{len(table)} modules checked, {len(problems)} layer violations")
