@@ -2,7 +2,10 @@
 """Checks the include graph against the layers: every #include "folder/..." in a module's sources
 must name the module's own folder or a folder of a module it uses (directly or through others),
 and no module may use one of a higher layer. The modules, their layers and their uses are read
-from the keyloft_module() calls of the CMakeLists.txt files. Exits 1 and lists each violation."""
+from the keyloft_module() calls of the CMakeLists.txt files. Outside platform/, no source may
+include a third-party library's header, itself or through the project headers it includes: those
+libraries are reached only through platform/. clang-tidy's header filter must take in every folder.
+Exits 1 and lists each violation."""
 import pathlib
 import re
 import sys
@@ -11,6 +14,33 @@ ROOT = pathlib.Path(__file__).resolve().parents[1]
 LAYERS = ["base", "platform", "formats", "card", "top"]
 CALL = re.compile(r"keyloft_module\((\w+)(.*?)\)", re.S)
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
+# OpenSSL, tpm2-tss, SQLite, ICU, PAM, sd-bus and GLib. The PKCS#11 header is the module's own
+# interface, not a library's, and stays allowed.
+THIRD_PARTY = re.compile(
+    r'^\s*#\s*include\s+<((?:openssl|tss2|unicode|security|systemd|gio|glib)/[^>]+|'
+    r'sqlite3\.h|glib\.h)>', re.M)
+
+
+def third_party_reached(source, found, stack=()):
+    """The first third-party header that source includes, itself or through project headers, and
+    the chain of project headers that leads to it; None when there is none."""
+    if source in found:
+        return found[source]
+    text = (ROOT / source).read_text()
+    reached = None
+    direct = THIRD_PARTY.search(text)
+    if direct:
+        reached = (direct.group(1), [])
+    else:
+        for header in INCLUDE.findall(text):
+            if header in stack or not (ROOT / header).is_file():
+                continue
+            below = third_party_reached(header, found, stack + (source,))
+            if below:
+                reached = (below[0], [header] + below[1])
+                break
+    found[source] = reached
+    return reached
 
 
 def modules():
@@ -43,6 +73,7 @@ def main():
                 reach(used, seen)
         return seen
 
+    reached = {}
     for name, (folder, layer, uses) in table.items():
         rank = LAYERS.index(layer)
         for used in uses:
@@ -59,6 +90,19 @@ def main():
                 if header_folder not in visible:
                     problems.append(f"{source.relative_to(ROOT)} includes {header}, "
                                     f"which {folder} ({layer}) does not use")
+            if layer == "platform":
+                continue
+            third_party = third_party_reached(source.relative_to(ROOT).as_posix(), reached)
+            if third_party:
+                header, chain = third_party
+                through = f" through {' -> '.join(chain)}" if chain else ""
+                problems.append(f"{source.relative_to(ROOT)} includes <{header}>{through}; "
+                                f"third-party headers stay in platform/")
+    # clang-tidy reports on the headers of every folder, tests and benchmarks included.
+    tidy = re.search(r"^HeaderFilterRegex:\s*'([^']*)'", (ROOT / ".clang-tidy").read_text(), re.M)
+    for top in sorted({folder.split("/")[0] for folder in folder_of.values()} | {"tests", "bench"}):
+        if not tidy or not re.search(tidy.group(1), f"{ROOT}/{top}/header.hpp"):
+            problems.append(f".clang-tidy: HeaderFilterRegex leaves out {top}/")
     for problem in problems:
         print(problem)
     print(f"{len(table)} modules checked, {len(problems)} layer violations")

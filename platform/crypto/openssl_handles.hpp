@@ -11,7 +11,10 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <cstddef>
 #include <memory>
+
+#include "platform/crypto/openssl_key.hpp"
 
 // Owning handles for every OpenSSL object the platform layer holds: the one place that says how
 // each is freed.
@@ -25,7 +28,7 @@ struct Deleter {
     }
 };
 
-using Pkey = std::unique_ptr<EVP_PKEY, Deleter<EVP_PKEY_free>>;
+// Pkey: openssl_key.hpp, for headers that hold a key.
 using PkeyContext = std::unique_ptr<EVP_PKEY_CTX, Deleter<EVP_PKEY_CTX_free>>;
 using MdContext = std::unique_ptr<EVP_MD_CTX, Deleter<EVP_MD_CTX_free>>;
 using Cipher = std::unique_ptr<EVP_CIPHER, Deleter<EVP_CIPHER_free>>;
@@ -50,6 +53,14 @@ inline void freeBuffer(unsigned char* buffer) {
     OPENSSL_free(buffer);
 }
 using Buffer = std::unique_ptr<unsigned char, Deleter<freeBuffer>>;
+
+// Buffers holding a secret (private-key DER): cleared, at the size they were filled to, before
+// they are freed.
+struct ClearFree {
+    std::size_t size = 0;
+    void operator()(unsigned char* buffer) const { OPENSSL_clear_free(buffer, size); }
+};
+using SecretBuffer = std::unique_ptr<unsigned char, ClearFree>;
 
 // Stacks free their elements with them.
 inline void freeAuthenticatedSafes(STACK_OF(PKCS7) * safes) {

@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
+#include <utility>
 
 #include "base/error.hpp"
 #include "platform/key_processor/key_processor.hpp"
@@ -68,23 +70,21 @@ bool tabrmdRunning() {
         !errorFree) {
         return false;
     }
+    // Each reference is handed back to GIO however this ends.
+    using Reference = std::unique_ptr<void, Unref>;
     constexpr int systemBus = 1;  // G_BUS_TYPE_SYSTEM
     void* error = nullptr;
-    void* bus = busGet(systemBus, nullptr, &error);
-    if (bus == nullptr) {
-        if (error != nullptr) errorFree(error);
-        return false;
-    }
-    void* reply = call(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                       "NameHasOwner", variantNew("(s)", "com.intel.tss2.Tabrmd"), "(b)", 0, 1000,
-                       nullptr, &error);
+    const Reference bus(busGet(systemBus, nullptr, &error), objectUnref);
+    const Reference busError(std::exchange(error, nullptr), errorFree);
+    if (!bus) return false;
+    const Reference reply(
+        call(bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+             "NameHasOwner", variantNew("(s)", "com.intel.tss2.Tabrmd"), "(b)", 0, 1000, nullptr,
+             &error),
+        variantUnref);
+    const Reference callError(error, errorFree);
     int owned = 0;
-    if (reply != nullptr) {
-        variantGet(reply, "(b)", &owned);
-        variantUnref(reply);
-    }
-    if (error != nullptr) errorFree(error);
-    objectUnref(bus);
+    if (reply) variantGet(reply.get(), "(b)", &owned);
     return owned != 0;
 }
 

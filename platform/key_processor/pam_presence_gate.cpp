@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "base/error.hpp"
@@ -48,21 +49,30 @@ class PamTransaction {
     int status_ = PAM_SUCCESS;
 };
 
-// Answers may hold a password: wiped before they are freed.
-void dropAnswers(pam_response* answers, int count) {
-    for (int i = 0; i < count; ++i) {
-        if (answers[i].resp != nullptr) crypto::wipe(answers[i].resp, std::strlen(answers[i].resp));
-        std::free(answers[i].resp);
+// Replies PAM has not taken over. PAM frees replies with free(), so they are malloc's; each may
+// hold a password, wiped before it is freed. Answers not given yet are null.
+struct DropAnswers {
+    int count = 0;
+    void operator()(pam_response* answers) const noexcept {
+        // NOLINTBEGIN(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+        for (int i = 0; i < count; ++i) {
+            if (answers[i].resp != nullptr)
+                crypto::wipe(answers[i].resp, std::strlen(answers[i].resp));
+            std::free(answers[i].resp);
+        }
+        std::free(answers);
+        // NOLINTEND(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
     }
-    std::free(answers);
-}
+};
 
-// PAM owns and frees the replies, so they are allocated with malloc.
 int converse(int count, const pam_message** messages, pam_response** replies, void* data) {
     auto& terminal = *static_cast<ControllingTerminal*>(data);
-    auto* answers = static_cast<pam_response*>(
-        std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)));
-    if (answers == nullptr) return PAM_BUF_ERR;
+    const auto items = static_cast<std::size_t>(count);
+    // PAM frees the replies with free().
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc,cppcoreguidelines-owning-memory)
+    auto* allocated = static_cast<pam_response*>(std::calloc(items, sizeof(pam_response)));
+    std::unique_ptr<pam_response, DropAnswers> answers(allocated, DropAnswers{count});
+    if (!answers) return PAM_BUF_ERR;
     for (int i = 0; i < count; ++i) {
         const pam_message& message = *messages[i];
         const std::string text = message.msg != nullptr ? message.msg : "";
@@ -71,18 +81,15 @@ int converse(int count, const pam_message** messages, pam_response** replies, vo
             case PAM_PROMPT_ECHO_ON: {
                 auto line = ask(terminal, text, message.msg_style == PAM_PROMPT_ECHO_ON);
                 if (line) line->push_back('\0');
-                answers[i].resp = line ? strdup(line->data()) : nullptr;
-                if (answers[i].resp == nullptr) {
-                    dropAnswers(answers, i);
-                    return PAM_CONV_ERR;
-                }
+                answers.get()[i].resp = line ? strdup(line->data()) : nullptr;
+                if (answers.get()[i].resp == nullptr) return PAM_CONV_ERR;
                 break;
             }
             default:
                 terminal.write(text + "\n");
         }
     }
-    *replies = answers;
+    *replies = answers.release();
     return PAM_SUCCESS;
 }
 

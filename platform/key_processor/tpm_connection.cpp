@@ -20,7 +20,7 @@ constexpr TPM2_HANDLE persistentStorageKeyHandle = 0x81000001;
 // The reason the user reads: what to do about the troubles one can act on, the decoded code
 // otherwise. integrityReason says what a blob that does not open means for this command.
 std::string reasonFor(TSS2_RC rc, const char* integrityReason) {
-    const std::string code = Tss2_RC_Decode(rc);
+    std::string code = Tss2_RC_Decode(rc);
     switch (troubleOf(rc)) {
         case TpmTrouble::lockout:
             return "the TPM is in dictionary-attack lockout; it accepts authorizations again "
@@ -50,12 +50,22 @@ void check(TSS2_RC rc, const std::string& what, const char* integrityReason = nu
     }
 }
 
-// Frees what ESAPI allocated for the caller; secrets are wiped by the caller first.
+// Frees what ESAPI allocated for the caller.
 struct EsysFree {
     void operator()(void* data) const noexcept { Esys_Free(data); }
 };
 template <class T>
 using EsysOut = std::unique_ptr<T, EsysFree>;
+// The same for what holds a secret: wiped before it is freed.
+struct EsysWipeFree {
+    template <class T>
+    void operator()(T* data) const noexcept {
+        crypto::wipe(data, sizeof *data);
+        Esys_Free(data);
+    }
+};
+template <class T>
+using EsysSecretOut = std::unique_ptr<T, EsysWipeFree>;
 
 // The library logs its failures on stderr; ours are reported as errors instead. A TSS2_LOG the
 // user set is kept, for debugging.
@@ -393,14 +403,12 @@ crypto::SecretBytes TpmConnection::ecdhZGen(const TpmKey& key, ByteView x, ByteV
     useSession(TPMA_SESSION_ENCRYPT);
     const auto rc = Esys_ECDH_ZGen(esys_.get(), handle, session_, ESYS_TR_NONE, ESYS_TR_NONE,
                                    &point, &rawShared);
-    const EsysOut<TPM2B_ECC_POINT> shared(rawShared);
+    const EsysSecretOut<TPM2B_ECC_POINT> shared(rawShared);
     check(rc,
           "agree on a secret (the peer's point is not on the key's curve, or the key has "
           "been changed)");
     const auto& sharedX = shared->point.x;
-    auto secret = crypto::secretOf({sharedX.buffer, sharedX.size});
-    crypto::wipe(shared.get(), sizeof *shared);
-    return secret;
+    return crypto::secretOf({sharedX.buffer, sharedX.size});
 }
 
 }  // namespace keyloft::platform::key_processor

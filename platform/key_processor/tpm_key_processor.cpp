@@ -15,7 +15,7 @@
 namespace keyloft::platform::key_processor {
 namespace {
 
-using EcdsaSignature = std::unique_ptr<ECDSA_SIG, openssl::Deleter<ECDSA_SIG_free>>;
+using openssl::EcdsaSignature;
 
 [[noreturn]] void refuse(const std::string& why) {
     throw PlatformError("Key processor: the key cannot be used here: " + why);
@@ -107,7 +107,10 @@ Bytes padded(const TPM2B_ECC_PARAMETER& value, std::size_t size) {
 // orders of P-256 and P-384 fill whole bytes), shorter input is the same number zero-padded. The
 // TPM signs only digests of a hash's length, and this one is the hash of the curve's size.
 Bytes atOrderLength(ByteView digest, std::size_t orderBytes) {
-    if (digest.size() >= orderBytes) return {digest.begin(), digest.begin() + orderBytes};
+    if (digest.size() >= orderBytes) {
+        const ByteView leftmost = digest.first(orderBytes);
+        return {leftmost.begin(), leftmost.end()};
+    }
     Bytes out(orderBytes - digest.size(), 0);
     out.insert(out.end(), digest.begin(), digest.end());
     return out;

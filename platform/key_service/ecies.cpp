@@ -3,6 +3,7 @@
 #include <openssl/core_names.h>
 
 #include "base/error.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/software_key.hpp"
 
 namespace keyloft::platform::key_service::ecies {

@@ -7,13 +7,14 @@
 #include <openssl/x509.h>
 
 #include "base/error.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
 
 namespace keyloft::platform::key_service {
 namespace {
 
-EVP_PKEY* makeEcKey(ByteView point) {
+openssl::Pkey makeEcKey(ByteView point) {
     const int sizeInBits = ecSizeForPointLength(point.size());
     if (sizeInBits == 0 || point[0] != 0x04) {
         throw PlatformError(
@@ -21,7 +22,7 @@ EVP_PKEY* makeEcKey(ByteView point) {
     }
     openssl::Pkey key = ecKeyFromParts(sizeInBits, point);
     if (!key) throw PlatformError("EC public key data is not a point on its curve");
-    return key.release();
+    return key;
 }
 
 openssl::Bignum numberParameter(const EVP_PKEY* key, const char* name) {
@@ -42,7 +43,7 @@ Bytes magnitude(const BIGNUM* number) {
 
 PublicKey PublicKey::fromData(std::string_view keyType, ByteView data) {
     if (data.empty()) throw PlatformError("public key data is empty");
-    if (keyType == keyTypeEC) return {std::string(keyType), Key(makeEcKey(data))};
+    if (keyType == keyTypeEC) return {std::string(keyType), makeEcKey(data)};
     if (keyType != keyTypeRSA) {
         throw PlatformError("key service does not support key type " + std::string(keyType));
     }
@@ -92,7 +93,7 @@ Bytes PublicKey::externalRepresentation() const {
     if (length <= 0 || !der) {
         throw PlatformError("failed to copy external representation of RSA public key");
     }
-    return Bytes(der.get(), der.get() + length);
+    return {der.get(), der.get() + length};
 }
 
 PublicKey::RsaNumbers PublicKey::rsaNumbers() const {

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <openssl/types.h>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -9,7 +7,7 @@
 
 #include "base/bytes.hpp"
 #include "base/public_key_attributes.hpp"
-#include "platform/crypto/openssl_handles.hpp"
+#include "platform/crypto/openssl_key.hpp"
 
 namespace keyloft::platform::key_service {
 

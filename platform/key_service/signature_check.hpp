@@ -1,9 +1,10 @@
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "base/bytes.hpp"
-#include "platform/crypto/openssl_handles.hpp"
+#include "platform/crypto/openssl_key.hpp"
 #include "platform/key_service/rsa_parameters.hpp"
 
 namespace keyloft::platform::key_service {

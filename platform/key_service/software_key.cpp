@@ -12,6 +12,7 @@
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
 #include "platform/crypto/message_digest.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 
 namespace keyloft::platform::key_service {
@@ -20,10 +21,9 @@ namespace {
 Bytes encodedPublicPoint(EVP_PKEY* key) {
     unsigned char* raw = nullptr;
     const std::size_t size = EVP_PKEY_get1_encoded_public_key(key, &raw);
+    const openssl::Buffer point(raw);
     if (size == 0) throw PlatformError("failed to read the public key");
-    Bytes point(raw, raw + size);
-    OPENSSL_free(raw);
-    return point;
+    return {point.get(), point.get() + size};
 }
 
 struct AlgorithmUse {
@@ -74,22 +74,22 @@ Bytes signDigest(EVP_PKEY* key, ByteView digest, Configure configure) {
 // OpenSSL takes ownership of the label, so it gets its own copy.
 bool setOaepLabel(EVP_PKEY_CTX* context, ByteView label) {
     if (label.empty()) return true;
-    void* copy = OPENSSL_memdup(label.data(), label.size());
-    if (copy == nullptr) return false;
-    if (EVP_PKEY_CTX_set0_rsa_oaep_label(context, copy, static_cast<int>(label.size())) == 1)
-        return true;
-    OPENSSL_free(copy);
-    return false;
+    openssl::Buffer copy(static_cast<unsigned char*>(OPENSSL_memdup(label.data(), label.size())));
+    if (!copy ||
+        EVP_PKEY_CTX_set0_rsa_oaep_label(context, copy.get(), static_cast<int>(label.size())) != 1)
+        return false;
+    (void)copy.release();  // the context's now
+    return true;
 }
 
 template <class Encoder>
 crypto::SecretBytes derOf(EVP_PKEY* key, Encoder encode) {
     unsigned char* raw = nullptr;
     const int size = encode(key, &raw);
+    const openssl::SecretBuffer der(
+        raw, openssl::ClearFree{static_cast<std::size_t>(std::max(size, 0))});
     if (size <= 0) throw PlatformError("failed to export the key");
-    crypto::SecretBytes out(raw, raw + size);
-    OPENSSL_clear_free(raw, static_cast<std::size_t>(size));
-    return out;
+    return {der.get(), der.get() + size};
 }
 
 }  // namespace

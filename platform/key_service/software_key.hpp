@@ -2,10 +2,11 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/bytes.hpp"
 #include "base/public_key_attributes.hpp"
-#include "platform/crypto/openssl_handles.hpp"
+#include "platform/crypto/openssl_key.hpp"
 #include "platform/crypto/secret.hpp"
 #include "platform/key_service/private_key.hpp"
 #include "platform/key_service/rsa_parameters.hpp"
@@ -49,7 +50,7 @@ class SoftwareKey final : public PrivateKey {
     crypto::SecretBytes decryptRsaOaep(ByteView ciphertext,
                                        const RsaOaepParameters& parameters) const override;
 
-    EVP_PKEY* handle() const { return key_.get(); }
+    evp_pkey_st* handle() const { return key_.get(); }
 
   private:
     SoftwareKey(std::string keyType, openssl::Pkey key)

@@ -3,9 +3,11 @@
 #include <openssl/pkcs12.h>
 #include <openssl/x509.h>
 
-#include <string>
+#include <algorithm>
 
 #include "platform/crypto/legacy_provider.hpp"
+#include "platform/crypto/openssl_handles.hpp"
+#include "platform/crypto/secret.hpp"
 
 namespace keyloft::platform::pkcs12_import {
 namespace {
@@ -75,9 +77,8 @@ void collect(const STACK_OF(PKCS12_SAFEBAG) * bags, const char* password, int pa
 Bytes derOf(X509* certificate) {
     unsigned char* raw = nullptr;
     const int size = i2d_X509(certificate, &raw);
-    Bytes out(raw, raw + std::max(size, 0));
-    OPENSSL_free(raw);
-    return out;
+    const openssl::Buffer der(raw);
+    return {der.get(), der.get() + std::max(size, 0)};
 }
 
 // By localKeyId first, else the certificate holding the key's public key.
@@ -106,15 +107,18 @@ std::optional<std::vector<ImportedIdentity>> readPkcs12Identities(ByteView file,
     const Pkcs12 pkcs12(d2i_PKCS12(nullptr, &cursor, static_cast<long>(file.size())));
     if (!pkcs12) return std::nullopt;
 
+    // OpenSSL reads the password as C text: a terminated copy, in storage wiped however this ends.
+    crypto::SecretText text = crypto::secretTextOf(password);
+    text.push_back('\0');
     // An empty password may have been applied as no password at all, as OpenSSL's tools do.
-    std::string text(password);
-    const char* pass = text.c_str();
+    const char* pass = text.data();
     if (PKCS12_mac_present(pkcs12.get()) == 1 &&
-        PKCS12_verify_mac(pkcs12.get(), pass, static_cast<int>(text.size())) != 1) {
-        if (!text.empty() || PKCS12_verify_mac(pkcs12.get(), nullptr, 0) != 1) return std::nullopt;
+        PKCS12_verify_mac(pkcs12.get(), pass, static_cast<int>(password.size())) != 1) {
+        if (!password.empty() || PKCS12_verify_mac(pkcs12.get(), nullptr, 0) != 1)
+            return std::nullopt;
         pass = nullptr;
     }
-    const int passLength = pass == nullptr ? 0 : static_cast<int>(text.size());
+    const int passLength = pass == nullptr ? 0 : static_cast<int>(password.size());
 
     const AuthSafes safes(PKCS12_unpack_authsafes(pkcs12.get()));
     if (!safes) return std::nullopt;
@@ -134,7 +138,6 @@ std::optional<std::vector<ImportedIdentity>> readPkcs12Identities(ByteView file,
         }
         if (bags) collect(bags.get(), pass, passLength, contents);
     }
-    crypto::wipe(text.data(), text.size());
 
     std::vector<ImportedIdentity> identities;
     for (auto& found : contents.keys) {

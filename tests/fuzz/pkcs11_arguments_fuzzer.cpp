@@ -18,6 +18,7 @@
 #include "pkcs11/card_templates.hpp"
 #include "pkcs11/derived_secret.hpp"
 #include "pkcs11/operations.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/software_key.hpp"
 
 namespace {

@@ -133,11 +133,5 @@ TEST(OptionFields, ProtectionWordsOutsideTheVocabularyAreRejected) {
     EXPECT_THROW(fieldsOf({"create-identity", "-prot"}), KeyloftError);
 }
 
-TEST(OptionFields, PasswordIsKeptAsGiven) {
-    const auto fields = fieldsOf({"export-identity", "-p", "s3cret"});
-    ASSERT_TRUE(fields.password);
-    EXPECT_EQ(platform::crypto::view(*fields.password), "s3cret");
-}
-
 }  // namespace
 }  // namespace keyloft

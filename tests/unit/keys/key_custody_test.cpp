@@ -2,7 +2,6 @@
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
-#include <sys/stat.h>
 
 #include <cstdlib>
 
@@ -12,7 +11,6 @@
 #include "platform/key_processor/object_identifier.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 #include "platform/key_service/software_key.hpp"
-#include "platform/os/paths.hpp"
 #include "support/temporary_folder.hpp"
 #include "unit/platform_key_processor/session_child.hpp"
 
@@ -161,8 +159,6 @@ TEST_F(KeyCustody, StoredKeysSignVerifiably) {
 }
 
 TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
-    EXPECT_EQ(accessControlFor(false), 0x40000000U);
-    EXPECT_EQ(accessControlFor(true), 0x40000002U);
     for (const bool biometry : {false, true}) {
         const auto processorKey = generateKey(KeyType::p256ne, biometry, {});
         const auto sealed = makeSealedKey(SoftwareKey::generateEC(256), biometry, {});
@@ -249,15 +245,6 @@ TEST_F(KeyCustody, ProcessorKeyWinsAndEmptyStorageIsNotFound) {
             EXPECT_EQ(error.code(), -6);
         }
     }
-}
-
-TEST_F(KeyCustody, DeviceKeyAndDataFolderAreOwnerOnly) {
-    generateKey(KeyType::p256ne, false, {});
-    struct stat info {};
-    ASSERT_EQ(::stat(platform::os::dataFolder().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0700U);
-    ASSERT_EQ(::stat((platform::os::dataFolder() / "bastion.key").c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 07777, 0600U);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // RSA keys come only from imported files.
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
+#include <openssl/rsa.h>
 
 #include <limits>
 

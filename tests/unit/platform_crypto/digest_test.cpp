@@ -37,12 +37,5 @@ INSTANTIATE_TEST_SUITE_P(
                    "ddaf35a193617abacc417349ae20413112e6fa4e89a97ea20a9eeee64b55d39a2192992a274fc1a"
                    "836ba3c23a3feebbd454d4423643ce80e2a9ac94fa54ca49f"}));
 
-TEST(Digest, NamedFunctionsAgreeWithTheAlgorithms) {
-    const Bytes data = bytesOf("keyloft");
-    EXPECT_EQ(sha1(data), digest(DigestAlgorithm::sha1, data));
-    EXPECT_EQ(sha256(data), digest(DigestAlgorithm::sha256, data));
-    EXPECT_EQ(sha384(data), digest(DigestAlgorithm::sha384, data));
-}
-
 }  // namespace
 }  // namespace keyloft::platform::crypto

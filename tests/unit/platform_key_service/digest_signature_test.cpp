@@ -5,6 +5,7 @@
 
 #include "base/error.hpp"
 #include "platform/crypto/digest.hpp"
+#include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/software_key.hpp"
 #include "support/hex.hpp"
 #include "unit/platform_key_service/openssl_digest.hpp"
