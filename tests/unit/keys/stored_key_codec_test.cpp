@@ -205,7 +205,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "Failed to decode data: keys[0]: expected data, found string"},
         BadData{"RecordMissesKeyData",
                 rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "off", false)}),
-                Case::decodeDataFailed, "Failed to decode data: keys[1].bastionKey.keyData: missing"},
+                Case::decodeDataFailed,
+                "Failed to decode data: keys[1].bastionKey.keyData: missing"},
         BadData{
             "ProtectionIsTheCommandLineWord",
             rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "bio")}),
