@@ -77,6 +77,7 @@ def test_issued_certificate_round_trip(card, tmp_path):
             "-out", "issued.pem", cwd=tmp_path)
     assert card.out("import-certificate", "-f", str(tmp_path / "issued.pem")) == ""
     items = card.items()
-    assert [(kind, label) for kind, _, label, *_ in items] == [("key", "Mail"), ("certificate", "Mail")]
+    # The issued certificate is stored without a label; the key item names the identity.
+    assert [(kind, label) for kind, _, label, *_ in items] == [("key", "Mail"), ("certificate", None)]
     row = card.out("list-identities").split("\n")[1]
     assert "Alice Issued" in row and row.rstrip().endswith("YES")
