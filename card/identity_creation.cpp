@@ -6,7 +6,7 @@
 #include "der/object_identifiers.hpp"
 #include "keys/key_creation.hpp"
 #include "platform/crypto/random.hpp"
-#include "pubkey/hex.hpp"
+#include "encoding/hex.hpp"
 #include "x509/certificate.hpp"
 
 namespace keyloft::card {
@@ -20,7 +20,7 @@ NewIdentity createIdentity(const Token& token, const IdentityRequest& request) {
     if (publicKey.externalRepresentation.empty())
         throw KeyloftError::generic("failed to get public key");
     Bytes hash = key.key->applicationLabel();
-    const std::string label = request.label.value_or(pubkey::toHexString(hash));
+    const std::string label = request.label.value_or(encoding::toHexString(hash));
     auto model = x509::X509Certificate::create(
         publicKey, hash, request.subject.value_or(x509::Name{.commonName = label}), false,
         platform::crypto::randomUuid);

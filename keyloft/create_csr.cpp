@@ -1,10 +1,10 @@
 #include "base/error.hpp"
+#include "encoding/hex.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keyloft/subject_options.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/os/files.hpp"
-#include "pubkey/hex.hpp"
 #include "x509/certification_request.hpp"
 #include "x509/pem.hpp"
 
@@ -13,7 +13,7 @@ namespace keyloft {
 void KeyloftApp::createCsr() {
     if (!fileName) throw KeyloftError::generic("'file' paramater is mandatory");
     if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
-    const auto hashBytes = pubkey::fromHexString(*hash);
+    const auto hashBytes = encoding::fromHexString(*hash);
     if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
 
     const auto records = keys::decodeStoredKeys(tokenConfiguration.configurationData());

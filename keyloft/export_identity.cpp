@@ -1,5 +1,6 @@
 #include "base/error.hpp"
 #include "card/identity_lookup.hpp"
+#include "encoding/hex.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_access.hpp"
 #include "keys/stored_key_codec.hpp"
@@ -7,7 +8,6 @@
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
 #include "platform/text/canonical.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft {
 namespace {
@@ -23,7 +23,7 @@ platform::crypto::SecretText askPassphrase(std::string_view prompt) {
 void KeyloftApp::exportIdentity() {
     if (!fileName) throw KeyloftError::generic("'file' paramater is mandatory");
     if (!hash) throw KeyloftError::generic("'hash' paramater is mandatory");
-    const auto hashBytes = pubkey::fromHexString(*hash);
+    const auto hashBytes = encoding::fromHexString(*hash);
     if (!hashBytes) throw KeyloftError::generic("Failed to parse pub key hash");
 
     platform::crypto::SecretText exportPassword;

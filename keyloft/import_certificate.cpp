@@ -1,9 +1,9 @@
 #include "base/error.hpp"
 #include "card/identity_lookup.hpp"
 #include "card/identity_writes.hpp"
+#include "encoding/hex.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "platform/os/files.hpp"
-#include "pubkey/hex.hpp"
 #include "x509/pem.hpp"
 
 namespace keyloft {
@@ -21,7 +21,7 @@ void KeyloftApp::importCertificate() {
     });
     if (!replaced) {
         throw KeyloftError::generic("The certificate with pubkey hash <" +
-                                    pubkey::toHexString(keyHash) +
+                                    encoding::toHexString(keyHash) +
                                     "> does not match with any private key");
     }
 }

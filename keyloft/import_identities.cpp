@@ -7,13 +7,13 @@
 #include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "card/identity_writes.hpp"
+#include "encoding/hex.hpp"
 #include "keyloft/keyloft_app.hpp"
 #include "keys/key_creation.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
 #include "platform/pkcs12_import/pkcs12_reader.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft {
 namespace {
@@ -81,7 +81,7 @@ void KeyloftApp::importIdentities() {
                 if (additions.holds(keyHash)) {
                     std::cout << "Skipped to import identity '" << identityLabel
                               << "' because identity with PubKey Hash: <"
-                              << pubkey::toHexString(keyHash) << "> already exist" << std::endl;
+                              << encoding::toHexString(keyHash) << "> already exist" << std::endl;
                     continue;
                 }
                 // Removed by another command since it was found on the card.

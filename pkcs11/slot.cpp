@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "encoding/hex.hpp"
 #include "keys/key_access.hpp"
 #include "platform/os/log.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -109,7 +109,8 @@ namespace {
 // which C_Sign, C_Decrypt and C_DeriveKey may all answer (CKR_KEY_HANDLE_INVALID may not be).
 void requireObjectsKey(const platform::key_service::PrivateKey& reached, const KeyFacts& key) {
     if (reached.publicKeyAttributes().externalRepresentation == key.publicKeyData) return;
-    platform::os::logError("PKCS#11: the key stored for " + pubkey::toHexString(key.publicKeyHash) +
+    platform::os::logError("PKCS#11: the key stored for " +
+                           encoding::toHexString(key.publicKeyHash) +
                            " has another public key; it is not used");
     throw CryptokiError(CKR_DEVICE_ERROR);
 }

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "card/user_card.hpp"
+#include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -25,7 +25,7 @@ std::string serialNumber() {
     const std::string name =
         std::string(card::driverClassID) + "/" + std::string(card::userInstanceID);
     const Bytes hash = platform::crypto::sha1(bytesOf(name));
-    return pubkey::toHexString(ByteView(hash).first(8));
+    return encoding::toHexString(ByteView(hash).first(8));
 }
 
 }  // namespace

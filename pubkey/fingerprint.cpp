@@ -1,9 +1,9 @@
 #include "pubkey/fingerprint.hpp"
 
 #include "base/error.hpp"
+#include "encoding/base64.hpp"
+#include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
-#include "pubkey/base64.hpp"
-#include "pubkey/hex.hpp"
 #include "pubkey/ssh_public_key.hpp"
 
 namespace keyloft::pubkey {
@@ -22,9 +22,9 @@ Bytes keyHash(const platform::token_store::KeyItem& item, HashType type) {
     throw KeyloftError::generic("invalid hash type");
 }
 
-std::string fingerprint(ByteView digest, HashType type, HashEncoding encoding) {
-    if (encoding == HashEncoding::hex) return toHexString(digest);
-    std::string text = base64Encode(digest);
+std::string fingerprint(ByteView digest, HashType type, HashEncoding hashEncoding) {
+    if (hashEncoding == HashEncoding::hex) return encoding::toHexString(digest);
+    std::string text = encoding::base64Encode(digest);
     if (type != HashType::ssh) return text;
     text.insert(0, "SHA256:");
     if (text.ends_with('=')) text.pop_back();

@@ -15,6 +15,6 @@ Bytes keyHash(const platform::token_store::KeyItem& item, HashType type);
 
 // hex: upper-case hex for every type. base64: padded base64 for sha1 and sha256; for ssh the
 // OpenSSH form, "SHA256:" and the base64 without its trailing "=".
-std::string fingerprint(ByteView digest, HashType type, HashEncoding encoding);
+std::string fingerprint(ByteView digest, HashType type, HashEncoding hashEncoding);
 
 }  // namespace keyloft::pubkey

@@ -3,7 +3,7 @@
 #include <array>
 #include <vector>
 
-#include "pubkey/base64.hpp"
+#include "encoding/base64.hpp"
 
 namespace keyloft::x509 {
 namespace {
@@ -47,11 +47,11 @@ std::optional<Bytes> certificateFromPem(std::string_view text) {
             continue;
         joined += line;
     }
-    return pubkey::base64Decode(joined);
+    return encoding::base64Decode(joined);
 }
 
 std::string pemText(std::string_view label, ByteView der) {
-    const std::string body = pubkey::base64Encode(der);
+    const std::string body = encoding::base64Encode(der);
     std::string text = "-----BEGIN " + std::string(label) + "-----\n";
     for (std::size_t i = 0; i < body.size(); i += pemLineLength) {
         text += body.substr(i, pemLineLength);

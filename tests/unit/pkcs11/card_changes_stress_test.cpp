@@ -13,8 +13,8 @@
 #include <thread>
 
 #include "card_session.hpp"
+#include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft::testing {
 namespace {
@@ -145,7 +145,7 @@ class CardChanges : public CardSession {
     }
 
     void deleteIdentity(CK_OBJECT_HANDLE key) const {
-        runTool({"delete-identity", "-h", pubkey::toHexString(value(key, CKA_ID))});
+        runTool({"delete-identity", "-h", encoding::toHexString(value(key, CKA_ID))});
     }
 
     // Makes an identity through the module and takes it away again.

@@ -1,7 +1,7 @@
 // Handles and sessions across changes the tool makes while an application holds them.
 #include "card_session.hpp"
+#include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft::testing {
 namespace {
@@ -45,7 +45,7 @@ TEST_P(DeletedKey, FailsAtItsNextUse) {
     CK_MECHANISM ecdsa{CKM_ECDSA, nullptr, 0};
     ASSERT_EQ(p11.C_SignInit(session, &ecdsa, key), CKR_OK);
 
-    runTool({"delete-identity", "-h", pubkey::toHexString(value(key, CKA_ID))});
+    runTool({"delete-identity", "-h", encoding::toHexString(value(key, CKA_ID))});
 
     Bytes signature(132);
     CK_ULONG size = signature.size();

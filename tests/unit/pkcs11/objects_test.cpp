@@ -1,8 +1,8 @@
 #include <openssl/x509.h>
 
 #include "card_session.hpp"
+#include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
-#include "pubkey/hex.hpp"
 
 namespace keyloft::testing {
 namespace {
@@ -84,7 +84,7 @@ TEST_F(Objects, ChangesByTheToolShowAtTheNextSearch) {
     EXPECT_NE(object(CKO_PRIVATE_KEY, "arrives"), CK_INVALID_HANDLE);
     EXPECT_EQ(object(CKO_PRIVATE_KEY, "stays"), kept);
 
-    runTool({"delete-identity", "-h", pubkey::toHexString(value(kept, CKA_ID))});
+    runTool({"delete-identity", "-h", encoding::toHexString(value(kept, CKA_ID))});
     const std::string label = "stays";
     const CK_OBJECT_CLASS privateKey = CKO_PRIVATE_KEY;
     EXPECT_TRUE(find({attribute(CKA_CLASS, &privateKey, sizeof privateKey),

@@ -5,10 +5,10 @@
 #include <fstream>
 
 #include "base/error.hpp"
+#include "encoding/base64.hpp"
+#include "encoding/hex.hpp"
 #include "key_items.hpp"
-#include "pubkey/base64.hpp"
 #include "pubkey/fingerprint.hpp"
-#include "pubkey/hex.hpp"
 #include "support/temporary_folder.hpp"
 
 namespace keyloft::pubkey {
@@ -59,7 +59,7 @@ TEST_F(SshBlob, EcBlobIsTheFidoKeyOfTheRealCurve) {
         const auto key = testing::makeEcKey(curve);
         const Bytes blob = sshPublicKeyBlob(testing::keyItemFor(key.get()));
         EXPECT_EQ(blob.size(), size) << curve;
-        EXPECT_EQ(toHexString(blob), independentBlobHex(key.get())) << curve;
+        EXPECT_EQ(encoding::toHexString(blob), independentBlobHex(key.get())) << curve;
     }
 }
 
@@ -70,7 +70,7 @@ TEST_F(SshBlob, RsaBlobMatchesTheWrittenExample) {
     const Bytes head{0, 0, 0, 7, 's', 's', 'h', '-', 'r', 's', 'a', 0,
                      0, 0, 3, 1, 0,   1,   0,   0,   1,   1,   0};
     EXPECT_TRUE(std::equal(head.begin(), head.end(), blob.begin()));
-    EXPECT_EQ(toHexString(blob), independentBlobHex(key.get()));
+    EXPECT_EQ(encoding::toHexString(blob), independentBlobHex(key.get()));
 }
 
 TEST_F(SshBlob, FingerprintIsWhatSshKeygenPrints) {
@@ -82,7 +82,7 @@ TEST_F(SshBlob, FingerprintIsWhatSshKeygenPrints) {
     const auto ec = testing::makeEcKey("P-256");
     const auto ecItem = testing::keyItemFor(ec.get());
     EXPECT_EQ(sshKeygenListing("sk-ecdsa-sha2-nistp256@openssh.com " +
-                               base64Encode(sshPublicKeyBlob(ecItem))),
+                               encoding::base64Encode(sshPublicKeyBlob(ecItem))),
               "256 " + shown(ecItem) + " test (ECDSA-SK)\n");
     const auto rsa = testing::makeRsaKey(3072);
     std::string rsaLine = testing::commandOutput("ssh-keygen -i -m PKCS8 -f " + pem(rsa.get()));

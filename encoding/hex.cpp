@@ -1,6 +1,6 @@
-#include "pubkey/hex.hpp"
+#include "encoding/hex.hpp"
 
-namespace keyloft::pubkey {
+namespace keyloft::encoding {
 namespace {
 
 std::optional<std::uint8_t> nibble(char digit) {
@@ -36,4 +36,4 @@ std::optional<Bytes> fromHexString(std::string_view text) {
     return bytes;
 }
 
-}  // namespace keyloft::pubkey
+}  // namespace keyloft::encoding

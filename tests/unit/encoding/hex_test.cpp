@@ -1,8 +1,8 @@
-#include "pubkey/hex.hpp"
+#include "encoding/hex.hpp"
 
 #include <gtest/gtest.h>
 
-namespace keyloft::pubkey {
+namespace keyloft::encoding {
 namespace {
 
 TEST(HexString, PrintsTwoUpperCaseDigitsPerByte) {
@@ -21,4 +21,4 @@ TEST(HexString, ParsesWholePairsOfEitherCaseOrNothing) {
 }
 
 }  // namespace
-}  // namespace keyloft::pubkey
+}  // namespace keyloft::encoding

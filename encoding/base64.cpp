@@ -1,8 +1,8 @@
-#include "pubkey/base64.hpp"
+#include "encoding/base64.hpp"
 
 #include <array>
 
-namespace keyloft::pubkey {
+namespace keyloft::encoding {
 namespace {
 
 constexpr std::string_view alphabet =
@@ -74,4 +74,4 @@ std::optional<Bytes> base64Decode(std::string_view text) {
     return out;
 }
 
-}  // namespace keyloft::pubkey
+}  // namespace keyloft::encoding
