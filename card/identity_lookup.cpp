@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/error.hpp"
+#include "card/identity_key.hpp"
 #include "platform/crypto/digest.hpp"
 
 namespace keyloft::card {
@@ -30,8 +31,8 @@ bool itemMatchesHash(const platform::token_store::TokenItem& item, ByteView hash
     if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
         return sameBytes(certificatePublicKeyHash(certificate->certificate), hash);
     }
-    const auto& key = std::get<platform::token_store::KeyItem>(item);
-    return key.publicKeyHash && sameBytes(*key.publicKeyHash, hash);
+    const auto key = identityKeyOf(std::get<platform::token_store::KeyItem>(item));
+    return key && sameBytes(key->publicKeyHash, hash);
 }
 
 platform::token_store::TokenItems::const_iterator findCertificateItem(

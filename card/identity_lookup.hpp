@@ -13,8 +13,9 @@ Bytes certificatePublicKeyHash(ByteView certificate);
 // The same for a certificate already read.
 Bytes publicKeyHashOf(const CertificateView& certificate);
 
-// Certificate items match by the hash of their certificate, key items by their stored public-key
-// hash; a certificate that cannot be read fails the test instead of answering no.
+// Certificate items match by the hash of their certificate, key items by their identity key's
+// hash (none when the certificate gives no key); a certificate item's certificate that cannot be
+// read fails the test instead of answering no.
 bool itemMatchesHash(const platform::token_store::TokenItem& item, ByteView hash);
 
 // The certificate item of the identity with the hash, or the list's end.

@@ -2,12 +2,29 @@
 
 #include <algorithm>
 
+#include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "base/public_key_attributes.hpp"
+#include "card/identity_key.hpp"
 #include "card/identity_lookup.hpp"
 #include "keys/stored_key_codec.hpp"
 
 namespace keyloft::card {
+
+std::optional<platform::token_store::CertificateItem> makeCertificateItem(ByteView certificate,
+                                                                          ByteView objectID) {
+    if (!readCertificate(certificate)) return std::nullopt;
+    return platform::token_store::CertificateItem{Bytes(objectID.begin(), objectID.end()),
+                                                  std::nullopt,
+                                                  Bytes(certificate.begin(), certificate.end())};
+}
+
+std::optional<platform::token_store::KeyItem> makeKeyItem(ByteView certificate, ByteView objectID) {
+    if (!identityKeyOf(certificate)) return std::nullopt;
+    return platform::token_store::KeyItem{
+        .objectID = Bytes(objectID.begin(), objectID.end()),
+        .certificate = Bytes(certificate.begin(), certificate.end())};
+}
 
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label) {
     const auto read = readCertificate(certificate);
@@ -17,20 +34,20 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
 
 IdentityItems makeIdentityItems(const CertificateView& read, ByteView certificate, ByteView hash,
                                 const std::string& label) {
+    const auto publicKey = read.publicKey();
+    if (!publicKey) throw KeyloftError::generic("Failed to create Tessera key");
     const Bytes objectID(hash.begin(), hash.end());
     const Bytes der(certificate.begin(), certificate.end());
-    platform::token_store::KeyItem key{.objectID = objectID, .label = label, .certificate = der};
-    platform::token_store::deriveKeyFields(key, read.publicKey());
-    if (!key.publicKeyData) throw KeyloftError::generic("Failed to create Tessera key");
-    key.canSign = true;
-    if (key.keyType == keyTypeRSA) {
-        key.canDecrypt = true;
-        key.canPerformKeyExchange = false;
-    } else if (key.keyType == keyTypeEC) {
-        key.canDecrypt = false;
-        key.canPerformKeyExchange = true;
+    platform::token_store::KeyItem keyItem{
+        .objectID = objectID, .label = label, .certificate = der, .canSign = true};
+    if (publicKey->keyType == keyTypeRSA) {
+        keyItem.canDecrypt = true;
+        keyItem.canPerformKeyExchange = false;
+    } else if (publicKey->keyType == keyTypeEC) {
+        keyItem.canDecrypt = false;
+        keyItem.canPerformKeyExchange = true;
     }
-    return {{.objectID = objectID, .label = label, .certificate = der}, std::move(key)};
+    return {{.objectID = objectID, .label = label, .certificate = der}, std::move(keyItem)};
 }
 
 IdentityAdditions::IdentityAdditions(const Token& token)
@@ -91,7 +108,7 @@ bool replaceCertificateItem(const Token& token, ByteView certificate, ByteView h
     const auto items = token.items();
     const auto old = findCertificateItem(items, hash);
     if (old == items.end()) return false;
-    auto item = platform::token_store::makeCertificateItem(certificate, hash);
+    auto item = makeCertificateItem(certificate, hash);
     if (!item) throw KeyloftError::generic("Failed to create token certificate");
     token.removeItemsAt({static_cast<std::size_t>(old - items.begin())});
     token.appendItems({std::move(*item)});

@@ -13,6 +13,12 @@ namespace keyloft::card {
 
 using platform::token_store::Token;
 
+// The items of a certificate, unlabelled: nothing when the certificate cannot be read, and for a
+// key item, when it carries no key the card knows (see identityKeyOf).
+std::optional<platform::token_store::CertificateItem> makeCertificateItem(ByteView certificate,
+                                                                          ByteView objectID);
+std::optional<platform::token_store::KeyItem> makeKeyItem(ByteView certificate, ByteView objectID);
+
 // Makes the certificate item and the key item of an identity, labelled, with the key's capability
 // flags; throws the tool's item-creation messages.
 struct IdentityItems {

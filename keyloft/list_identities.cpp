@@ -4,6 +4,7 @@
 #include <map>
 
 #include "base/error.hpp"
+#include "card/identity_key.hpp"
 #include "card/identity_lookup.hpp"
 #include "keyloft/identity_table.hpp"
 #include "keyloft/keyloft_app.hpp"
@@ -68,9 +69,11 @@ void KeyloftApp::listIdentities() {
             certificates[card::publicKeyHashOf(*parsed)] = detailsOf(*parsed, formatter, now);
             continue;
         }
-        const auto& key = std::get<platform::token_store::KeyItem>(item);
+        const auto& keyItem = std::get<platform::token_store::KeyItem>(item);
+        // A certificate that gives no key leaves the key empty: keyHash then names what is missing.
+        auto key = card::identityKeyOf(keyItem).value_or(card::IdentityKey{});
         KeyRow row;
-        row.hash = key.publicKeyHash.value_or(Bytes{});
+        row.hash = std::move(key.publicKeyHash);
         // A key whose record is missing still gets a row; its protection is then unknown.
         const auto record = records.find(row.hash);
         bool exportable = true;
@@ -80,10 +83,10 @@ void KeyloftApp::listIdentities() {
             row.prot =
                 protection.biometryProtection == keys::BiometryProtection::on ? "bio" : "none";
         }
-        row.type = pubkey::keyTypeDescription(key, exportable);
-        row.hashStr =
-            pubkey::fingerprint(pubkey::keyHash(key, *hashType), *hashType, *hashEncoding);
-        row.label = key.label.value_or("");
+        row.type = pubkey::keyTypeDescription(key.publicKey, exportable);
+        row.hashStr = pubkey::fingerprint(pubkey::keyHash(key.publicKey, *hashType), *hashType,
+                                          *hashEncoding);
+        row.label = keyItem.label.value_or("");
         rows.push_back(std::move(row));
     }
 

@@ -36,9 +36,8 @@ std::size_t hashOf(ByteView objectID) {
 }
 
 // Of the public-key hash a key item's private key is stored under; never 0, which stands for none.
-std::size_t keyHashOf(const TokenItem& item) {
-    const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
-    return key != nullptr && key->publicKeyHash ? hashOf(*key->publicKeyHash) | 1U : 0;
+std::size_t keyHashOf(const card::IdentityKey* key) {
+    return key != nullptr ? hashOf(key->publicKeyHash) | 1U : 0;
 }
 
 // Hashes (as keyHashOf) of the public-key hashes whose record came, went or changed custody: only
@@ -154,19 +153,21 @@ ObjectCatalog::ObjectCatalog(const ObjectCatalog& previous,
     itemObjects_.reserve(items.size());
     for (std::size_t i = 0; i < items.size(); ++i) {
         const ItemObjects* old = before[i] != none ? &previous.itemObjects_[before[i]] : nullptr;
+        // An item kept from the previous snapshot is the same row: its key is the one read then.
+        auto key = old != nullptr ? old->key : identityKeyOf(*items[i]);
         const bool lookUp = old == nullptr || (old->keyHash != 0 && std::ranges::binary_search(
                                                                         changedKeys, old->keyHash));
         const PrivateKeyCustody custody =
-            lookUp ? custodyOf(*items[i], *storedKeys_) : old->custody;
+            lookUp ? custodyOf(key.get(), *storedKeys_) : old->custody;
         if (old != nullptr && old->custody == custody && sameLabel(old->label, labels[i])) {
             keptItems[before[i]] = true;
-            itemObjects_.push_back({labels[i], old->idHash, old->keyHash, custody, old->objects,
-                                    old->handles, old->count});
+            itemObjects_.push_back({labels[i], old->idHash, old->keyHash, std::move(key), custody,
+                                    old->objects, old->handles, old->count});
         } else {
             remade.push_back(i);
             const std::size_t idHash = old != nullptr ? old->idHash : hashOf(objectIDOf(*items[i]));
-            const std::size_t keyHash = old != nullptr ? old->keyHash : keyHashOf(*items[i]);
-            itemObjects_.push_back({labels[i], idHash, keyHash, custody, nullptr});
+            const std::size_t keyHash = old != nullptr ? old->keyHash : keyHashOf(key.get());
+            itemObjects_.push_back({labels[i], idHash, keyHash, std::move(key), custody, nullptr});
         }
     }
     makeObjects(previous, keptItems, remade, newHandle);
@@ -245,7 +246,8 @@ void ObjectCatalog::makeObjects(const ObjectCatalog& previous, const std::vector
 
     for (const std::size_t i : remade) {
         auto& entry = itemObjects_[i];
-        auto objects = itemObjects(*snapshot_.items[i], entry.label, entry.custody);
+        auto objects =
+            itemObjects(*snapshot_.items[i], entry.key.get(), entry.label, entry.custody);
         auto block = std::make_shared<ObjectBlock>();
         for (std::size_t j = 0; j < objects.size(); ++j) {
             entry.handles.at(j) = handleFor(objects[j].identity);

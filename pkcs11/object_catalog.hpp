@@ -48,10 +48,12 @@ class ObjectCatalog {
     struct ItemObjects {
         // The identity's, pointing into the snapshot's items.
         const std::string* label;
-        // Of the item's id, and of a key item's public-key hash (else 0): they tell which items
-        // a change touched without reading the items.
+        // Of the item's id, and of its key's public-key hash (else 0): they tell which items a
+        // change touched without reading the items.
         std::size_t idHash;
         std::size_t keyHash;
+        // The key item's key, read from its certificate once, when the item came.
+        std::shared_ptr<const card::IdentityKey> key;
         PrivateKeyCustody custody;
         std::shared_ptr<const ObjectBlock> objects;
         std::array<CK_OBJECT_HANDLE, maxObjectsPerItem> handles{};  // of the objects, in order

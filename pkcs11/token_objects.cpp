@@ -88,18 +88,16 @@ std::optional<RsaNumbers> rsaNumbers(ByteView rsaPublicKey) {
 
 // Attributes of the public key itself, shared by both key objects; false when the key cannot
 // be described.
-bool describeKey(const platform::token_store::KeyItem& item, AttributeSet& attributes,
-                 CK_KEY_TYPE& keyType) {
-    if (!item.publicKeyData) return false;
-    if (item.keyType == keyTypeEC) {
-        const ByteView curve = der::curveOidForSize(item.keySizeInBits);
+bool describeKey(const PublicKeyAttributes& key, AttributeSet& attributes, CK_KEY_TYPE& keyType) {
+    if (key.keyType == keyTypeEC) {
+        const ByteView curve = der::curveOidForSize(key.sizeInBits);
         if (curve.empty()) return false;
         keyType = CKK_EC;
         attributes.set(CKA_EC_PARAMS, der::encode(der::oidRecord(curve)));
         return true;
     }
-    if (item.keyType == keyTypeRSA) {
-        const auto numbers = rsaNumbers(*item.publicKeyData);
+    if (key.keyType == keyTypeRSA) {
+        const auto numbers = rsaNumbers(key.externalRepresentation);
         if (!numbers) return false;
         keyType = CKK_RSA;
         attributes.set(CKA_MODULUS, numbers->modulus);
@@ -131,15 +129,16 @@ Capabilities capabilitiesOf(const platform::token_store::KeyItem& item, CK_KEY_T
             item.canPerformKeyExchange.value_or(keyType == CKK_EC)};
 }
 
-void appendKeyObjects(const platform::token_store::KeyItem& item, const std::string* label,
-                      PrivateKeyCustody custody, std::vector<TokenObject>& objects) {
+void appendKeyObjects(const platform::token_store::KeyItem& item, const card::IdentityKey& key,
+                      const std::string* label, PrivateKeyCustody custody,
+                      std::vector<TokenObject>& objects) {
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
-    if (!item.publicKeyHash || !describeKey(item, keyAttributes, keyType)) return;
+    if (!describeKey(key.publicKey, keyAttributes, keyType)) return;
     const auto fields = readCertificate(item.certificate);
     const Capabilities can = capabilitiesOf(item, keyType);
-    const KeyFacts facts{keyType, static_cast<CK_ULONG>(item.keySizeInBits), *item.publicKeyHash,
-                         *item.publicKeyData};
+    const KeyFacts facts{keyType, static_cast<CK_ULONG>(key.publicKey.sizeInBits),
+                         key.publicKeyHash, key.publicKey.externalRepresentation};
 
     auto shared = [&](CK_OBJECT_CLASS objectClass) {
         auto attributes = commonAttributes(objectClass, item.objectID, label);
@@ -168,7 +167,8 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const std::str
     publicKey.setBool(CKA_LOCAL, false);
     publicKey.setUlong(CKA_KEY_GEN_MECHANISM, CK_UNAVAILABLE_INFORMATION);
     if (keyType == CKK_EC) {
-        publicKey.set(CKA_EC_POINT, der::encode(der::octetStringRecord(*item.publicKeyData)));
+        publicKey.set(CKA_EC_POINT,
+                      der::encode(der::octetStringRecord(key.publicKey.externalRepresentation)));
     } else {
         publicKey.setUlong(CKA_MODULUS_BITS, facts.sizeInBits);
     }
@@ -207,23 +207,32 @@ bool TokenObject::allows(CK_ATTRIBUTE_TYPE usage) const {
     return value != nullptr && value->size() == 1 && (*value)[0] == CK_TRUE;
 }
 
-PrivateKeyCustody custodyOf(const platform::token_store::TokenItem& item,
-                            const keys::StoredKeyMap& storedKeys) {
-    const auto* key = std::get_if<platform::token_store::KeyItem>(&item);
-    if (key == nullptr || !key->publicKeyHash) return PrivateKeyCustody::none;
-    const auto stored = storedKeys.find(*key->publicKeyHash);
+std::shared_ptr<const card::IdentityKey> identityKeyOf(
+    const platform::token_store::TokenItem& item) {
+    const auto* keyItem = std::get_if<platform::token_store::KeyItem>(&item);
+    if (keyItem == nullptr) return nullptr;
+    auto key = card::identityKeyOf(*keyItem);
+    if (!key) return nullptr;
+    return std::make_shared<const card::IdentityKey>(std::move(*key));
+}
+
+PrivateKeyCustody custodyOf(const card::IdentityKey* key, const keys::StoredKeyMap& storedKeys) {
+    if (key == nullptr) return PrivateKeyCustody::none;
+    const auto stored = storedKeys.find(key->publicKeyHash);
     if (stored == storedKeys.end()) return PrivateKeyCustody::none;
     return keys::protectionOf(stored->second).exportable ? PrivateKeyCustody::exportable
                                                          : PrivateKeyCustody::bound;
 }
 
 std::vector<TokenObject> itemObjects(const platform::token_store::TokenItem& item,
-                                     const std::string* label, PrivateKeyCustody custody) {
+                                     const card::IdentityKey* key, const std::string* label,
+                                     PrivateKeyCustody custody) {
     std::vector<TokenObject> objects;
     if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
         objects.push_back(certificateObject(*certificate, label));
-    } else {
-        appendKeyObjects(std::get<platform::token_store::KeyItem>(item), label, custody, objects);
+    } else if (key != nullptr) {
+        appendKeyObjects(std::get<platform::token_store::KeyItem>(item), *key, label, custody,
+                         objects);
     }
     return objects;
 }

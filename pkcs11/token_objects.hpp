@@ -2,12 +2,14 @@
 
 #include <compare>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "base/bytes.hpp"
+#include "card/identity_key.hpp"
 #include "keys/stored_key_records.hpp"
 #include "pkcs11/attribute_set.hpp"
 #include "platform/token_store/token_items.hpp"
@@ -42,16 +44,22 @@ struct TokenObject {
 // Whether a key item's private key object exists, and what it promises of the key.
 enum class PrivateKeyCustody : std::uint8_t { none, exportable, bound };
 
-// none for a certificate item and for a key whose stored key is missing.
-PrivateKeyCustody custodyOf(const platform::token_store::TokenItem& item,
-                            const keys::StoredKeyMap& storedKeys);
+// A key item's key as its certificate gives it, worked out once for the item's objects and its
+// custody; null for a certificate item and for a key item whose certificate gives none.
+std::shared_ptr<const card::IdentityKey> identityKeyOf(
+    const platform::token_store::TokenItem& item);
+
+// none without a key (see identityKeyOf) and for a key whose stored key is missing.
+PrivateKeyCustody custodyOf(const card::IdentityKey* key, const keys::StoredKeyMap& storedKeys);
 
 // The objects applications see for one item: a certificate for a certificate item; a public and
-// a private key for a key item (the private key only with a custody), so never more than
-// maxObjectsPerItem. The label is the identity's (see identityLabels); null for none.
+// a private key for a key item with a key (the private key only with a custody), so never more
+// than maxObjectsPerItem. The key is the item's (see identityKeyOf); the label is the identity's
+// (see identityLabels); null for none.
 inline constexpr std::size_t maxObjectsPerItem = 2;
 std::vector<TokenObject> itemObjects(const platform::token_store::TokenItem& item,
-                                     const std::string* label, PrivateKeyCustody custody);
+                                     const card::IdentityKey* key, const std::string* label,
+                                     PrivateKeyCustody custody);
 
 // One label per identity (the items sharing an object id), so that applications that pair a
 // certificate with its key by label find both: for each item, its identity's label, pointing into

@@ -8,16 +8,17 @@
 
 namespace keyloft::pubkey {
 
-Bytes keyHash(const platform::token_store::KeyItem& item, HashType type) {
+Bytes keyHash(const PublicKeyAttributes& key, HashType type) {
+    const Bytes& data = key.externalRepresentation;
     switch (type) {
         case HashType::sha1:
-            if (!item.publicKeyHash) throw KeyloftError::generic("key has invalid public key hash");
-            return *item.publicKeyHash;
+            if (data.empty()) throw KeyloftError::generic("key has invalid public key hash");
+            return platform::crypto::sha1(data);
         case HashType::sha256:
-            if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
-            return platform::crypto::sha256(*item.publicKeyData);
+            if (data.empty()) throw KeyloftError::generic("key has invalid public key data");
+            return platform::crypto::sha256(data);
         case HashType::ssh:
-            return platform::crypto::sha256(sshPublicKeyBlob(item));
+            return platform::crypto::sha256(sshPublicKeyBlob(key));
     }
     throw KeyloftError::generic("invalid hash type");
 }

@@ -4,10 +4,10 @@
 
 namespace keyloft::pubkey {
 
-std::string keyTypeDescription(const platform::token_store::KeyItem& item, bool exportable) {
-    const std::string bits = std::to_string(item.keySizeInBits);
-    if (item.keyType == keyTypeRSA) return "rsa-" + bits;
-    if (item.keyType == keyTypeEC) return "p-" + bits + (exportable ? "" : "-ne");
+std::string keyTypeDescription(const PublicKeyAttributes& key, bool exportable) {
+    const std::string bits = std::to_string(key.sizeInBits);
+    if (key.keyType == keyTypeRSA) return "rsa-" + bits;
+    if (key.keyType == keyTypeEC) return "p-" + bits + (exportable ? "" : "-ne");
     return "unknown";
 }
 

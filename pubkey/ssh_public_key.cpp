@@ -5,24 +5,26 @@
 
 namespace keyloft::pubkey {
 
-Bytes sshPublicKeyBlob(const platform::token_store::KeyItem& item) {
-    if (!item.publicKeyData) throw KeyloftError::generic("key has invalid public key data");
-    const auto key = platform::key_service::PublicKey::fromData(item.keyType, *item.publicKeyData);
+Bytes sshPublicKeyBlob(const PublicKeyAttributes& publicKey) {
+    if (publicKey.externalRepresentation.empty())
+        throw KeyloftError::generic("key has invalid public key data");
+    const auto key = platform::key_service::PublicKey::fromData(publicKey.keyType,
+                                                                publicKey.externalRepresentation);
     Bytes blob;
-    if (item.keyType == keyTypeEC) {
+    if (publicKey.keyType == keyTypeEC) {
         const std::string curve = sshCurveName(key);
         const Bytes point = key.externalRepresentation();
         appendString(blob, fidoEcdsaKeyTypeName);
         appendString(blob, curve);
         appendData(blob, point);
         appendString(blob, fidoApplication);
-    } else if (item.keyType == keyTypeRSA) {
+    } else if (publicKey.keyType == keyTypeRSA) {
         const auto numbers = key.rsaNumbers();
         appendString(blob, "ssh-rsa");
         appendMPInt(blob, numbers.exponent);
         appendMPInt(blob, numbers.modulus);
     } else {
-        throw KeyloftError::generic("unsupported key type: " + item.keyType);
+        throw KeyloftError::generic("unsupported key type: " + publicKey.keyType);
     }
     return blob;
 }

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "base/bytes.hpp"
+#include "base/public_key_attributes.hpp"
 #include "platform/key_service/public_key.hpp"
-#include "platform/token_store/token_items.hpp"
 
 namespace keyloft::pubkey {
 
@@ -14,10 +14,10 @@ namespace keyloft::pubkey {
 inline constexpr std::string_view fidoEcdsaKeyTypeName = "sk-ecdsa-sha2-nistp256@openssh.com";
 inline constexpr std::string_view fidoApplication = "ssh:";
 
-// The SSH public-key blob of a token key: a FIDO ECDSA key for EC, "ssh-rsa" for RSA. Throws
-// KeyloftError for a key without data or of another type, PlatformError when the key service
-// cannot make a key of the data.
-Bytes sshPublicKeyBlob(const platform::token_store::KeyItem& item);
+// The SSH public-key blob of a card's key: a FIDO ECDSA key for EC, "ssh-rsa" for RSA. Throws
+// KeyloftError for a key without an external representation or of another type, PlatformError
+// when the key service cannot make a key of the representation.
+Bytes sshPublicKeyBlob(const PublicKeyAttributes& key);
 
 // "nistp256", "nistp384" or "nistp521" by the key's size. Throws KeyloftError when the key
 // service reports no attributes.

@@ -41,14 +41,12 @@ TokenItem itemOfRow(const sqlite::Statement& row) {
     if (isCertificateRow(row)) {
         return CertificateItem{row.blob(objectID), textAt(row, label), row.blob(certificate)};
     }
-    KeyItem key{.objectID = row.blob(objectID),
-                .label = textAt(row, label),
-                .certificate = row.blob(certificate),
-                .canSign = flagAt(row, canSign),
-                .canDecrypt = flagAt(row, canDecrypt),
-                .canPerformKeyExchange = flagAt(row, canKeyExchange)};
-    deriveKeyFields(key);
-    return key;
+    return KeyItem{.objectID = row.blob(objectID),
+                   .label = textAt(row, label),
+                   .certificate = row.blob(certificate),
+                   .canSign = flagAt(row, canSign),
+                   .canDecrypt = flagAt(row, canDecrypt),
+                   .canPerformKeyExchange = flagAt(row, canKeyExchange)};
 }
 
 bool rowHoldsItem(const sqlite::Statement& row, const TokenItem& item) {
@@ -57,7 +55,6 @@ bool rowHoldsItem(const sqlite::Statement& row, const TokenItem& item) {
         return held != nullptr && sameCommonFields(row, *held);
     }
     const auto* held = std::get_if<KeyItem>(&item);
-    // The derived fields follow from the certificate.
     return held != nullptr && sameCommonFields(row, *held) &&
            flagAt(row, canSign) == held->canSign && flagAt(row, canDecrypt) == held->canDecrypt &&
            flagAt(row, canKeyExchange) == held->canPerformKeyExchange;

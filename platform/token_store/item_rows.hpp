@@ -16,7 +16,7 @@ inline constexpr std::string_view itemColumns =
     "kind, object_id, label, certificate, can_sign, can_decrypt, can_key_exchange";
 inline constexpr int itemColumnCount = 7;
 
-// The item of the current row, its key fields derived.
+// The item of the current row.
 TokenItem itemOfRow(const sqlite::Statement& row);
 
 // True when the current row holds exactly the item; compares in place, copying nothing.

@@ -67,7 +67,7 @@ std::optional<TokenWatcher::FileIdentity> TokenWatcher::identityOf(
 }
 
 // A change touches a few rows of many: the rows that still hold what they held are handed out as
-// the items read before, neither copied nor derived again.
+// the items read before, not copied again.
 TokenSnapshot TokenWatcher::read() {
     TokenSnapshot snapshot;
     std::vector<KnownRow> rows;

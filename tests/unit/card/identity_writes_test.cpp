@@ -1,4 +1,5 @@
 #include "card/identity_writes.hpp"
+#include "card/identity_key.hpp"
 #include "card/identity_lookup.hpp"
 #include "card/user_card.hpp"
 
@@ -27,9 +28,8 @@ Identity makeIdentity(const char* curve) {
     Identity identity;
     identity.certificate = testing::makeCertificate(key.get());
     identity.hash = certificatePublicKeyHash(identity.certificate);
-    identity.certificateItem =
-        *platform::token_store::makeCertificateItem(identity.certificate, identity.hash);
-    identity.keyItem = *platform::token_store::makeKeyItem(identity.certificate, identity.hash);
+    identity.certificateItem = *makeCertificateItem(identity.certificate, identity.hash);
+    identity.keyItem = *makeKeyItem(identity.certificate, identity.hash);
     return identity;
 }
 
@@ -47,10 +47,32 @@ class IdentityRemoval : public ::testing::Test {
     Identity b = makeIdentity("P-384");
 };
 
-TEST(CertificatePublicKeyHash, IsTheSha1OfTheKeyBits) {
-    const auto identity = makeIdentity("P-521");
-    EXPECT_EQ(identity.hash, platform::crypto::sha1(*identity.keyItem.publicKeyData));
-    EXPECT_EQ(identity.hash.size(), 20U);
+// The key item's key names the identity as its certificate item does.
+TEST(IdentityKey, IsTheCertificatesKeyUnderTheCertificatesHash) {
+    struct Case {
+        testing::Pkey key;
+        const char* type;
+        int bits;
+        std::size_t representation;
+    };
+    Case cases[] = {{testing::makeEcKey("P-256"), "ec", 256, 65},
+                    {testing::makeEcKey("P-384"), "ec", 384, 97},
+                    {testing::makeEcKey("P-521"), "ec", 521, 133},
+                    {testing::makeRsaKey(2048), "rsa", 2048, 270}};
+    for (const auto& [pkey, type, bits, representation] : cases) {
+        const Bytes certificate = testing::makeCertificate(pkey.get());
+        const auto key = identityKeyOf(certificate);
+        ASSERT_TRUE(key) << type << bits;
+        EXPECT_EQ(key->publicKey.keyType, type);
+        EXPECT_EQ(key->publicKey.sizeInBits, bits);
+        EXPECT_EQ(key->publicKey.externalRepresentation.size(), representation) << bits;
+        EXPECT_EQ(key->publicKeyHash,
+                  platform::crypto::sha1(key->publicKey.externalRepresentation));
+        EXPECT_EQ(key->publicKeyHash, certificatePublicKeyHash(certificate));
+    }
+    EXPECT_FALSE(identityKeyOf(Bytes{0x30, 0x00}));
+    EXPECT_FALSE(makeKeyItem(Bytes{0x30, 0x00}, Bytes{1}));
+    EXPECT_FALSE(makeCertificateItem(Bytes{0x30, 0x00}, Bytes{1}));
 }
 
 TEST(CertificatePublicKeyHash, RefusesBytesThatAreNoCertificate) {
@@ -71,7 +93,7 @@ TEST_F(IdentityRemoval, RemovesBothItemsAndDuplicatesKeepingTheRestInOrder) {
 
 TEST_F(IdentityRemoval, HashesOfOtherLengthsAndKeysWithoutHashRemoveNothing) {
     auto withoutHash = b.keyItem;
-    withoutHash.publicKeyHash.reset();
+    withoutHash.certificate = {0x30, 0x00};
     const TokenItems items{a.certificateItem, a.keyItem, withoutHash};
     token().replaceItems(items);
     for (const auto& hash : {Bytes(a.hash.begin(), a.hash.end() - 1), concat({a.hash, Bytes{0}})}) {

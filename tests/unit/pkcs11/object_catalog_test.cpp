@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "card/identity_key.hpp"
+#include "card/identity_writes.hpp"
 #include "keys/stored_key_codec.hpp"
 #include "support/test_certificates.hpp"
 
@@ -13,20 +15,20 @@ using platform::token_store::TokenSnapshot;
 
 SharedTokenItem certificateItem(const Bytes& certificate, std::uint8_t id,
                                 std::optional<std::string> label) {
-    auto item = *platform::token_store::makeCertificateItem(certificate, Bytes{id});
+    auto item = *card::makeCertificateItem(certificate, Bytes{id});
     item.label = std::move(label);
     return std::make_shared<const platform::token_store::TokenItem>(std::move(item));
 }
 
 SharedTokenItem keyItem(const Bytes& certificate, std::uint8_t id,
                         std::optional<std::string> label) {
-    auto item = *platform::token_store::makeKeyItem(certificate, Bytes{id});
+    auto item = *card::makeKeyItem(certificate, Bytes{id});
     item.label = std::move(label);
     return std::make_shared<const platform::token_store::TokenItem>(std::move(item));
 }
 
-const Bytes& publicKeyHashOf(const SharedTokenItem& key) {
-    return *std::get<platform::token_store::KeyItem>(*key).publicKeyHash;
+Bytes publicKeyHashOf(const SharedTokenItem& key) {
+    return card::identityKeyOf(std::get<platform::token_store::KeyItem>(*key))->publicKeyHash;
 }
 
 std::shared_ptr<const Bytes> configuration(const keys::StoredKeyMap& keys) {

@@ -4,7 +4,6 @@
 
 #include "platform/token_store/token_store.hpp"
 #include "support/temporary_folder.hpp"
-#include "support/test_certificates.hpp"
 
 namespace keyloft::platform::token_store {
 namespace {
@@ -19,7 +18,7 @@ class Watching : public ::testing::Test {
         return drivers.at(std::string(driver)).addTokenConfiguration("user");
     }
     TokenItems oneCertificate(std::uint8_t id) const {
-        return {*makeCertificateItem(certificate, Bytes{id})};
+        return {CertificateItem{Bytes{id}, std::nullopt, certificate}};
     }
 
     // The items as read, for comparing with what was written.
@@ -31,7 +30,8 @@ class Watching : public ::testing::Test {
 
     testing::TemporaryFolder folder;
     TokenWatcher watcher{dbPath(), std::string(driver), "user"};
-    Bytes certificate = testing::makeCertificate(testing::makeEcKey().get());
+    // The store keeps a certificate's bytes without reading them.
+    Bytes certificate = Bytes(300, 0xCE);
 };
 
 TEST_F(Watching, ReadsAMissingStoreAsEmptyOnceWithoutCreatingIt) {
@@ -149,10 +149,10 @@ TEST_F(Watching, ReadsARowAfreshWhenItsRowidWasGivenAgain) {
     const auto first = watcher.changes();
     ASSERT_TRUE(first);
 
-    const Bytes other = testing::makeCertificate(testing::makeEcKey().get(), "Other");
+    const Bytes other(300, 0x0E);
     token.writeCommittingEvenOnThrow([&] {
         token.removeItemsAt({0});
-        token.appendItems({*makeCertificateItem(other, Bytes{1})});
+        token.appendItems({CertificateItem{Bytes{1}, std::nullopt, other}});
     });
     const auto second = watcher.changes();
     ASSERT_TRUE(second);

@@ -3,23 +3,23 @@
 #include <gtest/gtest.h>
 
 #include "base/error.hpp"
-#include "key_items.hpp"
 #include "platform/crypto/digest.hpp"
 #include "pubkey/key_type_description.hpp"
 #include "pubkey/ssh_public_key.hpp"
+#include "public_keys.hpp"
 
 namespace keyloft::pubkey {
 namespace {
 
 TEST(Fingerprint, HasTheLengthAndFormOfItsTypeAndEncoding) {
-    const auto item = testing::keyItemFor(testing::makeEcKey("P-384").get());
+    const auto key = testing::publicKeyOf(testing::makeEcKey("P-384").get());
     const std::tuple<HashType, HashEncoding, std::size_t> cases[] = {
         {HashType::sha1, HashEncoding::hex, 40},      {HashType::sha256, HashEncoding::hex, 64},
         {HashType::ssh, HashEncoding::hex, 64},       {HashType::sha1, HashEncoding::base64, 28},
         {HashType::sha256, HashEncoding::base64, 44}, {HashType::ssh, HashEncoding::base64, 50},
     };
     for (const auto& [type, encoding, length] : cases) {
-        const std::string text = fingerprint(keyHash(item, type), type, encoding);
+        const std::string text = fingerprint(keyHash(key, type), type, encoding);
         EXPECT_EQ(text.size(), length) << text;
         if (encoding == HashEncoding::hex) {
             EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF"), std::string::npos) << text;
@@ -31,17 +31,16 @@ TEST(Fingerprint, HasTheLengthAndFormOfItsTypeAndEncoding) {
 }
 
 TEST(KeyHash, TakesEachDigestFromItsSourceOrNamesWhatIsMissing) {
-    const auto item = testing::keyItemFor(testing::makeRsaKey().get());
-    EXPECT_EQ(keyHash(item, HashType::sha1), platform::crypto::sha1(*item.publicKeyData));
-    EXPECT_EQ(keyHash(item, HashType::sha256), platform::crypto::sha256(*item.publicKeyData));
-    EXPECT_EQ(keyHash(item, HashType::ssh), platform::crypto::sha256(sshPublicKeyBlob(item)));
+    const auto key = testing::publicKeyOf(testing::makeRsaKey().get());
+    const Bytes& data = key.externalRepresentation;
+    EXPECT_EQ(keyHash(key, HashType::sha1), platform::crypto::sha1(data));
+    EXPECT_EQ(keyHash(key, HashType::sha256), platform::crypto::sha256(data));
+    EXPECT_EQ(keyHash(key, HashType::ssh), platform::crypto::sha256(sshPublicKeyBlob(key)));
 
-    auto noHash = item;
-    noHash.publicKeyHash.reset();
-    auto noData = item;
-    noData.publicKeyData.reset();
-    const std::tuple<platform::token_store::KeyItem, HashType, const char*> failing[] = {
-        {noHash, HashType::sha1, "key has invalid public key hash"},
+    // What a key item whose certificate gives no key is listed with.
+    const PublicKeyAttributes noData;
+    const std::tuple<PublicKeyAttributes, HashType, const char*> failing[] = {
+        {noData, HashType::sha1, "key has invalid public key hash"},
         {noData, HashType::sha256, "key has invalid public key data"},
         {noData, HashType::ssh, "key has invalid public key data"},
     };
@@ -62,10 +61,7 @@ TEST(KeyTypeDescription, NamesTheKindSizeAndBinding) {
         {"dsa", 1024, true, "unknown"},
     };
     for (const auto& [type, bits, exportable, text] : cases) {
-        platform::token_store::KeyItem item;
-        item.keyType = type;
-        item.keySizeInBits = bits;
-        EXPECT_EQ(keyTypeDescription(item, exportable), text);
+        EXPECT_EQ(keyTypeDescription(PublicKeyAttributes{type, bits, {}}, exportable), text);
     }
 }
 

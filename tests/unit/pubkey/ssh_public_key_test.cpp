@@ -7,8 +7,8 @@
 #include "base/error.hpp"
 #include "encoding/base64.hpp"
 #include "encoding/hex.hpp"
-#include "key_items.hpp"
 #include "pubkey/fingerprint.hpp"
+#include "public_keys.hpp"
 #include "support/temporary_folder.hpp"
 
 namespace keyloft::pubkey {
@@ -57,7 +57,7 @@ class SshBlob : public ::testing::Test {
 TEST_F(SshBlob, EcBlobIsTheFidoKeyOfTheRealCurve) {
     for (const auto& [curve, size] : {std::pair{"P-256", 127U}, {"P-384", 159U}, {"P-521", 195U}}) {
         const auto key = testing::makeEcKey(curve);
-        const Bytes blob = sshPublicKeyBlob(testing::keyItemFor(key.get()));
+        const Bytes blob = sshPublicKeyBlob(testing::publicKeyOf(key.get()));
         EXPECT_EQ(blob.size(), size) << curve;
         EXPECT_EQ(encoding::toHexString(blob), independentBlobHex(key.get())) << curve;
     }
@@ -65,7 +65,7 @@ TEST_F(SshBlob, EcBlobIsTheFidoKeyOfTheRealCurve) {
 
 TEST_F(SshBlob, RsaBlobMatchesTheWrittenExample) {
     const auto key = testing::makeRsaKey(2048);
-    const Bytes blob = sshPublicKeyBlob(testing::keyItemFor(key.get()));
+    const Bytes blob = sshPublicKeyBlob(testing::publicKeyOf(key.get()));
     ASSERT_EQ(blob.size(), 279U);
     const Bytes head{0, 0, 0, 7, 's', 's', 'h', '-', 'r', 's', 'a', 0,
                      0, 0, 3, 1, 0,   1,   0,   0,   1,   1,   0};
@@ -74,36 +74,36 @@ TEST_F(SshBlob, RsaBlobMatchesTheWrittenExample) {
 }
 
 TEST_F(SshBlob, FingerprintIsWhatSshKeygenPrints) {
-    const auto shown = [](const platform::token_store::KeyItem& item) {
-        return fingerprint(keyHash(item, HashType::ssh), HashType::ssh, HashEncoding::base64);
+    const auto shown = [](const PublicKeyAttributes& key) {
+        return fingerprint(keyHash(key, HashType::ssh), HashType::ssh, HashEncoding::base64);
     };
     // ssh-keygen takes FIDO ECDSA keys on P-256 only; the RSA line is its own conversion of the
     // key.
     const auto ec = testing::makeEcKey("P-256");
-    const auto ecItem = testing::keyItemFor(ec.get());
+    const auto ecKey = testing::publicKeyOf(ec.get());
     EXPECT_EQ(sshKeygenListing("sk-ecdsa-sha2-nistp256@openssh.com " +
-                               encoding::base64Encode(sshPublicKeyBlob(ecItem))),
-              "256 " + shown(ecItem) + " test (ECDSA-SK)\n");
+                               encoding::base64Encode(sshPublicKeyBlob(ecKey))),
+              "256 " + shown(ecKey) + " test (ECDSA-SK)\n");
     const auto rsa = testing::makeRsaKey(3072);
     std::string rsaLine = testing::commandOutput("ssh-keygen -i -m PKCS8 -f " + pem(rsa.get()));
     rsaLine.pop_back();
     EXPECT_EQ(sshKeygenListing(rsaLine),
-              "3072 " + shown(testing::keyItemFor(rsa.get())) + " test (RSA)\n");
+              "3072 " + shown(testing::publicKeyOf(rsa.get())) + " test (RSA)\n");
 }
 
 TEST(SshBlobFailure, StopsAtTheFirstMissingPiece) {
     const auto key = testing::makeEcKey();
-    auto noData = testing::keyItemFor(key.get());
-    noData.publicKeyData.reset();
+    auto noData = testing::publicKeyOf(key.get());
+    noData.externalRepresentation.clear();
     try {
         sshPublicKeyBlob(noData);
         ADD_FAILURE() << "no error without public key data";
     } catch (const KeyloftError& error) {
         EXPECT_STREQ(error.what(), "key has invalid public key data");
     }
-    auto brokenPoint = testing::keyItemFor(key.get());
-    brokenPoint.publicKeyData->pop_back();
-    auto otherType = testing::keyItemFor(key.get());
+    auto brokenPoint = testing::publicKeyOf(key.get());
+    brokenPoint.externalRepresentation.pop_back();
+    auto otherType = testing::publicKeyOf(key.get());
     otherType.keyType = "dsa";
     EXPECT_THROW(sshPublicKeyBlob(brokenPoint), PlatformError);
     EXPECT_THROW(sshPublicKeyBlob(otherType), PlatformError);

@@ -1,6 +1,7 @@
 #pragma once
 
-// Token key items for keys made with OpenSSL, and the shell for asking outside tools about them.
+// Public keys made with OpenSSL as the key service reports them, and the shell for asking outside
+// tools about them.
 
 #include <openssl/pem.h>
 
@@ -9,13 +10,20 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/token_store/token_items.hpp"
+#include "base/public_key_attributes.hpp"
 #include "support/test_certificates.hpp"
 
 namespace keyloft::testing {
 
-inline platform::token_store::KeyItem keyItemFor(EVP_PKEY* key) {
-    return platform::token_store::makeKeyItem(makeCertificate(key), Bytes(20, 0x01)).value();
+// The EC point or the DER RSAPublicKey, as OpenSSL writes them.
+inline PublicKeyAttributes publicKeyOf(EVP_PKEY* key) {
+    unsigned char* data = nullptr;
+    const int length = i2d_PublicKey(key, &data);
+    if (length <= 0) throw std::runtime_error("i2d_PublicKey failed");
+    Bytes representation(data, data + length);
+    OPENSSL_free(data);
+    const bool ec = EVP_PKEY_get_base_id(key) == EVP_PKEY_EC;
+    return {ec ? "ec" : "rsa", EVP_PKEY_get_bits(key), std::move(representation)};
 }
 
 inline void writePublicKeyPem(EVP_PKEY* key, const std::filesystem::path& path) {
