@@ -1,6 +1,6 @@
 #include "card/identity_creation.hpp"
 
-#include "base/certificate_reader.hpp"
+#include "x509/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "card/identity_lookup.hpp"
 #include "der/object_identifiers.hpp"
@@ -31,7 +31,7 @@ NewIdentity createIdentity(const Token& token, const IdentityRequest& request) {
                 platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
         }));
 
-    const auto read = readCertificate(certificate);
+    const auto read = x509::readCertificate(certificate);
     if (!read) throw KeyloftError::generic("Failed to create certificate");
     auto items = makeIdentityItems(*read, certificate, hash, label);
     return {std::move(hash), std::move(key.storage), std::move(items), std::move(cardData)};

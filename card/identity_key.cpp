@@ -1,12 +1,12 @@
 #include "card/identity_key.hpp"
 
-#include "base/certificate_reader.hpp"
 #include "platform/crypto/digest.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft::card {
 
 std::optional<IdentityKey> identityKeyOf(ByteView certificate) {
-    const auto read = readCertificate(certificate);
+    const auto read = x509::readCertificate(certificate);
     auto key = read ? read->publicKey() : std::nullopt;
     if (!key) return std::nullopt;
     Bytes hash = platform::crypto::sha1(key->externalRepresentation);

@@ -15,14 +15,14 @@ bool sameBytes(ByteView a, ByteView b) {
 
 }  // namespace
 
-Bytes publicKeyHashOf(const CertificateView& certificate) {
+Bytes publicKeyHashOf(const x509::CertificateView& certificate) {
     if (certificate.subjectPublicKey().empty())
         throw KeyloftError::generic("Failed to retrieve public key hash");
     return platform::crypto::sha1(certificate.subjectPublicKey());
 }
 
 Bytes certificatePublicKeyHash(ByteView certificate) {
-    const auto parsed = readCertificate(certificate);
+    const auto parsed = x509::readCertificate(certificate);
     if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
     return publicKeyHashOf(*parsed);
 }

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "base/bytes.hpp"
-#include "base/certificate_reader.hpp"
 #include "platform/token_store/token_items.hpp"
 #include "platform/token_store/token_store.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft::card {
 
@@ -11,7 +11,7 @@ namespace keyloft::card {
 // or "Failed to retrieve public key hash".
 Bytes certificatePublicKeyHash(ByteView certificate);
 // The same for a certificate already read.
-Bytes publicKeyHashOf(const CertificateView& certificate);
+Bytes publicKeyHashOf(const x509::CertificateView& certificate);
 
 // Certificate items match by the hash of their certificate, key items by their identity key's
 // hash (none when the certificate gives no key); a certificate item's certificate that cannot be

@@ -2,18 +2,18 @@
 
 #include <algorithm>
 
-#include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "base/public_key_attributes.hpp"
 #include "card/identity_key.hpp"
 #include "card/identity_lookup.hpp"
 #include "keys/stored_key_codec.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft::card {
 
 std::optional<platform::token_store::CertificateItem> makeCertificateItem(ByteView certificate,
                                                                           ByteView objectID) {
-    if (!readCertificate(certificate)) return std::nullopt;
+    if (!x509::readCertificate(certificate)) return std::nullopt;
     return platform::token_store::CertificateItem{Bytes(objectID.begin(), objectID.end()),
                                                   std::nullopt,
                                                   Bytes(certificate.begin(), certificate.end())};
@@ -27,12 +27,12 @@ std::optional<platform::token_store::KeyItem> makeKeyItem(ByteView certificate, 
 }
 
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label) {
-    const auto read = readCertificate(certificate);
+    const auto read = x509::readCertificate(certificate);
     if (!read) throw KeyloftError::generic("Failed to create Tessera certificate");
     return makeIdentityItems(*read, certificate, hash, label);
 }
 
-IdentityItems makeIdentityItems(const CertificateView& read, ByteView certificate, ByteView hash,
+IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate, ByteView hash,
                                 const std::string& label) {
     const auto publicKey = read.publicKey();
     if (!publicKey) throw KeyloftError::generic("Failed to create Tessera key");

@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "base/certificate_reader.hpp"
+#include "x509/certificate_reader.hpp"
 #include "keys/stored_key_records.hpp"
 #include "platform/token_store/token_store.hpp"
 
@@ -27,7 +27,7 @@ struct IdentityItems {
 };
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label);
 // The same for a certificate already read (its DER given too), which is not read again.
-IdentityItems makeIdentityItems(const CertificateView& read, ByteView certificate, ByteView hash,
+IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate, ByteView hash,
                                 const std::string& label);
 
 // Identities added by one command: the stored-key records are read once and written once, and the

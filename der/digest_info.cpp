@@ -1,7 +1,7 @@
 #include "der/digest_info.hpp"
 
-#include "der/ber_tlv_record.hpp"
 #include "der/object_identifiers.hpp"
+#include "der/record.hpp"
 
 namespace keyloft::der {
 

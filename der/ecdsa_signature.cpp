@@ -2,15 +2,15 @@
 
 #include <algorithm>
 
-#include "der/ber_tlv_record.hpp"
+#include "der/reader.hpp"
 
 namespace keyloft::der {
 namespace {
 
 // A positive INTEGER's magnitude, left-padded into out; false when it does not fit.
-bool placeMagnitude(const BerTlvRecord& integer, std::span<std::uint8_t> out) {
-    if (integer.tag() != tag::integer) return false;
-    ByteView magnitude(integer.bytes());
+bool placeMagnitude(const std::optional<Element>& integer, std::span<std::uint8_t> out) {
+    if (!integer) return false;
+    ByteView magnitude = integer->content;
     if (magnitude.empty() || (magnitude[0] & 0x80U) != 0) return false;
     while (magnitude.size() > 1 && magnitude[0] == 0) magnitude = magnitude.subspan(1);
     if (magnitude.size() > out.size()) return false;
@@ -21,16 +21,16 @@ bool placeMagnitude(const BerTlvRecord& integer, std::span<std::uint8_t> out) {
 }  // namespace
 
 std::optional<Bytes> rawEcdsaSignature(ByteView signature, std::size_t fieldSize) {
-    const auto parsed = parseRecord(signature);
-    if (!parsed || parsed->tag() != tag::sequence) return std::nullopt;
-    const auto numbers = parseContents(parsed->bytes());
-    if (!numbers || numbers->size() != 2) return std::nullopt;
+    const auto parsed = readSingleElement(signature);
+    if (!parsed || parsed->tag != tag::sequence) return std::nullopt;
+    Cursor numbers(*parsed);
+    const auto r = numbers.next(tag::integer);
+    const auto s = numbers.next(tag::integer);
+    if (!numbers.atEnd()) return std::nullopt;
     Bytes raw(2 * fieldSize);
     const std::span<std::uint8_t> out(raw);
-    if (!placeMagnitude((*numbers)[0], out.first(fieldSize)) ||
-        !placeMagnitude((*numbers)[1], out.last(fieldSize))) {
+    if (!placeMagnitude(r, out.first(fieldSize)) || !placeMagnitude(s, out.last(fieldSize)))
         return std::nullopt;
-    }
     return raw;
 }
 

@@ -17,9 +17,9 @@ struct ContentOrder {
 
 }  // namespace
 
-BerTlvRecord oidRecord(ByteView oid) {
+Record oidRecord(ByteView oid) {
     static std::mutex mutex;
-    static std::map<Bytes, BerTlvRecord, ContentOrder> records;
+    static std::map<Bytes, Record, ContentOrder> records;
     const std::scoped_lock lock(mutex);
     auto found = records.find(oid);
     if (found == records.end())

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdint>
 
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 // Object identifiers as ready DER content octets (no tag, no length).
 namespace keyloft::der::oid {
@@ -91,6 +91,6 @@ inline ByteView curveOidForSize(int sizeInBits) {
 }
 
 // OBJECT IDENTIFIER record over an entry of the table; each OID's record is built once and shared.
-BerTlvRecord oidRecord(ByteView oid);
+Record oidRecord(ByteView oid);
 
 }  // namespace keyloft::der

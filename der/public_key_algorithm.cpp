@@ -8,7 +8,7 @@
 
 namespace keyloft::der {
 
-BerTlvRecord publicKeyAlgorithm(std::string_view keyType, int sizeInBits) {
+Record publicKeyAlgorithm(std::string_view keyType, int sizeInBits) {
     if (keyType == keyTypeEC) {
         // 192-bit keys have no curve identifier here; naming another curve would mislabel them.
         const ByteView curve = curveOidForSize(sizeInBits);

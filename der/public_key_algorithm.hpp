@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 namespace keyloft::der {
 
@@ -10,6 +10,6 @@ namespace keyloft::der {
 // with the named curve of the size, or rsaEncryption with NULL parameters. Throws the tool's
 // "unsupported public key EC key size: <n>" for an EC size without a curve identifier and
 // "unsupported public key type: <type>" for other key types.
-BerTlvRecord publicKeyAlgorithm(std::string_view keyType, int sizeInBits);
+Record publicKeyAlgorithm(std::string_view keyType, int sizeInBits);
 
 }  // namespace keyloft::der

@@ -4,7 +4,6 @@
 #include <set>
 #include <vector>
 
-#include "base/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "card/identity_writes.hpp"
 #include "encoding/hex.hpp"
@@ -14,13 +13,14 @@
 #include "platform/os/files.hpp"
 #include "platform/os/passphrase.hpp"
 #include "platform/pkcs12_import/pkcs12_reader.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft {
 namespace {
 
 // The certificate's common name, else its first e-mail address, else nothing.
 std::string labelOf(ByteView certificate) {
-    const auto parsed = readCertificate(certificate);
+    const auto parsed = x509::readCertificate(certificate);
     if (!parsed) return {};
     if (auto name = parsed->commonName()) return *name;
     const auto emails = parsed->emailAddresses();

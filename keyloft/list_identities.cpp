@@ -32,7 +32,7 @@ struct CertificateDetails {
     std::string isValid;
 };
 
-CertificateDetails detailsOf(const CertificateView& certificate,
+CertificateDetails detailsOf(const x509::CertificateView& certificate,
                              const platform::text::ShortDateTimeFormatter& formatter,
                              std::chrono::system_clock::time_point now) {
     CertificateDetails details;
@@ -64,7 +64,7 @@ void KeyloftApp::listIdentities() {
     for (const auto& item : items) {
         if (const auto* certificate = std::get_if<platform::token_store::CertificateItem>(&item)) {
             // One reading serves the hash and the details.
-            const auto parsed = readCertificate(certificate->certificate);
+            const auto parsed = x509::readCertificate(certificate->certificate);
             if (!parsed) throw KeyloftError::generic("Failed to parse certificate from data");
             certificates[card::publicKeyHashOf(*parsed)] = detailsOf(*parsed, formatter, now);
             continue;

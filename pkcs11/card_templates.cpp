@@ -1,7 +1,7 @@
 #include "pkcs11/card_templates.hpp"
 
-#include "der/ber_tlv_record.hpp"
 #include "der/object_identifiers.hpp"
+#include "der/record.hpp"
 #include "pkcs11/attribute_set.hpp"
 
 namespace keyloft::pkcs11 {

@@ -1,9 +1,9 @@
 // Entry points that change the card: key pairs made, certificates stored, labels changed,
 // identities removed. The card has no PIN: no login is needed (docs/decisions.md).
-#include "base/certificate_reader.hpp"
 #include "card/identity_lookup.hpp"
 #include "pkcs11/card_templates.hpp"
 #include "pkcs11/module_state.hpp"
+#include "x509/certificate_reader.hpp"
 
 using namespace keyloft;
 using namespace keyloft::pkcs11;
@@ -69,7 +69,7 @@ CK_RV C_CreateObject(CK_SESSION_HANDLE hSession, CK_ATTRIBUTE_PTR pTemplate, CK_
         const auto* value = findIn(objectTemplate, CKA_VALUE);
         if (value == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
         const Bytes certificate = valueOf(*value);
-        const auto fields = readCertificate(certificate);
+        const auto fields = x509::readCertificate(certificate);
         if (!fields) throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
         // The id pairs the certificate with its key: it must be the key's public-key hash.
         const Bytes hash = card::publicKeyHashOf(*fields);

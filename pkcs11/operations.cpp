@@ -2,10 +2,10 @@
 
 #include "base/error.hpp"
 #include "base/public_key_attributes.hpp"
-#include "der/ber_tlv_record.hpp"
 #include "der/digest_info.hpp"
 #include "der/ecdsa_signature.hpp"
 #include "der/object_identifiers.hpp"
+#include "der/reader.hpp"
 #include "platform/key_service/signature_check.hpp"
 
 namespace keyloft::pkcs11 {
@@ -235,12 +235,12 @@ EcdhDerivation::EcdhDerivation(const CK_MECHANISM& mechanism, const TokenObject&
         return;
     }
     // Applications also pass the point as CKA_EC_POINT holds it, inside an OCTET STRING.
-    const auto wrapped = der::parseRecord(given);
-    if (!wrapped || wrapped->tag() != der::tag::octetString ||
-        wrapped->bytes().size() != pointSize || wrapped->bytes()[0] != 0x04) {
+    const auto wrapped = der::readSingleElement(given);
+    if (!wrapped || wrapped->tag != der::tag::octetString || wrapped->content.size() != pointSize ||
+        wrapped->content[0] != 0x04) {
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
     }
-    peerPoint_ = wrapped->bytes();
+    peerPoint_.assign(wrapped->content.begin(), wrapped->content.end());
 }
 
 platform::crypto::SecretBytes EcdhDerivation::derive(

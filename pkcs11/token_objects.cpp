@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
-#include "base/certificate_reader.hpp"
 #include "base/control_characters.hpp"
-
 #include "base/public_key_attributes.hpp"
-#include "der/ber_tlv_record.hpp"
 #include "der/object_identifiers.hpp"
+#include "der/reader.hpp"
+#include "der/record.hpp"
 #include "keys/key_access.hpp"
 #include "pkcs11/mechanisms.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -55,7 +55,7 @@ TokenObject certificateObject(const platform::token_store::CertificateItem& item
     attributes.set(CKA_VALUE, item.certificate);
     attributes.set(CKA_START_DATE, {});
     attributes.set(CKA_END_DATE, {});
-    const auto fields = readCertificate(item.certificate);
+    const auto fields = x509::readCertificate(item.certificate);
     attributes.set(CKA_SUBJECT, fields ? bytesOf(fields->subject()) : Bytes{});
     attributes.set(CKA_ISSUER, fields ? bytesOf(fields->issuer()) : Bytes{});
     attributes.set(CKA_SERIAL_NUMBER, fields ? bytesOf(fields->serialNumber()) : Bytes{});
@@ -68,22 +68,20 @@ struct RsaNumbers {
 };
 
 // Unsigned big-endian, without the sign byte DER may put in front.
-Bytes magnitude(const der::BerTlvRecord& integer) {
-    ByteView bytes(integer.bytes());
+Bytes magnitude(const der::Element& integer) {
+    ByteView bytes = integer.content;
     while (bytes.size() > 1 && bytes[0] == 0) bytes = bytes.subspan(1);
     return {bytes.begin(), bytes.end()};
 }
 
 std::optional<RsaNumbers> rsaNumbers(ByteView rsaPublicKey) {
-    const auto parsed = der::parseRecord(rsaPublicKey);
-    if (!parsed || parsed->tag() != der::tag::sequence) return std::nullopt;
-    const auto numbers = der::parseContents(parsed->bytes());
-    if (!numbers || numbers->size() != 2) return std::nullopt;
-    const auto& modulus = (*numbers)[0];
-    const auto& exponent = (*numbers)[1];
-    if (modulus.tag() != der::tag::integer || exponent.tag() != der::tag::integer)
-        return std::nullopt;
-    return RsaNumbers{magnitude(modulus), magnitude(exponent)};
+    const auto parsed = der::readSingleElement(rsaPublicKey);
+    if (!parsed || parsed->tag != der::tag::sequence) return std::nullopt;
+    der::Cursor numbers(*parsed);
+    const auto modulus = numbers.next(der::tag::integer);
+    const auto exponent = numbers.next(der::tag::integer);
+    if (!modulus || !exponent || !numbers.atEnd()) return std::nullopt;
+    return RsaNumbers{magnitude(*modulus), magnitude(*exponent)};
 }
 
 // Attributes of the public key itself, shared by both key objects; false when the key cannot
@@ -135,7 +133,7 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const card::Id
     AttributeSet keyAttributes;
     CK_KEY_TYPE keyType = 0;
     if (!describeKey(key.publicKey, keyAttributes, keyType)) return;
-    const auto fields = readCertificate(item.certificate);
+    const auto fields = x509::readCertificate(item.certificate);
     const Capabilities can = capabilitiesOf(item, keyType);
     const KeyFacts facts{keyType, static_cast<CK_ULONG>(key.publicKey.sizeInBits),
                          key.publicKeyHash, key.publicKey.externalRepresentation};

@@ -12,7 +12,7 @@
 namespace keyloft::pkcs12_export {
 namespace {
 
-using der::BerTlvRecord;
+using der::Record;
 
 constexpr std::size_t saltSize = 8;
 
@@ -23,17 +23,17 @@ Bytes randomSalt() {
     return salt;
 }
 
-BerTlvRecord explicitContent(BerTlvRecord content) {
+Record explicitContent(Record content) {
     return der::constructedRecord(der::tag::contextConstructed0, {std::move(content)});
 }
 
-BerTlvRecord localKeyIdAttributes(ByteView pubKeyHash) {
+Record localKeyIdAttributes(ByteView pubKeyHash) {
     return der::setRecord(
         {der::sequenceRecord({der::oidRecord(der::oid::localKeyId),
                               der::setRecord({der::octetStringRecord(pubKeyHash)})})});
 }
 
-BerTlvRecord pbeParameters(ByteView oid, ByteView salt, std::uint32_t iterations) {
+Record pbeParameters(ByteView oid, ByteView salt, std::uint32_t iterations) {
     return der::sequenceRecord(
         {der::oidRecord(oid),
          der::sequenceRecord({der::octetStringRecord(salt), der::integerRecord(iterations)})});
@@ -50,7 +50,7 @@ Bytes certificateSafeContents(ByteView certificate, ByteView pubKeyHash) {
     return der::encode(der::sequenceRecord({bag}));
 }
 
-BerTlvRecord encryptedDataContentInfo(ByteView cipher, ByteView salt, std::uint32_t iterations) {
+Record encryptedDataContentInfo(ByteView cipher, ByteView salt, std::uint32_t iterations) {
     const auto encryptedContentInfo = der::sequenceRecord({
         der::oidRecord(der::oid::pkcs7Data),
         pbeParameters(der::oid::pbeWithSHAAnd40BitRC2CBC, salt, iterations),
@@ -61,8 +61,8 @@ BerTlvRecord encryptedDataContentInfo(ByteView cipher, ByteView salt, std::uint3
          explicitContent(der::sequenceRecord({der::integerRecord(0), encryptedContentInfo}))});
 }
 
-BerTlvRecord shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pubKeyHash,
-                                    std::uint32_t iterations) {
+Record shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pubKeyHash,
+                              std::uint32_t iterations) {
     const auto bag = der::sequenceRecord({
         der::oidRecord(der::oid::pkcs8ShroudedKeyBag),
         explicitContent(der::sequenceRecord(
@@ -79,8 +79,8 @@ BerTlvRecord shroudedKeyContentInfo(ByteView cipher, ByteView salt, ByteView pub
 // holds zeros where the secret goes and the secret is copied into the wiped encoding afterwards;
 // publicTail is the size of what follows the secret in the encoding.
 struct KeyPlacement {
-    BerTlvRecord algorithm;
-    BerTlvRecord privateKey;
+    Record algorithm;
+    Record privateKey;
     ByteView secret;
     std::size_t publicTail = 0;
 };

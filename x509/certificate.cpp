@@ -9,7 +9,7 @@
 namespace keyloft::x509 {
 namespace {
 
-using der::BerTlvRecord;
+using der::Record;
 
 // A serial whose first UUID byte is 0x00 before a byte below 0x80 would not be a minimal INTEGER.
 std::array<std::uint8_t, 16> serialFrom(const UuidSource& uuids) {
@@ -19,15 +19,15 @@ std::array<std::uint8_t, 16> serialFrom(const UuidSource& uuids) {
     }
 }
 
-BerTlvRecord extension(ByteView oid, bool critical, const BerTlvRecord& value) {
-    BerTlvRecord::Children children{der::oidRecord(oid)};
+Record extension(ByteView oid, bool critical, const Record& value) {
+    Record::Children children{der::oidRecord(oid)};
     if (critical) children.push_back(der::booleanTrueRecord());
     children.push_back(der::wrapInOctetString(value));
     return der::sequenceRecord(std::move(children));
 }
 
-BerTlvRecord extensions(const X509Certificate& model) {
-    BerTlvRecord::Children list{
+Record extensions(const X509Certificate& model) {
+    Record::Children list{
         extension(der::oid::basicConstraints, true, der::sequenceRecord({})),
         extension(der::oid::subjectKeyIdentifier, false, der::octetStringRecord(model.pubKeyHash)),
         extension(der::oid::keyUsage, true,
@@ -51,7 +51,7 @@ BerTlvRecord extensions(const X509Certificate& model) {
 
 }  // namespace
 
-BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
+Record subjectPublicKeyInfo(const PublicKeyAttributes& publicKey) {
     return der::sequenceRecord({der::publicKeyAlgorithm(publicKey.keyType, publicKey.sizeInBits),
                                 der::bitStringRecord(publicKey.externalRepresentation)});
 }
@@ -68,7 +68,7 @@ X509Certificate X509Certificate::create(const PublicKeyAttributes& publicKey, By
             .keyManagement = keyManagement};
 }
 
-std::optional<BerTlvRecord> signatureAlgorithmIdentifier(ByteView signatureOid) {
+std::optional<Record> signatureAlgorithmIdentifier(ByteView signatureOid) {
     const ByteView ecdsa[] = {der::oid::ecdsaWithSHA224, der::oid::ecdsaWithSHA256,
                               der::oid::ecdsaWithSHA384, der::oid::ecdsaWithSHA512};
     const ByteView rsa[] = {der::oid::sha256WithRSAEncryption, der::oid::sha384WithRSAEncryption,
@@ -80,7 +80,7 @@ std::optional<BerTlvRecord> signatureAlgorithmIdentifier(ByteView signatureOid) 
     return std::nullopt;
 }
 
-BerTlvRecord buildCertificate(const X509Certificate& model, ByteView signatureOid,
+Record buildCertificate(const X509Certificate& model, ByteView signatureOid,
                               const Signer& sign) {
     const auto algorithm = signatureAlgorithmIdentifier(signatureOid);
     if (!algorithm) throw KeyloftError::generic("Unsupported signature OID");

@@ -6,7 +6,7 @@
 
 #include "base/bytes.hpp"
 #include "base/public_key_attributes.hpp"
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 #include "x509/name.hpp"
 #include "x509/validity.hpp"
 
@@ -16,7 +16,7 @@ using UuidSource = std::function<std::array<std::uint8_t, 16>()>;
 using Signer = std::function<Bytes(ByteView toBeSigned)>;
 
 struct X509Certificate {
-    der::BerTlvRecord pubKeyBERTLV;
+    der::Record pubKeyBERTLV;
     Bytes pubKeyHash;
     Name subject;
     Instant validFrom;
@@ -31,14 +31,14 @@ struct X509Certificate {
 };
 
 // SubjectPublicKeyInfo of an EC (256/384/521) or RSA key.
-der::BerTlvRecord subjectPublicKeyInfo(const PublicKeyAttributes& publicKey);
+der::Record subjectPublicKeyInfo(const PublicKeyAttributes& publicKey);
 
 // AlgorithmIdentifier of a signature OID of the table, or nothing.
-std::optional<der::BerTlvRecord> signatureAlgorithmIdentifier(ByteView signatureOid);
+std::optional<der::Record> signatureAlgorithmIdentifier(ByteView signatureOid);
 
 // The signed Certificate, the subject also its issuer; throws "Unsupported signature OID", or what
 // the signer throws.
-der::BerTlvRecord buildCertificate(const X509Certificate& model, ByteView signatureOid,
+der::Record buildCertificate(const X509Certificate& model, ByteView signatureOid,
                                    const Signer& sign);
 
 }  // namespace keyloft::x509

@@ -5,10 +5,10 @@
 namespace keyloft::x509 {
 namespace {
 
-using der::BerTlvRecord;
+using der::Record;
 
 // keyUsage with all nine bits, digitalSignature to decipherOnly.
-BerTlvRecord everyKeyUsage() {
+Record everyKeyUsage() {
     const Bytes bits{0x07, 0xFF, 0x80};
     return der::sequenceRecord(
         {der::oidRecord(der::oid::keyUsage), der::booleanTrueRecord(),
@@ -17,7 +17,7 @@ BerTlvRecord everyKeyUsage() {
 
 }  // namespace
 
-BerTlvRecord buildCertificationRequest(const Name& subject, const PublicKeyAttributes& publicKey,
+Record buildCertificationRequest(const Name& subject, const PublicKeyAttributes& publicKey,
                                        const Signer& sign) {
     const auto extensionRequest =
         der::sequenceRecord({der::oidRecord(der::oid::extensionRequest),

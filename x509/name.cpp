@@ -8,7 +8,7 @@
 namespace keyloft::x509 {
 namespace {
 
-using der::BerTlvRecord;
+using der::Record;
 
 struct Part {
     std::optional<std::string> Name::*field;
@@ -32,7 +32,7 @@ bool isPrintableString(std::string_view text) {
     });
 }
 
-BerTlvRecord requestValue(const Part& part, const std::string& text) {
+Record requestValue(const Part& part, const std::string& text) {
     if (part.field == &Name::email) return der::asciiStringRecord(der::tag::ia5String, text);
     // Authorities expect a PrintableString country; other text keeps every character.
     if (part.field == &Name::country && isPrintableString(text))
@@ -41,8 +41,8 @@ BerTlvRecord requestValue(const Part& part, const std::string& text) {
 }
 
 template <class Value>
-BerTlvRecord nameRecord(const Name& name, std::initializer_list<Part> order, Value value) {
-    BerTlvRecord::Children rdns;
+Record nameRecord(const Name& name, std::initializer_list<Part> order, Value value) {
+    Record::Children rdns;
     for (const auto& part : order) {
         const auto& text = name.*part.field;
         if (!text) continue;
@@ -54,7 +54,7 @@ BerTlvRecord nameRecord(const Name& name, std::initializer_list<Part> order, Val
 
 }  // namespace
 
-BerTlvRecord certificateName(const Name& name) {
+Record certificateName(const Name& name) {
     return nameRecord(
         name,
         {country, stateOrProvince, locality, organization, organizationalUnit, commonName, email},
@@ -63,7 +63,7 @@ BerTlvRecord certificateName(const Name& name) {
         });
 }
 
-BerTlvRecord requestName(const Name& name) {
+Record requestName(const Name& name) {
     return nameRecord(
         name,
         {commonName, email, organizationalUnit, organization, locality, stateOrProvince, country},

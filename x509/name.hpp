@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 namespace keyloft::x509 {
 
@@ -22,11 +22,11 @@ struct Name {
 
 // The name as the card's self-signed certificates carry it: one RDN per present part, in the order
 // C, ST, L, O, OU, CN, E, every value an IA5String (a character outside ASCII becomes '?').
-der::BerTlvRecord certificateName(const Name& name);
+der::Record certificateName(const Name& name);
 
 // The name as certification requests carry it: one RDN per present part, in the order CN, E, OU,
 // O, L, ST, C. The e-mail address is an IA5String, the country a PrintableString when its text
 // fits that set, and every other value a UTF8String holding the text unchanged.
-der::BerTlvRecord requestName(const Name& name);
+der::Record requestName(const Name& name);
 
 }  // namespace keyloft::x509

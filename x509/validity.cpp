@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <optional>
 #include <string>
 
 #include "base/error.hpp"
@@ -55,7 +56,7 @@ std::chrono::seconds validityDays(std::string_view daysText) {
     return std::chrono::seconds(*days * secondsPerDay);
 }
 
-der::BerTlvRecord utcTimeRecord(Instant instant) {
+der::Record utcTimeRecord(Instant instant) {
     using namespace std::chrono;
     const auto seconds = floor<std::chrono::seconds>(instant);
     const auto day = floor<days>(seconds);

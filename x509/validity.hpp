@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string_view>
 
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 namespace keyloft::x509 {
 
@@ -25,6 +25,6 @@ std::chrono::seconds validityDays(std::string_view daysText);
 
 // UTCTime YYMMDDHHMMSSZ in UTC, fractions dropped; instants from 2050 on (and before 1950) are
 // written as GeneralizedTime YYYYMMDDHHMMSSZ, since a two-digit "50" reads as 1950.
-der::BerTlvRecord utcTimeRecord(Instant instant);
+der::Record utcTimeRecord(Instant instant);
 
 }  // namespace keyloft::x509

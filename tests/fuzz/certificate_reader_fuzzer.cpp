@@ -1,8 +1,9 @@
 // Any bytes read as a certificate give a view or nothing, with every view inside the input. Where
 // OpenSSL also reads the bytes as one certificate, the view gives OpenSSL's common name, validity
 // and public key; and where, besides, every header is DER, the reader reads it too and gives
-// OpenSSL's e-mail addresses. (OpenSSL also takes BER and some headers that are neither, such as a
-// SEQUENCE OF with a primitive tag, which the reader refuses.)
+// OpenSSL's e-mail addresses. (OpenSSL also takes BER, such as lengths written longer than needed,
+// and some headers that are neither, such as a SEQUENCE OF with a primitive tag, which the reader
+// refuses.)
 
 #include <openssl/evp.h>
 #include <openssl/x509.h>
@@ -14,14 +15,14 @@
 #include <ctime>
 #include <memory>
 
-#include "base/certificate_reader.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace {
 
 using keyloft::Bytes;
 using keyloft::ByteView;
-using keyloft::CertificateView;
 using keyloft::PublicKeyAttributes;
+using keyloft::x509::CertificateView;
 using Fields = std::array<int, 6>;
 
 void check(bool condition) {
@@ -45,9 +46,11 @@ bool headersAreDer(ByteView bytes, int depth, bool inOctetString) {
         std::size_t header = 2;
         if (length & 0x80U) {
             const std::size_t count = length & 0x7FU;
-            if (count == 0 || count > 4 || bytes.size() < 2 + count) return inOctetString;
+            if (count == 0 || count > 4 || bytes.size() < 2 + count || bytes[2] == 0)
+                return inOctetString;
             length = 0;
             for (std::size_t i = 0; i < count; ++i) length = (length << 8U) | bytes[2 + i];
+            if (length < 0x80) return inOctetString;
             header += count;
         }
         if ((tag & 0x1F) == 0x1F || length > bytes.size() - header) return inOctetString;
@@ -184,7 +187,7 @@ void compareWithOpenSsl(const CertificateView& view, X509* x509, bool headersDer
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const ByteView input(data, size);
-    const auto view = keyloft::readCertificate(input);
+    const auto view = keyloft::x509::readCertificate(input);
     if (view) {
         for (const ByteView part : {view->serialNumber(), view->issuer(), view->subject(),
                                     view->subjectPublicKeyInfo(), view->subjectPublicKey()}) {

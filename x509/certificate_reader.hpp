@@ -8,7 +8,7 @@
 #include "base/bytes.hpp"
 #include "base/public_key_attributes.hpp"
 
-namespace keyloft {
+namespace keyloft::x509 {
 
 // An X.509 certificate read in place from its DER, giving what the listing, the PKCS#11 module
 // and the key service look up, with the answers OpenSSL gives for the same certificate. Its views
@@ -47,7 +47,7 @@ class CertificateView {
     bool isValidAt(std::chrono::system_clock::time_point instant) const;
 
   private:
-    friend std::optional<CertificateView> readCertificate(ByteView der);
+    friend std::optional<CertificateView> readCertificate(ByteView encoded);
     CertificateView() = default;
 
     ByteView serialNumber_;
@@ -63,6 +63,6 @@ class CertificateView {
 };
 
 // Nothing when the bytes are not exactly one DER certificate.
-std::optional<CertificateView> readCertificate(ByteView der);
+std::optional<CertificateView> readCertificate(ByteView encoded);
 
-}  // namespace keyloft
+}  // namespace keyloft::x509

@@ -1,4 +1,4 @@
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 namespace keyloft::der {
 namespace {
@@ -18,7 +18,7 @@ void appendLength(Bytes& out, std::size_t length) {
     out.insert(out.end(), digits.begin(), digits.end());
 }
 
-void encodeInto(Bytes& out, const BerTlvRecord& record) {
+void encodeInto(Bytes& out, const Record& record) {
     out.push_back(record.tag());
     if (!record.isConstructed()) {
         appendLength(out, record.bytes().size());
@@ -31,64 +31,40 @@ void encodeInto(Bytes& out, const BerTlvRecord& record) {
     out.insert(out.end(), content.begin(), content.end());
 }
 
-struct Cursor {
-    ByteView bytes;
-    std::size_t position = 0;
-};
-
-std::optional<BerTlvRecord> parseOne(Cursor& cursor) {
-    const auto& bytes = cursor.bytes;
-    if (cursor.position + 2 > bytes.size()) return std::nullopt;
-    const std::uint8_t tag = bytes[cursor.position++];
-    std::size_t length = bytes[cursor.position++];
-    if (length & 0x80U) {
-        const std::size_t count = length & 0x7FU;
-        if (count == 0 || count > sizeof(std::size_t) || cursor.position + count > bytes.size())
-            return std::nullopt;
-        length = 0;
-        for (std::size_t i = 0; i < count; ++i) length = (length << 8U) | bytes[cursor.position++];
-    }
-    if (length > bytes.size() - cursor.position) return std::nullopt;
-    const auto content = bytes.subspan(cursor.position, length);
-    cursor.position += length;
-    return primitiveRecord(tag, content);
-}
-
 }  // namespace
 
-const Bytes& BerTlvRecord::bytes() const {
+const Bytes& Record::bytes() const {
     static const Bytes none;
     const auto* content = std::get_if<Bytes>(&node_->content);
     return content != nullptr ? *content : none;
 }
 
-const BerTlvRecord::Children& BerTlvRecord::children() const {
+const Record::Children& Record::children() const {
     static const Children none;
     const auto* content = std::get_if<Children>(&node_->content);
     return content != nullptr ? *content : none;
 }
 
-bool BerTlvRecord::operator==(const BerTlvRecord& other) const {
+bool Record::operator==(const Record& other) const {
     return encode(*this) == encode(other);
 }
 
-BerTlvRecord primitiveRecord(std::uint8_t tag, ByteView content) {
-    return BerTlvRecord(std::make_shared<const BerTlvRecord::Node>(
-        BerTlvRecord::Node{tag, Bytes(content.begin(), content.end())}));
+Record primitiveRecord(std::uint8_t tag, ByteView content) {
+    return Record(std::make_shared<const Record::Node>(
+        Record::Node{tag, Bytes(content.begin(), content.end())}));
 }
 
-BerTlvRecord constructedRecord(std::uint8_t tag, BerTlvRecord::Children children) {
-    return BerTlvRecord(
-        std::make_shared<const BerTlvRecord::Node>(BerTlvRecord::Node{tag, std::move(children)}));
+Record constructedRecord(std::uint8_t tag, Record::Children children) {
+    return Record(std::make_shared<const Record::Node>(Record::Node{tag, std::move(children)}));
 }
 
-Bytes encode(const BerTlvRecord& record) {
+Bytes encode(const Record& record) {
     Bytes out;
     encodeInto(out, record);
     return out;
 }
 
-BerTlvRecord integerRecord(std::int64_t value) {
+Record integerRecord(std::int64_t value) {
     Bytes content;
     for (int shift = 56; shift >= 0; shift -= 8) {
         content.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(value) >>
@@ -102,20 +78,20 @@ BerTlvRecord integerRecord(std::int64_t value) {
     return primitiveRecord(tag::integer, ByteView(content).subspan(start));
 }
 
-BerTlvRecord unsignedIntegerRecord(ByteView magnitude) {
+Record unsignedIntegerRecord(ByteView magnitude) {
     Bytes content;
     if (!magnitude.empty() && magnitude[0] >= 0x80) content.push_back(0x00);
     content.insert(content.end(), magnitude.begin(), magnitude.end());
     return primitiveRecord(tag::integer, content);
 }
 
-BerTlvRecord bitStringRecord(ByteView bytes) {
+Record bitStringRecord(ByteView bytes) {
     Bytes content{0x00};
     content.insert(content.end(), bytes.begin(), bytes.end());
     return primitiveRecord(tag::bitString, content);
 }
 
-BerTlvRecord namedBitsRecord(std::uint8_t mask) {
+Record namedBitsRecord(std::uint8_t mask) {
     unsigned count = 0;  // 1 + the number of the highest set bit
     for (unsigned bit = 0; bit < 8; ++bit) {
         if (mask & (1U << bit)) count = bit + 1;
@@ -129,11 +105,11 @@ BerTlvRecord namedBitsRecord(std::uint8_t mask) {
     return primitiveRecord(tag::bitString, content);
 }
 
-BerTlvRecord octetStringRecord(ByteView bytes) {
+Record octetStringRecord(ByteView bytes) {
     return primitiveRecord(tag::octetString, bytes);
 }
 
-BerTlvRecord asciiStringRecord(std::uint8_t tag, std::string_view text) {
+Record asciiStringRecord(std::uint8_t tag, std::string_view text) {
     Bytes content;
     content.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -148,38 +124,19 @@ BerTlvRecord asciiStringRecord(std::uint8_t tag, std::string_view text) {
     return primitiveRecord(tag, content);
 }
 
-BerTlvRecord wrapInOctetString(const BerTlvRecord& record) {
+Record wrapInOctetString(const Record& record) {
     return octetStringRecord(encode(record));
 }
 
-const BerTlvRecord& nullRecord() {
-    static const BerTlvRecord record = primitiveRecord(tag::null, {});
+const Record& nullRecord() {
+    static const Record record = primitiveRecord(tag::null, {});
     return record;
 }
 
-const BerTlvRecord& booleanTrueRecord() {
+const Record& booleanTrueRecord() {
     static const std::uint8_t trueByte = 0xFF;
-    static const BerTlvRecord record = primitiveRecord(tag::boolean, ByteView(&trueByte, 1));
+    static const Record record = primitiveRecord(tag::boolean, ByteView(&trueByte, 1));
     return record;
-}
-
-std::optional<BerTlvRecord> parseRecord(ByteView bytes) {
-    Cursor cursor{bytes};
-    auto record = parseOne(cursor);
-    // Only bytes that are exactly one record form a record.
-    if (!record || cursor.position != bytes.size()) return std::nullopt;
-    return record;
-}
-
-std::optional<BerTlvRecord::Children> parseContents(ByteView content) {
-    Cursor cursor{content};
-    BerTlvRecord::Children children;
-    while (cursor.position < content.size()) {
-        auto record = parseOne(cursor);
-        if (!record) return std::nullopt;
-        children.push_back(std::move(*record));
-    }
-    return children;
 }
 
 }  // namespace keyloft::der

@@ -1,31 +1,37 @@
-#include "base/der_reader.hpp"
+#include "der/reader.hpp"
 
-namespace keyloft::der_reader {
+namespace keyloft::der {
 namespace {
 
 constexpr std::size_t maxLengthBytes = 4;
 
-}  // namespace
-
-std::optional<Element> readElement(ByteView bytes) {
-    if (bytes.size() < 2) return std::nullopt;
+std::optional<Element> readElementAt(ByteView bytes, std::size_t depth) {
+    if (depth > maxDepth || bytes.size() < 2) return std::nullopt;
     const std::uint8_t tagByte = bytes[0];
     if ((tagByte & tag::numberBits) == tag::numberBits) return std::nullopt;
     std::size_t length = bytes[1];
     std::size_t header = 2;
     if (length & 0x80U) {
-        // Long lengths that a shorter form could hold (0x81 0x05, 0x82 0x00 0x90) are read as
-        // their value: certificates written that way are still read by OpenSSL, and refusing
-        // them would drop identities the tool has always listed. 0x80 (indefinite) is refused.
+        // 0x80 (indefinite) is refused, and so is a long form a shorter one could hold: a leading
+        // zero byte, or one byte below 0x80.
         const std::size_t count = length & 0x7FU;
-        if (count == 0 || count > maxLengthBytes || bytes.size() < header + count)
+        if (count == 0 || count > maxLengthBytes || bytes.size() < header + count ||
+            bytes[header] == 0) {
             return std::nullopt;
+        }
         length = 0;
         for (std::size_t i = 0; i < count; ++i) length = (length << 8U) | bytes[header + i];
+        if (length < 0x80) return std::nullopt;
         header += count;
     }
     if (length > bytes.size() - header) return std::nullopt;
-    return Element{tagByte, bytes.subspan(header, length), bytes.first(header + length)};
+    return Element{tagByte, bytes.subspan(header, length), bytes.first(header + length), depth};
+}
+
+}  // namespace
+
+std::optional<Element> readElement(ByteView bytes) {
+    return readElementAt(bytes, 0);
 }
 
 std::optional<Element> readSingleElement(ByteView bytes) {
@@ -35,7 +41,8 @@ std::optional<Element> readSingleElement(ByteView bytes) {
 }
 
 std::optional<Element> Cursor::next() {
-    auto element = readElement(rest_);
+    if (refused_) return std::nullopt;
+    auto element = readElementAt(rest_, depth_);
     if (element) rest_ = rest_.subspan(element->encoding.size());
     return element;
 }
@@ -43,6 +50,13 @@ std::optional<Element> Cursor::next() {
 std::optional<Element> Cursor::next(std::uint8_t wanted) {
     if (rest_.empty() || rest_[0] != wanted) return std::nullopt;
     return next();
+}
+
+std::optional<Element> readInnerElement(const Element& parent) {
+    Cursor inside(parent);
+    auto element = inside.next();
+    if (!element || !inside.atEnd()) return std::nullopt;
+    return element;
 }
 
 bool isMinimalInteger(ByteView content) {
@@ -66,4 +80,4 @@ bool isBitString(ByteView content) {
     return !content.empty() && content[0] <= 7;
 }
 
-}  // namespace keyloft::der_reader
+}  // namespace keyloft::der

@@ -1,18 +1,17 @@
-#include "base/certificate_reader.hpp"
+#include "x509/certificate_reader.hpp"
 
 #include <algorithm>
 #include <array>
 #include <bit>
 
-#include "base/der_reader.hpp"
 #include "base/utf8.hpp"
+#include "der/reader.hpp"
 
-namespace keyloft {
+namespace keyloft::x509 {
 namespace {
 
-namespace dr = der_reader;
-using dr::Cursor;
-using dr::Element;
+using der::Cursor;
+using der::Element;
 
 constexpr std::array<std::uint8_t, 3> commonNameOid{0x55, 0x04, 0x03};
 constexpr std::array<std::uint8_t, 9> emailAddressOid{0x2A, 0x86, 0x48, 0x86, 0xF7,
@@ -46,7 +45,7 @@ bool equals(ByteView bytes, const std::array<std::uint8_t, n>& expected) {
 }
 
 bool isUniversal(std::uint8_t tagByte) {
-    return (tagByte & dr::tag::classBits) == universalClass;
+    return (tagByte & der::tag::classBits) == universalClass;
 }
 
 // ---- Text ----------------------------------------------------------------------------------
@@ -113,8 +112,8 @@ bool forEachCharacter(std::uint8_t tagByte, ByteView content, Emit&& emit) {
         case printableString:
         case teletexString:
         case ia5String:
-        case dr::tag::utcTime:
-        case dr::tag::generalizedTime:
+        case der::tag::utcTime:
+        case der::tag::generalizedTime:
         case visibleString:
             for (const std::uint8_t c : content) emit(c);
             return true;
@@ -144,33 +143,33 @@ std::optional<std::string> textOf(std::uint8_t tagByte, ByteView content) {
 //
 // The checks below refuse what OpenSSL's certificate parser refuses in a DER certificate, so that
 // a certificate reads here exactly when it reads there. Forms that are not DER are refused here
-// although OpenSSL takes them: indefinite lengths, constructed strings, and a SEQUENCE OF or SET OF
-// written with a primitive tag.
+// although OpenSSL takes them: indefinite lengths, lengths written longer than needed, constructed
+// strings, and a SEQUENCE OF or SET OF written with a primitive tag.
 
 // A value of a type that OpenSSL decodes by its tag (ANY): the primitive types it checks must
 // hold their content rules.
 bool isAnyValue(const Element& element) {
     if (!isUniversal(element.tag)) return true;
-    const auto number = static_cast<std::uint8_t>(element.tag & dr::tag::numberBits);
-    const bool constructed = (element.tag & dr::tag::constructedBit) != 0;
-    if (number == (dr::tag::sequence & dr::tag::numberBits) ||
-        number == (dr::tag::set & dr::tag::numberBits)) {
+    const auto number = static_cast<std::uint8_t>(element.tag & der::tag::numberBits);
+    const bool constructed = (element.tag & der::tag::constructedBit) != 0;
+    if (number == (der::tag::sequence & der::tag::numberBits) ||
+        number == (der::tag::set & der::tag::numberBits)) {
         return constructed;
     }
     if (constructed) return false;
     const auto& content = element.content;
     switch (element.tag) {
-        case dr::tag::boolean:
+        case der::tag::boolean:
             return content.size() == 1;
-        case dr::tag::integer:
+        case der::tag::integer:
         case 0x0A:  // ENUMERATED
-            return dr::isMinimalInteger(content);
-        case dr::tag::bitString:
-            return dr::isBitString(content);
-        case dr::tag::null:
+            return der::isMinimalInteger(content);
+        case der::tag::bitString:
+            return der::isBitString(content);
+        case der::tag::null:
             return content.empty();
-        case dr::tag::objectIdentifier:
-            return dr::isObjectIdentifier(content);
+        case der::tag::objectIdentifier:
+            return der::isObjectIdentifier(content);
         case universalString:
             return content.size() % 4 == 0;
         case bmpString:
@@ -184,10 +183,10 @@ bool isAnyValue(const Element& element) {
 // compares names by, convertible to text.
 bool isNameValue(const Element& value) {
     switch (value.tag) {
-        case dr::tag::sequence:
+        case der::tag::sequence:
             return true;
-        case dr::tag::bitString:
-            return dr::isBitString(value.content);
+        case der::tag::bitString:
+            return der::isBitString(value.content);
         case 0x07:  // ObjectDescriptor
         case 0x08:  // EXTERNAL
         case 0x09:  // REAL
@@ -214,15 +213,15 @@ bool isNameValue(const Element& value) {
 // malformed or visit returns false.
 template <class Visit>
 bool forEachAttribute(const Element& name, Visit&& visit) {
-    if (name.tag != dr::tag::sequence) return false;
+    if (name.tag != der::tag::sequence) return false;
     Cursor names(name);
-    while (auto relative = names.next(dr::tag::set)) {
+    while (auto relative = names.next(der::tag::set)) {
         Cursor attributes(*relative);
-        while (auto attribute = attributes.next(dr::tag::sequence)) {
+        while (auto attribute = attributes.next(der::tag::sequence)) {
             Cursor parts(*attribute);
-            const auto type = parts.next(dr::tag::objectIdentifier);
+            const auto type = parts.next(der::tag::objectIdentifier);
             const auto value = parts.next();
-            if (!type || !value || !parts.atEnd() || !dr::isObjectIdentifier(type->content))
+            if (!type || !value || !parts.atEnd() || !der::isObjectIdentifier(type->content))
                 return false;
             if (!visit(type->content, *value)) return false;
         }
@@ -237,47 +236,42 @@ bool isName(const Element& name) {
 }
 
 bool isAlgorithmIdentifier(const std::optional<Element>& element) {
-    if (!element || element->tag != dr::tag::sequence) return false;
+    if (!element || element->tag != der::tag::sequence) return false;
     Cursor parts(*element);
-    const auto algorithm = parts.next(dr::tag::objectIdentifier);
-    if (!algorithm || !dr::isObjectIdentifier(algorithm->content)) return false;
+    const auto algorithm = parts.next(der::tag::objectIdentifier);
+    if (!algorithm || !der::isObjectIdentifier(algorithm->content)) return false;
     if (parts.atEnd()) return true;
     const auto parameters = parts.next();
     return parameters && isAnyValue(*parameters) && parts.atEnd();
 }
 
 bool isInteger(const std::optional<Element>& element) {
-    return element && element->tag == dr::tag::integer && dr::isMinimalInteger(element->content);
+    return element && element->tag == der::tag::integer && der::isMinimalInteger(element->content);
 }
 
 bool isBitString(const std::optional<Element>& element) {
-    return element && element->tag == dr::tag::bitString && dr::isBitString(element->content);
+    return element && element->tag == der::tag::bitString && der::isBitString(element->content);
 }
 
 bool isTime(const std::optional<Element>& element) {
     return element &&
-           (element->tag == dr::tag::utcTime || element->tag == dr::tag::generalizedTime);
-}
-
-// The element wrapped by an explicit tag, which it must fill.
-std::optional<Element> explicitContent(const Element& wrapper) {
-    return dr::readSingleElement(wrapper.content);
+           (element->tag == der::tag::utcTime || element->tag == der::tag::generalizedTime);
 }
 
 // Reads the extensions, keeping the subject alternative names; false when malformed.
 bool readExtensions(const Element& wrapper, ByteView& alternativeNames) {
-    const auto extensions = explicitContent(wrapper);
-    if (!extensions || extensions->tag != dr::tag::sequence) return false;
+    const auto extensions = der::readInnerElement(wrapper);
+    if (!extensions || extensions->tag != der::tag::sequence) return false;
     bool seenAlternativeNames = false;
     Cursor list(*extensions);
-    while (auto extension = list.next(dr::tag::sequence)) {
+    while (auto extension = list.next(der::tag::sequence)) {
         Cursor parts(*extension);
-        const auto type = parts.next(dr::tag::objectIdentifier);
-        if (!type || !dr::isObjectIdentifier(type->content)) return false;
-        if (const auto critical = parts.next(dr::tag::boolean); critical) {
+        const auto type = parts.next(der::tag::objectIdentifier);
+        if (!type || !der::isObjectIdentifier(type->content)) return false;
+        if (const auto critical = parts.next(der::tag::boolean); critical) {
             if (critical->content.size() != 1) return false;
         }
-        const auto value = parts.next(dr::tag::octetString);
+        const auto value = parts.next(der::tag::octetString);
         if (!value || !parts.atEnd()) return false;
         if (equals(type->content, subjectAltNameOid)) {
             // OpenSSL answers no names at all when the extension occurs twice.
@@ -305,8 +299,8 @@ bool isDigit(std::uint8_t c) {
 // them: every field in range, seconds 59 at most, fractions dropped.
 std::optional<CertificateView::TimePoint> timeOf(std::uint8_t tagByte, ByteView text) {
     using namespace std::chrono;
-    const bool generalized = tagByte == dr::tag::generalizedTime;
-    if (!generalized && tagByte != dr::tag::utcTime) return std::nullopt;
+    const bool generalized = tagByte == der::tag::generalizedTime;
+    if (!generalized && tagByte != der::tag::utcTime) return std::nullopt;
     // Two-digit fields, numbered as for GeneralizedTime; UTCTime starts at the year.
     enum Field { century, yearInCentury, month, day, hour, minute, second };
     static constexpr std::array<int, 7> lowest{0, 0, 1, 1, 0, 0, 0};
@@ -372,7 +366,7 @@ std::optional<CertificateView::TimePoint> timeOf(std::uint8_t tagByte, ByteView 
 
 // A DirectoryString inside an explicit tag, as in ediPartyName.
 bool isExplicitDirectoryString(const Element& wrapper) {
-    const auto value = explicitContent(wrapper);
+    const auto value = der::readInnerElement(wrapper);
     if (!value) return false;
     switch (value->tag) {
         case printableString:
@@ -391,11 +385,11 @@ bool isGeneralName(const Element& name) {
     switch (name.tag) {
         case 0xA0: {  // otherName: type-id, [0] EXPLICIT value
             Cursor parts(name);
-            const auto type = parts.next(dr::tag::objectIdentifier);
+            const auto type = parts.next(der::tag::objectIdentifier);
             const auto wrapper = parts.next(0xA0);
-            if (!type || !dr::isObjectIdentifier(type->content) || !wrapper || !parts.atEnd())
+            if (!type || !der::isObjectIdentifier(type->content) || !wrapper || !parts.atEnd())
                 return false;
-            const auto value = explicitContent(*wrapper);
+            const auto value = der::readInnerElement(*wrapper);
             return value && isAnyValue(*value);
         }
         case rfc822NameTag:
@@ -405,7 +399,7 @@ bool isGeneralName(const Element& name) {
         case 0x87:  // iPAddress
             return true;
         case 0xA4: {  // directoryName
-            const auto directory = explicitContent(name);
+            const auto directory = der::readInnerElement(name);
             return directory && isName(*directory);
         }
         case 0xA5: {  // ediPartyName: [0] nameAssigner OPTIONAL, [1] partyName
@@ -416,7 +410,7 @@ bool isGeneralName(const Element& name) {
                    isExplicitDirectoryString(*party) && parts.atEnd();
         }
         case 0x88:  // registeredID
-            return dr::isObjectIdentifier(name.content);
+            return der::isObjectIdentifier(name.content);
         default:
             return false;
     }
@@ -425,8 +419,8 @@ bool isGeneralName(const Element& name) {
 // The rfc822Name texts of the extension value, or none when a name in it is unreadable. Bytes
 // after the GeneralNames are ignored, as OpenSSL ignores them.
 std::vector<std::string> alternativeEmails(ByteView extensionValue) {
-    const auto names = dr::readElement(extensionValue);
-    if (!names || names->tag != dr::tag::sequence) return {};
+    const auto names = der::readElement(extensionValue);
+    if (!names || names->tag != der::tag::sequence) return {};
     std::vector<std::string> emails;
     Cursor list(*names);
     while (auto name = list.next()) {
@@ -448,9 +442,9 @@ int ecSizeOf(ByteView curve) {
 
 // Bits of the modulus of a DER RSAPublicKey; 0 when there is none.
 int rsaSizeOf(ByteView key) {
-    const auto outer = dr::readElement(key);
-    if (!outer || outer->tag != dr::tag::sequence) return 0;
-    const auto modulus = Cursor(*outer).next(dr::tag::integer);
+    const auto outer = der::readElement(key);
+    if (!outer || outer->tag != der::tag::sequence) return 0;
+    const auto modulus = Cursor(*outer).next(der::tag::integer);
     if (!modulus) return 0;
     auto digits = modulus->content;
     while (!digits.empty() && digits[0] == 0) digits = digits.subspan(1);
@@ -461,11 +455,11 @@ int rsaSizeOf(ByteView key) {
 
 }  // namespace
 
-std::optional<CertificateView> readCertificate(ByteView der) {
-    const auto certificate = dr::readSingleElement(der);
-    if (!certificate || certificate->tag != dr::tag::sequence) return std::nullopt;
+std::optional<CertificateView> readCertificate(ByteView encoded) {
+    const auto certificate = der::readSingleElement(encoded);
+    if (!certificate || certificate->tag != der::tag::sequence) return std::nullopt;
     Cursor outer(*certificate);
-    const auto tbs = outer.next(dr::tag::sequence);
+    const auto tbs = outer.next(der::tag::sequence);
     if (!tbs || !isAlgorithmIdentifier(outer.next()) || !isBitString(outer.next()) ||
         !outer.atEnd()) {
         return std::nullopt;
@@ -473,14 +467,14 @@ std::optional<CertificateView> readCertificate(ByteView der) {
 
     Cursor fields(*tbs);
     if (const auto version = fields.next(0xA0); version) {
-        if (!isInteger(explicitContent(*version))) return std::nullopt;
+        if (!isInteger(der::readInnerElement(*version))) return std::nullopt;
     }
     const auto serial = fields.next();
     const bool signatureRead = isAlgorithmIdentifier(fields.next());
     const auto issuer = fields.next();
-    const auto validity = fields.next(dr::tag::sequence);
+    const auto validity = fields.next(der::tag::sequence);
     const auto subject = fields.next();
-    const auto publicKeyInfo = fields.next(dr::tag::sequence);
+    const auto publicKeyInfo = fields.next(der::tag::sequence);
     if (!isInteger(serial) || !signatureRead || !issuer || !isName(*issuer) || !validity ||
         !subject || !isName(*subject) || !publicKeyInfo) {
         return std::nullopt;
@@ -496,10 +490,10 @@ std::optional<CertificateView> readCertificate(ByteView der) {
     const auto keyBits = keyParts.next();
     if (!keyAlgorithmRead || !isBitString(keyBits) || !keyParts.atEnd()) return std::nullopt;
 
-    if (const auto issuerId = fields.next(0x81); issuerId && !dr::isBitString(issuerId->content))
+    if (const auto issuerId = fields.next(0x81); issuerId && !der::isBitString(issuerId->content))
         return std::nullopt;
     if (const auto subjectId = fields.next(0x82);
-        subjectId && !dr::isBitString(subjectId->content)) {
+        subjectId && !der::isBitString(subjectId->content)) {
         return std::nullopt;
     }
     ByteView alternativeNames;
@@ -524,7 +518,7 @@ std::optional<CertificateView> readCertificate(ByteView der) {
 }
 
 std::optional<PublicKeyAttributes> CertificateView::publicKey() const {
-    Cursor parts(*dr::readElement(subjectPublicKeyInfo_));
+    Cursor parts(*der::readElement(subjectPublicKeyInfo_));
     const auto algorithm = parts.next();
     const auto bits = parts.next();
     if (!algorithm || !bits || bits->content.empty() || bits->content[0] != 0) return std::nullopt;
@@ -534,7 +528,7 @@ std::optional<PublicKeyAttributes> CertificateView::publicKey() const {
     const ByteView key = bits->content.subspan(1);
     if (!type) return std::nullopt;
     if (equals(type->content, ecPublicKeyOid) && parameters &&
-        parameters->tag == dr::tag::objectIdentifier) {
+        parameters->tag == der::tag::objectIdentifier) {
         const int size = ecSizeOf(parameters->content);
         if (size == 0 || key.size() != 1 + 2 * static_cast<std::size_t>((size + 7) / 8) ||
             key[0] != 0x04) {
@@ -552,7 +546,7 @@ std::optional<PublicKeyAttributes> CertificateView::publicKey() const {
 
 std::optional<std::string> CertificateView::commonName() const {
     std::optional<std::string> name;
-    forEachAttribute(*dr::readElement(subject_), [&](ByteView type, const Element& value) {
+    forEachAttribute(*der::readElement(subject_), [&](ByteView type, const Element& value) {
         if (!equals(type, commonNameOid)) return true;
         name = textOf(value.tag, value.content).value_or(std::string());
         return false;
@@ -562,7 +556,7 @@ std::optional<std::string> CertificateView::commonName() const {
 
 std::vector<std::string> CertificateView::emailAddresses() const {
     std::vector<std::string> addresses;
-    forEachAttribute(*dr::readElement(subject_), [&](ByteView type, const Element& value) {
+    forEachAttribute(*der::readElement(subject_), [&](ByteView type, const Element& value) {
         if (equals(type, emailAddressOid))
             addresses.push_back(textOf(value.tag, value.content).value_or(std::string()));
         return true;
@@ -590,4 +584,4 @@ bool CertificateView::isValidAt(std::chrono::system_clock::time_point instant) c
            std::chrono::ceil<seconds>(instant) <= *to;
 }
 
-}  // namespace keyloft
+}  // namespace keyloft::x509

@@ -1,8 +1,6 @@
-#include "der/ber_tlv_record.hpp"
+#include "der/record.hpp"
 
 #include <gtest/gtest.h>
-
-#include <random>
 
 #include "der/object_identifiers.hpp"
 
@@ -11,7 +9,7 @@ namespace {
 
 struct Case {
     const char* name;
-    BerTlvRecord record;
+    Record record;
     Bytes expected;
 };
 
@@ -77,50 +75,6 @@ TEST(Lengths, UseTheShortestDefiniteForm) {
     }
     const Bytes bits = encode(bitStringRecord(Bytes(65, 0x04)));
     EXPECT_EQ(Bytes(bits.begin(), bits.begin() + 3), (Bytes{0x03, 0x42, 0x00}));
-}
-
-TEST(Parse, AcceptsExactlyOneCompleteRecord) {
-    const Bytes good = encode(sequenceRecord({integerRecord(5), octetStringRecord(Bytes(200, 1))}));
-    const auto parsed = parseRecord(good);
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(parsed->tag(), 0x30);
-    EXPECT_EQ(encode(*parsed), good);
-
-    Bytes trailing = good;
-    trailing.push_back(0);
-    EXPECT_FALSE(parseRecord(trailing));
-    EXPECT_FALSE(parseRecord(ByteView(good).first(good.size() - 1)));
-    EXPECT_FALSE(parseRecord(Bytes{0x04}));
-    EXPECT_FALSE(parseRecord(Bytes{0x04, 0x80}));
-    EXPECT_FALSE(parseRecord(Bytes{0x04, 0x89, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-    // An uncompressed EC point starts with the OCTET STRING tag but is not a record.
-    Bytes point(65, 0x11);
-    point[0] = 0x04;
-    EXPECT_FALSE(parseRecord(point));
-}
-
-TEST(Parse, ArbitraryBytesNeverReadPastTheInput) {
-    std::mt19937 random(1234);
-    for (int round = 0; round < 20000; ++round) {
-        Bytes bytes(random() % 12);
-        for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
-        // Steer a share of the inputs towards long-form and exactly fitting short-form lengths.
-        if (bytes.size() >= 2 && round % 3 == 0)
-            bytes[1] = static_cast<std::uint8_t>(0x80 | (random() % 4));
-        if (bytes.size() >= 2 && round % 3 == 1)
-            bytes[1] = static_cast<std::uint8_t>(bytes.size() - 2);
-        // A record fills the input, so its content is the input's tail.
-        const auto record = parseRecord(bytes);
-        if (round % 3 == 1 && bytes.size() >= 2) {
-            EXPECT_TRUE(record);
-        }
-        if (record) {
-            EXPECT_EQ(record->tag(), bytes[0]);
-            EXPECT_TRUE(
-                std::equal(record->bytes().rbegin(), record->bytes().rend(), bytes.rbegin()));
-            EXPECT_LT(record->bytes().size(), bytes.size());
-        }
-    }
 }
 
 }  // namespace
