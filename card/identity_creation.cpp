@@ -1,13 +1,13 @@
 #include "card/identity_creation.hpp"
 
-#include "x509/certificate_reader.hpp"
 #include "base/error.hpp"
 #include "card/identity_lookup.hpp"
 #include "der/object_identifiers.hpp"
+#include "encoding/hex.hpp"
 #include "keys/key_creation.hpp"
 #include "platform/crypto/random.hpp"
-#include "encoding/hex.hpp"
 #include "x509/certificate.hpp"
+#include "x509/certificate_reader.hpp"
 
 namespace keyloft::card {
 

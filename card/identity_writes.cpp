@@ -32,8 +32,8 @@ IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::
     return makeIdentityItems(*read, certificate, hash, label);
 }
 
-IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate, ByteView hash,
-                                const std::string& label) {
+IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate,
+                                ByteView hash, const std::string& label) {
     const auto publicKey = read.publicKey();
     if (!publicKey) throw KeyloftError::generic("Failed to create Tessera key");
     const Bytes objectID(hash.begin(), hash.end());

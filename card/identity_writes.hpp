@@ -3,9 +3,9 @@
 #include <optional>
 #include <string>
 
-#include "x509/certificate_reader.hpp"
 #include "keys/stored_key_records.hpp"
 #include "platform/token_store/token_store.hpp"
+#include "x509/certificate_reader.hpp"
 
 // The card's changes: identities added or removed, their items and stored-key records together.
 // A command makes them inside the token's writeCommittingEvenOnThrow.
@@ -27,8 +27,8 @@ struct IdentityItems {
 };
 IdentityItems makeIdentityItems(ByteView certificate, ByteView hash, const std::string& label);
 // The same for a certificate already read (its DER given too), which is not read again.
-IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate, ByteView hash,
-                                const std::string& label);
+IdentityItems makeIdentityItems(const x509::CertificateView& read, ByteView certificate,
+                                ByteView hash, const std::string& label);
 
 // Identities added by one command: the stored-key records are read once and written once, and the
 // new items are appended in one go, certificate item then key item for each identity.

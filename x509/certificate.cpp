@@ -80,8 +80,7 @@ std::optional<Record> signatureAlgorithmIdentifier(ByteView signatureOid) {
     return std::nullopt;
 }
 
-Record buildCertificate(const X509Certificate& model, ByteView signatureOid,
-                              const Signer& sign) {
+Record buildCertificate(const X509Certificate& model, ByteView signatureOid, const Signer& sign) {
     const auto algorithm = signatureAlgorithmIdentifier(signatureOid);
     if (!algorithm) throw KeyloftError::generic("Unsupported signature OID");
     const auto name = certificateName(model.subject);

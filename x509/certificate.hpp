@@ -39,6 +39,6 @@ std::optional<der::Record> signatureAlgorithmIdentifier(ByteView signatureOid);
 // The signed Certificate, the subject also its issuer; throws "Unsupported signature OID", or what
 // the signer throws.
 der::Record buildCertificate(const X509Certificate& model, ByteView signatureOid,
-                                   const Signer& sign);
+                             const Signer& sign);
 
 }  // namespace keyloft::x509

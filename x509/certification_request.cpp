@@ -18,7 +18,7 @@ Record everyKeyUsage() {
 }  // namespace
 
 Record buildCertificationRequest(const Name& subject, const PublicKeyAttributes& publicKey,
-                                       const Signer& sign) {
+                                 const Signer& sign) {
     const auto extensionRequest =
         der::sequenceRecord({der::oidRecord(der::oid::extensionRequest),
                              der::setRecord({der::sequenceRecord({everyKeyUsage()})})});
