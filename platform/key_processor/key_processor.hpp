@@ -21,7 +21,14 @@ inline bool isSupportedAccessControl(std::uint32_t word) {
            word == (accessControlPrivateKeyUsage | accessControlBiometryAny);
 }
 
-// Refuses, with PlatformError, a key no processor makes: sizes other than 256 and 384 bits, and
+// A processor key's size names its algorithm too: EC keys are 256 or 384 bits, RSA keys (public
+// exponent 65537) 2048 or 3072; the sizes never meet, so an object identifier records the size
+// only.
+inline bool isRsaKeySize(int sizeInBits) {
+    return sizeInBits == 2048 || sizeInBits == 3072;
+}
+
+// Refuses, with PlatformError, a key no processor makes: sizes other than those above, and
 // access-control words it could not honour.
 void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl);
 
@@ -54,7 +61,7 @@ inline void confirmPresenceFor(std::uint32_t accessControl, AuthenticationContex
 
 // A handle to a key inside the processor. Private-key operations ask the presence gate first when
 // the key's access control demands biometry and its context has not been confirmed yet.
-// Processor keys are EC keys; the RSA operations refuse.
+// The operations of the other key type refuse.
 class ProcessorKey : public key_service::PrivateKey {
   public:
     virtual const Bytes& objectIdentifier() const = 0;
@@ -63,14 +70,13 @@ class ProcessorKey : public key_service::PrivateKey {
     // and its context has not been confirmed yet. Asked alone for a key wrapped under this one
     // and used while still in hand, never unwrapped.
     virtual void authorize() const = 0;
-    std::string keyType() const override { return std::string(keyTypeEC); }
 };
 
 class KeyProcessor {
   public:
     virtual ~KeyProcessor() = default;
-    // A P-256 or P-384 key under the access-control word: private-key usage, optionally with
-    // biometry; other words are refused, since the processor could not honour them.
+    // A P-256, P-384, RSA-2048 or RSA-3072 key under the access-control word: private-key usage,
+    // optionally with biometry; other words are refused, since the processor could not honour them.
     virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
                                                     std::uint32_t accessControl) = 0;
     // Rebuilds a handle; without a context the handle makes its own.

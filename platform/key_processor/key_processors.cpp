@@ -111,7 +111,7 @@ TpmKeyProcessor* tpmProcessor() {
 }  // namespace
 
 void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl) {
-    if (sizeInBits != 256 && sizeInBits != 384) {
+    if (sizeInBits != 256 && sizeInBits != 384 && !isRsaKeySize(sizeInBits)) {
         throw PlatformError("Key processor: unsupported key size " + std::to_string(sizeInBits));
     }
     if (!isSupportedAccessControl(accessControl)) {

@@ -17,8 +17,9 @@ constexpr std::size_t tagSize = 16;
     throw PlatformError("Key processor: the key cannot be used here: " + why);
 }
 
-// AES-256-GCM under the device key; the header is authenticated, not encrypted. Only the private
-// scalar is sealed: the public point follows from it.
+// AES-256-GCM under the device key; the header is authenticated, not encrypted. Of an EC key only
+// the private scalar is sealed (the public point follows from it), of an RSA key its DER
+// RSAPrivateKey.
 Bytes seal(const crypto::SecretBytes& deviceKey, const Bytes& header,
            const crypto::SecretBytes& plaintext) {
     Bytes out = header;
@@ -83,16 +84,29 @@ class SoftProcessorKey : public ProcessorKey {
 
     const Bytes& objectIdentifier() const override { return identifier_; }
     std::uint32_t accessControl() const override { return accessControl_; }
+    std::string keyType() const override { return key_.keyType(); }
     PublicKeyAttributes publicKeyAttributes() const override { return key_.publicKeyAttributes(); }
 
     Bytes sign(key_service::SignatureAlgorithm algorithm, ByteView message) const override {
-        if (!key_.supports(algorithm)) refuse("the algorithm does not suit an EC key");
+        if (!key_.supports(algorithm)) refuse("the algorithm does not suit the key's type");
         authorize();
         return key_.sign(algorithm, message);
     }
     crypto::SecretBytes agree(ByteView peerPoint) const override {
         authorize();
         return key_.agree(peerPoint);
+    }
+    Bytes signRsaPss(ByteView digest,
+                     const key_service::RsaPssParameters& parameters) const override {
+        if (key_.keyType() != keyTypeRSA) refuse("the algorithm does not suit the key's type");
+        authorize();
+        return key_.signRsaPss(digest, parameters);
+    }
+    crypto::SecretBytes decryptRsaOaep(
+        ByteView ciphertext, const key_service::RsaOaepParameters& parameters) const override {
+        if (key_.keyType() != keyTypeRSA) refuse("the algorithm does not suit the key's type");
+        authorize();
+        return key_.decryptRsaOaep(ciphertext, parameters);
     }
 
     void authorize() const override { confirmPresenceFor(accessControl_, *context_, gate_); }
@@ -115,10 +129,13 @@ const crypto::SecretBytes& SoftKeyProcessor::deviceKey() {
 std::unique_ptr<ProcessorKey> SoftKeyProcessor::createKey(int sizeInBits,
                                                           std::uint32_t accessControl) {
     checkNewKeyRequest(sizeInBits, accessControl);
-    auto key = key_service::SoftwareKey::generateEC(sizeInBits);
+    const bool rsa = isRsaKeySize(sizeInBits);
+    auto key = rsa ? key_service::SoftwareKey::generateRSA(sizeInBits)
+                   : key_service::SoftwareKey::generateEC(sizeInBits);
     const ObjectIdentifierHeader header{softBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};
-    auto identifier = seal(deviceKey(), header.encode(), key.privateScalar());
+    auto identifier = seal(deviceKey(), header.encode(),
+                           rsa ? key.externalRepresentation() : key.privateScalar());
     return std::make_unique<SoftProcessorKey>(std::move(key), std::move(identifier), accessControl,
                                               nullptr, gate_);
 }
@@ -127,8 +144,11 @@ std::unique_ptr<ProcessorKey> SoftKeyProcessor::rebuildKey(
     ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) {
     const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
     if (!header || header->backEnd != softBackEnd) refuse("unknown object identifier");
-    const auto scalar = open(deviceKey(), objectIdentifier);
-    auto key = key_service::SoftwareKey::fromPrivateScalar(header->sizeInBits, scalar);
+    const auto sealed = open(deviceKey(), objectIdentifier);
+    auto key = isRsaKeySize(header->sizeInBits)
+                   ? key_service::SoftwareKey::fromExternalRepresentation(keyTypeRSA, sealed)
+                   : key_service::SoftwareKey::fromPrivateScalar(header->sizeInBits, sealed);
+    if (key.sizeInBits() != header->sizeInBits) refuse("the key does not match its header");
     return std::make_unique<SoftProcessorKey>(
         std::move(key), Bytes(objectIdentifier.begin(), objectIdentifier.end()),
         header->accessControl, std::move(context), gate_);

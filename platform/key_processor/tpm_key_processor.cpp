@@ -157,6 +157,7 @@ class TpmProcessorKey : public ProcessorKey {
     // comes from.
     const Bytes& objectIdentifier() const override { return key_.identity; }
     std::uint32_t accessControl() const override { return accessControl_; }
+    std::string keyType() const override { return std::string(keyTypeEC); }
     PublicKeyAttributes publicKeyAttributes() const override {
         return {std::string(keyTypeEC), sizeInBits_, point_};
     }
@@ -236,6 +237,8 @@ void TpmKeyProcessor::connect() {
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
                                                          std::uint32_t accessControl) {
     checkNewKeyRequest(sizeInBits, accessControl);
+    if (isRsaKeySize(sizeInBits))
+        throw PlatformError("Key processor: this TPM back end makes no RSA keys yet");
     const ObjectIdentifierHeader header{tpmBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};
     const auto headerBytes = header.encode();

@@ -35,6 +35,8 @@ AlgorithmUse useOf(SignatureAlgorithm algorithm) {
     switch (algorithm) {
         case SignatureAlgorithm::ecdsaSignatureMessageX962SHA384:
             return {keyTypeEC, EVP_sha384()};
+        case SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA256:
+            return {keyTypeRSA, EVP_sha256()};
         case SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA384:
             return {keyTypeRSA, EVP_sha384()};
         case SignatureAlgorithm::ecdsaSignatureDigestX962:
@@ -101,6 +103,14 @@ SoftwareKey SoftwareKey::generateEC(int sizeInBits) {
     openssl::Pkey key(EVP_EC_gen(curve));
     if (!key) throw PlatformError("failed to generate an EC key");
     return {std::string(keyTypeEC), std::move(key)};
+}
+
+SoftwareKey SoftwareKey::generateRSA(int sizeInBits) {
+    if (sizeInBits != 2048 && sizeInBits != 3072)
+        throw PlatformError("unsupported RSA key size " + std::to_string(sizeInBits));
+    openssl::Pkey key(EVP_RSA_gen(static_cast<unsigned>(sizeInBits)));
+    if (!key) throw PlatformError("failed to generate an RSA key");
+    return {std::string(keyTypeRSA), std::move(key)};
 }
 
 SoftwareKey SoftwareKey::fromExternalRepresentation(std::string_view keyType, ByteView data) {

@@ -19,6 +19,8 @@ class SoftwareKey final : public PrivateKey {
   public:
     // A random key on P-256, P-384 or P-521.
     static SoftwareKey generateEC(int sizeInBits);
+    // A random RSA key of 2048 or 3072 bits, public exponent 65537.
+    static SoftwareKey generateRSA(int sizeInBits);
     // From the external representation: EC 0x04 || X || Y || K, each padded to the field size;
     // RSA the DER RSAPrivateKey. Throws PlatformError when the data is no such key.
     static SoftwareKey fromExternalRepresentation(std::string_view keyType, ByteView data);
