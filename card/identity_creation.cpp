@@ -25,11 +25,15 @@ NewIdentity createIdentity(const Token& token, const IdentityRequest& request) {
         publicKey, hash, request.subject.value_or(x509::Name{.commonName = label}), false,
         platform::crypto::randomUuid);
     if (request.lifetime) model.validTo = model.validFrom + *request.lifetime;
-    const auto certificate =
-        der::encode(x509::buildCertificate(model, der::oid::ecdsaWithSHA384, [&](ByteView tbs) {
-            return key.sign(
-                platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384, tbs);
-        }));
+    // An RSA key signs its certificate with SHA-256, which every verifier takes.
+    const bool rsa = publicKey.keyType == keyTypeRSA;
+    const auto algorithm =
+        rsa ? platform::key_service::SignatureAlgorithm::rsaSignatureMessagePKCS1v15SHA256
+            : platform::key_service::SignatureAlgorithm::ecdsaSignatureMessageX962SHA384;
+    const auto certificate = der::encode(x509::buildCertificate(
+        model,
+        rsa ? ByteView(der::oid::sha256WithRSAEncryption) : ByteView(der::oid::ecdsaWithSHA384),
+        [&](ByteView tbs) { return key.sign(algorithm, tbs); }));
 
     const auto read = x509::readCertificate(certificate);
     if (!read) throw KeyloftError::generic("Failed to create certificate");

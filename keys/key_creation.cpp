@@ -75,32 +75,19 @@ std::uint32_t accessControlFor(bool biometry) {
 }
 
 NewKey generateKey(KeyType type, bool biometry, bool cardHoldsTpmKeys) {
-    const auto inProcessor = [&](int sizeInBits) {
+    const auto [sizeInBits, inProcessor] = shapeOf(type);
+    if (inProcessor) {
         auto key = platform::key_processor::defaultKeyProcessor(cardHoldsTpmKeys)
                        .createKey(sizeInBits, accessControlFor(biometry));
         KeyStorage storage{.boundKey = makeBoundKey(*key, biometry)};
         return NewKey{std::move(key), std::move(storage)};
-    };
-    const auto wrapped = [&](int sizeInBits) {
-        auto key = std::make_unique<platform::key_service::SoftwareKey>(
-            platform::key_service::SoftwareKey::generateEC(sizeInBits));
-        auto [sealed, wrapping] = seal(*key, biometry, cardHoldsTpmKeys);
-        return NewKey{std::move(key), KeyStorage{.sealedKey = std::move(sealed)},
-                      std::move(wrapping)};
-    };
-    switch (type) {
-        case KeyType::p256:
-            return wrapped(256);
-        case KeyType::p384:
-            return wrapped(384);
-        case KeyType::p521:
-            return wrapped(521);
-        case KeyType::p256ne:
-            return inProcessor(256);
-        case KeyType::p384ne:
-            return inProcessor(384);
     }
-    throw PlatformError("unsupported key type");
+    auto key = std::make_unique<platform::key_service::SoftwareKey>(
+        platform::key_processor::isRsaKeySize(sizeInBits)
+            ? platform::key_service::SoftwareKey::generateRSA(sizeInBits)
+            : platform::key_service::SoftwareKey::generateEC(sizeInBits));
+    auto [sealed, wrapping] = seal(*key, biometry, cardHoldsTpmKeys);
+    return NewKey{std::move(key), KeyStorage{.sealedKey = std::move(sealed)}, std::move(wrapping)};
 }
 
 BoundKey makeBoundKey(const platform::key_processor::ProcessorKey& key, bool biometry) {

@@ -1,5 +1,8 @@
 #include "pkcs11/card_templates.hpp"
 
+#include <algorithm>
+#include <array>
+
 #include "der/object_identifiers.hpp"
 #include "der/record.hpp"
 #include "pkcs11/attribute_set.hpp"
@@ -7,20 +10,28 @@
 namespace keyloft::pkcs11 {
 namespace {
 
-// The key type of a new key pair from the curve and whether the key may leave the slot.
-KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
-                   std::span<const CK_ATTRIBUTE> privateTemplate) {
+constexpr std::array<std::uint8_t, 3> rsaPublicExponent{0x01, 0x00, 0x01};
+
+// A key asked for as non-extractable is made inside the key processor; a wrapped key can be
+// exported with the tool.
+bool extractableIn(std::span<const CK_ATTRIBUTE> privateTemplate) {
+    return flagIn(privateTemplate, CKA_EXTRACTABLE).value_or(true);
+}
+
+// The key type of a new EC key pair from the curve.
+KeyType ecKeyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
+                     std::span<const CK_ATTRIBUTE> privateTemplate) {
     const auto* parameters = findIn(publicTemplate, CKA_EC_PARAMS);
     if (parameters == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
+    if (findIn(publicTemplate, CKA_MODULUS_BITS) != nullptr)
+        throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
     const Bytes curve = valueOf(*parameters);
     int sizeInBits = 0;
     for (const int size : {256, 384, 521}) {
         if (curve == der::encode(der::oidRecord(der::curveOidForSize(size)))) sizeInBits = size;
     }
     if (sizeInBits == 0) throw CryptokiError(CKR_CURVE_NOT_SUPPORTED);
-    // A key asked for as non-extractable is made inside the key processor; a wrapped key can be
-    // exported with the tool.
-    const bool extractable = flagIn(privateTemplate, CKA_EXTRACTABLE).value_or(true);
+    const bool extractable = extractableIn(privateTemplate);
     switch (sizeInBits) {
         case 256:
             return extractable ? KeyType::p256 : KeyType::p256ne;
@@ -30,6 +41,31 @@ KeyType keyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
             // The key processor holds no P-521 keys.
             if (!extractable) throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
             return KeyType::p521;
+    }
+}
+
+// The key type of a new RSA key pair from the modulus size; the public exponent is 65537.
+KeyType rsaKeyTypeFor(std::span<const CK_ATTRIBUTE> publicTemplate,
+                      std::span<const CK_ATTRIBUTE> privateTemplate) {
+    const auto* bits = findIn(publicTemplate, CKA_MODULUS_BITS);
+    if (bits == nullptr) throw CryptokiError(CKR_TEMPLATE_INCOMPLETE);
+    if (findIn(publicTemplate, CKA_EC_PARAMS) != nullptr)
+        throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+    if (const auto* exponent = findIn(publicTemplate, CKA_PUBLIC_EXPONENT)) {
+        // Big-endian, leading zeros allowed.
+        Bytes value = valueOf(*exponent);
+        const auto first = std::find_if(value.begin(), value.end(), [](auto b) { return b != 0; });
+        if (!std::equal(first, value.end(), rsaPublicExponent.begin(), rsaPublicExponent.end()))
+            throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
+    }
+    const bool extractable = extractableIn(privateTemplate);
+    switch (ulongOf(*bits)) {
+        case 2048:
+            return extractable ? KeyType::rsa2048 : KeyType::rsa2048ne;
+        case 3072:
+            return extractable ? KeyType::rsa3072 : KeyType::rsa3072ne;
+        default:
+            throw CryptokiError(CKR_ATTRIBUTE_VALUE_INVALID);
     }
 }
 
@@ -62,22 +98,30 @@ void expectTokenObject(std::span<const CK_ATTRIBUTE> attributes) {
     if (token == nullptr || !boolOf(*token)) throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
 }
 
-KeyPairRequest keyPairRequestOf(std::span<const CK_ATTRIBUTE> publicTemplate,
+KeyPairRequest keyPairRequestOf(CK_MECHANISM_TYPE mechanism,
+                                std::span<const CK_ATTRIBUTE> publicTemplate,
                                 std::span<const CK_ATTRIBUTE> privateTemplate) {
+    const bool rsa = mechanism == CKM_RSA_PKCS_KEY_PAIR_GEN;
     for (const auto& [keyTemplate, keyClass] :
          {std::pair{publicTemplate, CKO_PUBLIC_KEY}, {privateTemplate, CKO_PRIVATE_KEY}}) {
         expectTokenObject(keyTemplate);
         expectUlong(keyTemplate, CKA_CLASS, keyClass);
-        expectUlong(keyTemplate, CKA_KEY_TYPE, CKK_EC);
+        expectUlong(keyTemplate, CKA_KEY_TYPE, rsa ? CKK_RSA : CKK_EC);
     }
     // An id asked for is not kept: the card names every key by its public-key hash, which pairs
     // it with its certificate (GnuTLS asks for a random one).
-    KeyPairRequest request{keyTypeFor(publicTemplate, privateTemplate)};
+    KeyPairRequest request{rsa ? rsaKeyTypeFor(publicTemplate, privateTemplate)
+                               : ecKeyTypeFor(publicTemplate, privateTemplate)};
     // One label for the identity: the private key's, else the public key's.
     request.label = labelIn(privateTemplate);
     if (!request.label) request.label = labelIn(publicTemplate);
     request.canSign = flagIn(privateTemplate, CKA_SIGN).value_or(true);
-    request.canDerive = flagIn(privateTemplate, CKA_DERIVE).value_or(true);
+    // An RSA key decrypts, an EC key derives; neither does the other.
+    const auto otherUse = rsa ? CKA_DERIVE : CKA_DECRYPT;
+    if (flagIn(privateTemplate, otherUse).value_or(false))
+        throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+    request.canDecryptOrDerive =
+        flagIn(privateTemplate, rsa ? CKA_DECRYPT : CKA_DERIVE).value_or(true);
     return request;
 }
 

@@ -26,7 +26,9 @@ void expectUlong(std::span<const CK_ATTRIBUTE> attributes, CK_ATTRIBUTE_TYPE typ
 void expectTokenObject(std::span<const CK_ATTRIBUTE> attributes);
 
 // The key pair C_GenerateKeyPair's two templates ask for.
-KeyPairRequest keyPairRequestOf(std::span<const CK_ATTRIBUTE> publicTemplate,
+// The mechanism is CKM_EC_KEY_PAIR_GEN or CKM_RSA_PKCS_KEY_PAIR_GEN.
+KeyPairRequest keyPairRequestOf(CK_MECHANISM_TYPE mechanism,
+                                std::span<const CK_ATTRIBUTE> publicTemplate,
                                 std::span<const CK_ATTRIBUTE> privateTemplate);
 
 }  // namespace keyloft::pkcs11

@@ -23,8 +23,13 @@ card::NewIdentity makeIdentity(const KeyPairRequest& request) {
     const auto registry = card::openUserRegistry();
     auto identity = card::createIdentity(card::userToken(registry),
                                          {.type = request.type, .label = request.label});
-    identity.items.key.canSign = request.canSign;
-    identity.items.key.canPerformKeyExchange = request.canDerive;
+    auto& key = identity.items.key;
+    key.canSign = request.canSign;
+    // The item's flags for the key's type are set already; only the one the key can do changes.
+    if (key.canDecrypt.value_or(false))
+        key.canDecrypt = request.canDecryptOrDerive;
+    else
+        key.canPerformKeyExchange = request.canDecryptOrDerive;
     return identity;
 }
 

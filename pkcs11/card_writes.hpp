@@ -18,7 +18,7 @@ struct KeyPairRequest {
     KeyType type;
     std::optional<std::string> label;  // the hash in hex when none is given
     bool canSign = true;
-    bool canDerive = true;
+    bool canDecryptOrDerive = true;  // decrypt for an RSA key, derive for an EC key
 };
 // Makes the key and its self-signed certificate, writing nothing: the key processor's part.
 card::NewIdentity makeIdentity(const KeyPairRequest& request);

@@ -39,12 +39,14 @@ CK_RV C_GenerateKeyPair(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
         const std::span<const CK_ATTRIBUTE> privateTemplate =
             arrayArgument(pPrivateKeyTemplate, ulPrivateKeyAttributeCount);
         slot.checkLive();
-        if (pMechanism->mechanism != CKM_EC_KEY_PAIR_GEN)
+        if (pMechanism->mechanism != CKM_EC_KEY_PAIR_GEN &&
+            pMechanism->mechanism != CKM_RSA_PKCS_KEY_PAIR_GEN)
             throw CryptokiError(CKR_MECHANISM_INVALID);
         if (pMechanism->pParameter != nullptr || pMechanism->ulParameterLen != 0)
             throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
         requireReadWrite(*session);
-        const KeyPairRequest request = keyPairRequestOf(publicTemplate, privateTemplate);
+        const KeyPairRequest request =
+            keyPairRequestOf(pMechanism->mechanism, publicTemplate, privateTemplate);
         const Bytes hash =
             addIdentity(slot.withKeyProcessor([&] { return makeIdentity(request); }));
         *phPublicKey = handleOf(slot, CKO_PUBLIC_KEY, hash);

@@ -30,6 +30,7 @@ constexpr std::array table{
     Mechanism{CKM_SHA384_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha384},
     Mechanism{CKM_SHA512_RSA_PKCS_PSS, Scheme::rsaPss, DigestAlgorithm::sha512},
     Mechanism{CKM_RSA_PKCS_OAEP, Scheme::rsaOaep, std::nullopt},
+    Mechanism{CKM_RSA_PKCS_KEY_PAIR_GEN, Scheme::rsaKeyPair, std::nullopt},
     Mechanism{CKM_SHA_1, Scheme::digest, DigestAlgorithm::sha1},
     Mechanism{CKM_SHA224, Scheme::digest, DigestAlgorithm::sha224},
     Mechanism{CKM_SHA256, Scheme::digest, DigestAlgorithm::sha256},
@@ -41,6 +42,9 @@ constexpr CK_ULONG ecMinBits = 256;
 constexpr CK_ULONG ecMaxBits = 521;
 constexpr CK_ULONG rsaMinBits = 1024;
 constexpr CK_ULONG rsaMaxBits = 16384;
+// The sizes of the RSA keys the card makes.
+constexpr CK_ULONG rsaMadeMinBits = 2048;
+constexpr CK_ULONG rsaMadeMaxBits = 3072;
 constexpr CK_FLAGS ecCurveFlags = CKF_EC_F_P | CKF_EC_NAMEDCURVE | CKF_EC_UNCOMPRESS;
 
 }  // namespace
@@ -77,6 +81,8 @@ CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism) {
             return {0, 0, CKF_DIGEST};
         case Scheme::ecKeyPair:
             return {ecMinBits, ecMaxBits, CKF_GENERATE_KEY_PAIR | ecCurveFlags};
+        case Scheme::rsaKeyPair:
+            return {rsaMadeMinBits, rsaMadeMaxBits, CKF_GENERATE_KEY_PAIR};
     }
     return {};
 }
@@ -85,7 +91,8 @@ std::vector<CK_MECHANISM_TYPE> mechanismsFor(CK_KEY_TYPE keyType) {
     std::vector<CK_MECHANISM_TYPE> types;
     for (const auto& mechanism : table) {
         // A key's mechanisms are what it is used with, not how it was made.
-        if (keyTypeOf(mechanism.scheme) == keyType && mechanism.scheme != Scheme::ecKeyPair)
+        if (keyTypeOf(mechanism.scheme) == keyType && mechanism.scheme != Scheme::ecKeyPair &&
+            mechanism.scheme != Scheme::rsaKeyPair)
             types.push_back(mechanism.type);
     }
     return types;

@@ -9,7 +9,7 @@
 
 namespace keyloft::pkcs11 {
 
-enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep, digest, ecKeyPair };
+enum class Scheme { ecdsa, ecdh, rsaPkcs1, rsaPss, rsaOaep, digest, ecKeyPair, rsaKeyPair };
 
 // What the module does for one mechanism.
 struct Mechanism {

@@ -39,7 +39,7 @@ const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObje
     if (!key.key || key.identity.objectClass != keyClass)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
     if (found->scheme == Scheme::digest || found->scheme == Scheme::ecKeyPair ||
-        keyTypeOf(found->scheme) != key.key->keyType)
+        found->scheme == Scheme::rsaKeyPair || keyTypeOf(found->scheme) != key.key->keyType)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
     const CK_FLAGS needed = usage == CKA_SIGN      ? CKF_SIGN
                             : usage == CKA_VERIFY  ? CKF_VERIFY
@@ -131,6 +131,7 @@ Bytes SignatureInput::signedBytes() const {
         case Scheme::rsaOaep:
         case Scheme::digest:
         case Scheme::ecKeyPair:
+        case Scheme::rsaKeyPair:
             break;
     }
     throw CryptokiError(CKR_MECHANISM_INVALID);

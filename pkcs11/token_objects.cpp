@@ -189,8 +189,9 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const card::Id
     privateKey.setBool(CKA_WRAP_WITH_TRUSTED, false);
     privateKey.setBool(CKA_ALWAYS_AUTHENTICATE, false);
     privateKey.setBool(CKA_LOCAL, bound);
-    privateKey.setUlong(CKA_KEY_GEN_MECHANISM,
-                        bound ? CKM_EC_KEY_PAIR_GEN : CK_UNAVAILABLE_INFORMATION);
+    privateKey.setUlong(CKA_KEY_GEN_MECHANISM, !bound              ? CK_UNAVAILABLE_INFORMATION
+                                               : keyType == CKK_EC ? CKM_EC_KEY_PAIR_GEN
+                                                                   : CKM_RSA_PKCS_KEY_PAIR_GEN);
     for (const auto type : {CKA_VALUE, CKA_PRIVATE_EXPONENT, CKA_PRIME_1, CKA_PRIME_2,
                             CKA_EXPONENT_1, CKA_EXPONENT_2, CKA_COEFFICIENT}) {
         privateKey.setSensitive(type);

@@ -4,11 +4,13 @@ import datetime
 import pytest
 from cryptography import x509
 from cryptography.hazmat.primitives import hashes
-from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.hazmat.primitives.asymmetric import ec, padding
 from cryptography.x509.oid import ExtendedKeyUsageOID, ExtensionOID, NameOID
 
 KINDS = {"p-256": ("sealedKey", 256), "p-384": ("sealedKey", 384), "p-521": ("sealedKey", 521),
-         "p-256-ne": ("bastionKey", 256), "p-384-ne": ("bastionKey", 384)}
+         "p-256-ne": ("bastionKey", 256), "p-384-ne": ("bastionKey", 384),
+         "rsa-2048": ("sealedKey", 2048), "rsa-3072": ("sealedKey", 3072),
+         "rsa-2048-ne": ("bastionKey", 2048), "rsa-3072-ne": ("bastionKey", 3072)}
 
 
 @pytest.mark.parametrize("kind", KINDS)
@@ -16,21 +18,28 @@ def test_each_key_type_makes_a_valid_identity(card, kind):
     assert card.out("create-identity", "-l", "Mail", "-k", kind, "-CN", "Alice",
                     "-E", "alice@example.com", "-O", "Example", "-C", "DE") == ""
     items = card.items()
+    rsa = kind.startswith("rsa")
     assert [(k, label) for k, _, label, *_ in items] == [("certificate", "Mail"), ("key", "Mail")]
-    assert items[1][4:] == (1, 0, 1)  # can sign, no decryption, key exchange
+    # Each signs; an RSA key decrypts, an EC key exchanges keys.
+    assert items[1][4:] == ((1, 1, 0) if rsa else (1, 0, 1))
     hash_ = items[0][1]
     assert items[1][1] == hash_ and len(hash_) == 20
 
     certificate = x509.load_der_x509_certificate(items[0][3])
     record_kind, size = KINDS[kind]
-    assert certificate.public_key().curve.key_size == size
+    assert certificate.public_key().key_size == size
     assert certificate.version == x509.Version.v3
     assert certificate.issuer.public_bytes() == certificate.subject.public_bytes()
     assert [a.oid for a in certificate.subject] == [NameOID.COUNTRY_NAME, NameOID.ORGANIZATION_NAME,
                                                     NameOID.COMMON_NAME, NameOID.EMAIL_ADDRESS]
     assert certificate.subject.get_attributes_for_oid(NameOID.COMMON_NAME)[0].value == "Alice"
-    certificate.public_key().verify(certificate.signature, certificate.tbs_certificate_bytes,
-                                    ec.ECDSA(hashes.SHA384()))
+    if rsa:
+        assert certificate.public_key().public_numbers().e == 65537
+        certificate.public_key().verify(certificate.signature, certificate.tbs_certificate_bytes,
+                                        padding.PKCS1v15(), hashes.SHA256())
+    else:
+        certificate.public_key().verify(certificate.signature, certificate.tbs_certificate_bytes,
+                                        ec.ECDSA(hashes.SHA384()))
     lifetime = certificate.not_valid_after - certificate.not_valid_before
     assert lifetime == datetime.timedelta(days=365)
     extensions = certificate.extensions
@@ -48,10 +57,11 @@ def test_each_key_type_makes_a_valid_identity(card, kind):
     assert list(records) == [hash_]
     assert list(records[hash_]) == [record_kind]
     assert records[hash_][record_kind]["biometryProtection"] == "off"
-    if record_kind == "sealedKey":
+    if record_kind == "sealedKey" and not rsa:
         wrapped = records[hash_]["sealedKey"]["wrappedPrivateKey"]
         assert len(wrapped) == {256: 178, 384: 226, 521: 280}[size]
-        assert records[hash_]["sealedKey"]["keyType"] == "ec"
+    if record_kind == "sealedKey":
+        assert records[hash_]["sealedKey"]["keyType"] == ("rsa" if rsa else "ec")
 
 
 def test_default_subject_is_the_label_without_alternative_name(card):

@@ -65,12 +65,13 @@ def identities_of(card):
 
 @pytest.fixture(scope="module")
 def wallet(tmp_path_factory, key_processor):
-    """A card with a wrapped and a bound P-256 identity and an RSA identity imported from a
-    PKCS#12 file that openssl made."""
+    """A card with a wrapped and a bound P-256 identity, a wrapped RSA-3072 and a bound RSA-2048
+    identity, and an RSA identity imported from a PKCS#12 file that openssl made."""
     home = tmp_path_factory.mktemp("wallet")
     card = Card(home)
-    card.run("create-identity", "-l", "Wrapped", "-k", "p-256", "-CN", "Wrapped")
-    card.run("create-identity", "-l", "Bound", "-k", "p-256-ne", "-CN", "Bound")
+    for label, kind in (("Wrapped", "p-256"), ("Bound", "p-256-ne"), ("RsaMade", "rsa-3072"),
+                        ("RsaBound", "rsa-2048-ne")):
+        card.run("create-identity", "-l", label, "-k", kind, "-CN", label)
     key = make_key("rsa-2048")
     card.run("import-identities", "-f",
              str(openssl_file(home, "rsa", key, make_certificate(key, "Rsa"), "pw", False)),
@@ -135,7 +136,7 @@ def test_every_identity_shows_a_certificate_and_its_keys(wallet):
             assert private["heading"] == "Private Key Object; EC"
             assert set(private["Usage"].split(", ")) == {"sign", "derive"}
         else:
-            assert public["heading"] == "Public Key Object; RSA 2048 bits"
+            assert public["heading"] == f"Public Key Object; RSA {identity.public_key.key_size} bits"
             assert private["heading"] == "Private Key Object; RSA"
             assert set(private["Usage"].split(", ")) == {"sign", "decrypt"}
 
@@ -161,6 +162,10 @@ def test_objects_read_back(wallet, tmp_path, label, kind):
     ("Rsa", "SHA256-RSA-PKCS-PSS", [], False, PSS),
     ("Rsa", "RSA-PKCS-PSS", ["--hash-algorithm", "SHA256"], True, PSS),
     ("Rsa", "SHA256-RSA-PKCS", [], False, []),
+    ("RsaMade", "SHA256-RSA-PKCS", [], False, []),
+    ("RsaBound", "SHA256-RSA-PKCS", [], False, []),
+    ("RsaBound", "RSA-PKCS-PSS", ["--hash-algorithm", "SHA256"], True, PSS),
+    ("RsaBound", "SHA256-RSA-PKCS-PSS", [], False, PSS),
 ])
 def test_pkcs11_tool_signs(wallet, tmp_path, label, mechanism, options, signs_digest,
                            verify_options):
@@ -173,10 +178,12 @@ def test_pkcs11_tool_signs(wallet, tmp_path, label, mechanism, options, signs_di
     verify(tmp_path, identity, tmp_path / "out", verify_options)
 
 
-@pytest.mark.parametrize("hash_, mgf, md", [("SHA-1", "MGF1-SHA1", "sha1"),
-                                            ("SHA256", "MGF1-SHA256", "sha256")])
-def test_pkcs11_tool_decrypts_oaep(wallet, tmp_path, hash_, mgf, md):
-    identity = wallet.identities["Rsa"]
+@pytest.mark.parametrize("label, hash_, mgf, md", [("Rsa", "SHA-1", "MGF1-SHA1", "sha1"),
+                                                   ("Rsa", "SHA256", "MGF1-SHA256", "sha256"),
+                                                   ("RsaBound", "SHA-1", "MGF1-SHA1", "sha1"),
+                                                   ("RsaBound", "SHA256", "MGF1-SHA256", "sha256")])
+def test_pkcs11_tool_decrypts_oaep(wallet, tmp_path, label, hash_, mgf, md):
+    identity = wallet.identities[label]
     (tmp_path / "plain").write_bytes(MESSAGE)
     subprocess.run(["openssl", "pkeyutl", "-encrypt", "-pubin", "-inkey",
                     identity.public_pem(tmp_path), "-pkeyopt", "rsa_padding_mode:oaep",
@@ -245,7 +252,7 @@ KbdInteractiveAuthentication no
     server.wait(timeout=30)
 
 
-@pytest.mark.parametrize("label", ["Wrapped", "Bound", "Rsa"])
+@pytest.mark.parametrize("label", ["Wrapped", "Bound", "Rsa", "RsaMade", "RsaBound"])
 def test_ssh_logs_in_with_the_card(wallet, sshd, tmp_path, label):
     public = wallet.identities[label].openssh() + "\n"
     sshd.authorized_keys.write_text(public)
@@ -299,6 +306,9 @@ def test_open_session_sees_identities_made_after_it(card):
     ("Rsa", ["-pkeyopt", "digest:sha256"], []),
     ("Rsa", ["-pkeyopt", "digest:sha256", "-pkeyopt", "rsa_padding_mode:pss",
              "-pkeyopt", "rsa_pss_saltlen:32"], PSS),
+    ("RsaBound", ["-pkeyopt", "digest:sha256"], []),
+    ("RsaBound", ["-pkeyopt", "digest:sha256", "-pkeyopt", "rsa_padding_mode:pss",
+                  "-pkeyopt", "rsa_pss_saltlen:32"], PSS),
 ])
 def test_openssl_engine_signs(wallet, tmp_path, label, options, verify_options):
     config = tmp_path / "openssl.cnf"

@@ -14,7 +14,7 @@ def created(card, kind="p-256", label="Mail"):
     return card.items()[-1][1].hex().upper()
 
 
-@pytest.mark.parametrize("kind", ["p-256", "p-384", "p-521"])
+@pytest.mark.parametrize("kind", ["p-256", "p-384", "p-521", "rsa-2048"])
 def test_export_opens_with_openssl_and_cryptography(card, kind):
     hash_ = created(card, kind)
     assert card.out("export-identity", "-h", hash_.lower(), "-f", "out", "-p", "s3cret") == ""
@@ -120,8 +120,9 @@ def test_wrong_password_and_other_files(card, tmp_path):
     assert card.items() == []
 
 
-def test_hardware_bound_keys_are_refused(card):
-    hash_ = created(card, "p-256-ne").lower()
+@pytest.mark.parametrize("kind", ["p-256-ne", "rsa-2048-ne"])
+def test_hardware_bound_keys_are_refused(card, kind):
+    hash_ = created(card, kind).lower()
     assert card.out("export-identity", "-h", hash_, "-f", "x", "-p", "p") == (
         f"Error: Private key with public key hash  <{hash_}> is hardware bounded and cannot be exported\n")
     assert not (card.home / "x.p12").exists()

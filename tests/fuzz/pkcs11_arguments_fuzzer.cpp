@@ -281,31 +281,21 @@ int openSslCurveSize(const CK_ATTRIBUTE& parameters) {
                                        : 0;
 }
 
-int curveSize(keyloft::KeyType type) {
-    switch (type) {
-        case keyloft::KeyType::p256:
-        case keyloft::KeyType::p256ne:
-            return 256;
-        case keyloft::KeyType::p384:
-        case keyloft::KeyType::p384ne:
-            return 384;
-        case keyloft::KeyType::p521:
-            return 521;
-    }
-    return 0;
-}
-
 void keyPair(CryptokiInput& input) {
+    const bool rsa = (input.byte() & 1) != 0;
     const auto publicTemplate = input.attributes();
     const auto privateTemplate = input.attributes();
     std::optional<pkcs11::KeyPairRequest> request;
     try {
-        request = pkcs11::keyPairRequestOf(publicTemplate, privateTemplate);
+        request = pkcs11::keyPairRequestOf(rsa ? CKM_RSA_PKCS_KEY_PAIR_GEN : CKM_EC_KEY_PAIR_GEN,
+                                           publicTemplate, privateTemplate);
     } catch (const pkcs11::CryptokiError&) {
         return;
     }
-    const int size = openSslCurveSize(*pkcs11::findIn(publicTemplate, CKA_EC_PARAMS));
-    check(size == curveSize(request->type));
+    const int size =
+        rsa ? static_cast<int>(pkcs11::ulongOf(*pkcs11::findIn(publicTemplate, CKA_MODULUS_BITS)))
+            : openSslCurveSize(*pkcs11::findIn(publicTemplate, CKA_EC_PARAMS));
+    check(size == keyloft::shapeOf(request->type).sizeInBits);
 }
 
 void digest(CryptokiInput& input) {
