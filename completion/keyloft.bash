@@ -45,7 +45,7 @@ _keyloft() {
     fi
 
     case $prev in
-        -k) mapfile -t COMPREPLY < <(compgen -W "p-256 p-384 p-521 p-256-ne p-384-ne" -- "$cur"); return ;;
+        -k) mapfile -t COMPREPLY < <(compgen -W "p-256 p-384 p-521 rsa-2048 rsa-3072 p-256-ne p-384-ne rsa-2048-ne rsa-3072-ne" -- "$cur"); return ;;
         -prot) mapfile -t COMPREPLY < <(compgen -W "bio none" -- "$cur"); return ;;
         -t) mapfile -t COMPREPLY < <(compgen -W "sha1 sha256 ssh" -- "$cur"); return ;;
         -e) mapfile -t COMPREPLY < <(compgen -W "hex b64" -- "$cur"); return ;;

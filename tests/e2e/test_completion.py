@@ -49,7 +49,8 @@ def two_identities(card):
     ("keyloft delete-", {"delete-identity", "delete-all-identities"}),
     ("keyloft -x ", COMMANDS),  # words before the command are ignored, as the tool ignores them
     ("keyloft create-identity -k p-3", {"p-384", "p-384-ne"}),
-    ("keyloft create-identity -k ", {"p-256", "p-384", "p-521", "p-256-ne", "p-384-ne"}),
+    ("keyloft create-identity -k ", {"p-256", "p-384", "p-521", "p-256-ne", "p-384-ne", "rsa-2048",
+                                     "rsa-3072", "rsa-2048-ne", "rsa-3072-ne"}),
     ("keyloft create-identity -prot ", {"bio", "none"}),
     ("keyloft list-identities -t ", {"sha1", "sha256", "ssh"}),
     ("keyloft list-identities -t ssh -e ", {"hex", "b64"}),
