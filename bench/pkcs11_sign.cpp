@@ -1,5 +1,7 @@
-// Times raw ECDSA signatures through any PKCS#11 module: C_SignInit(CKM_ECDSA) + C_Sign over a
-// 32-byte digest, in a loop, for a fixed time after a warm-up. Prints one line per run:
+// Times signatures through any PKCS#11 module: C_SignInit + C_Sign over 32 bytes, in a loop, for a
+// fixed time after a warm-up: raw ECDSA (CKM_ECDSA, the bytes as the digest) with an EC key,
+// RSASSA-PKCS1-v1_5 (CKM_SHA256_RSA_PKCS, the bytes as the message) with an RSA key. Prints one
+// line per run:
 //
 //   label=L threads=N seconds=S signatures=C per_s=R mean_us=M p50_us=P p99_us=Q
 //
@@ -103,8 +105,16 @@ class Session {
         return found[0];
     }
 
-    void sign(CK_OBJECT_HANDLE key, std::span<CK_BYTE> digest, std::span<CK_BYTE> signature) {
-        CK_MECHANISM mechanism{CKM_ECDSA, nullptr, 0};
+    CK_MECHANISM_TYPE mechanism_for(CK_OBJECT_HANDLE key) {
+        CK_KEY_TYPE type = CKK_EC;
+        CK_ATTRIBUTE attribute{CKA_KEY_TYPE, &type, sizeof type};
+        check("C_GetAttributeValue", fn_.C_GetAttributeValue(handle_, key, &attribute, 1));
+        return type == CKK_RSA ? CKM_SHA256_RSA_PKCS : CKM_ECDSA;
+    }
+
+    void sign(CK_OBJECT_HANDLE key, CK_MECHANISM_TYPE type, std::span<CK_BYTE> digest,
+              std::span<CK_BYTE> signature) {
+        CK_MECHANISM mechanism{type, nullptr, 0};
         check("C_SignInit", fn_.C_SignInit(handle_, &mechanism, key));
         CK_ULONG length = signature.size();
         check("C_Sign",
@@ -194,12 +204,13 @@ void sign_until(const Module& module, CK_SLOT_ID slot, std::string label, Clock:
                 Clock::time_point end, Latencies& latencies) {
     Session session(module, slot);
     CK_OBJECT_HANDLE key = session.find_private_key(label);
+    const CK_MECHANISM_TYPE mechanism = session.mechanism_for(key);
     std::array<CK_BYTE, 32> digest{};
     std::iota(digest.begin(), digest.end(), CK_BYTE{1});
     std::array<CK_BYTE, 512> signature{};
-    while (Clock::now() < warm) session.sign(key, digest, signature);
+    while (Clock::now() < warm) session.sign(key, mechanism, digest, signature);
     for (auto start = Clock::now(); start < end;) {
-        session.sign(key, digest, signature);
+        session.sign(key, mechanism, digest, signature);
         auto stop = Clock::now();
         latencies.push_back((stop - start).count());
         start = stop;
