@@ -411,4 +411,35 @@ crypto::SecretBytes TpmConnection::ecdhZGen(const TpmKey& key, ByteView x, ByteV
     return crypto::secretOf({sharedX.buffer, sharedX.size});
 }
 
+crypto::SecretBytes TpmConnection::rsaDecrypt(const TpmKey& key, ByteView input,
+                                              const TPMT_RSA_DECRYPT& scheme, ByteView label) {
+    const Turn turn(*this);
+    const auto handle = loaded(key);
+    TPM2B_PUBLIC_KEY_RSA cipher{};
+    copyInto(cipher, input);
+    TPM2B_DATA tpmLabel{};
+    copyInto(tpmLabel, label);
+    TPM2B_PUBLIC_KEY_RSA* rawMessage = nullptr;
+    // What goes in may be a digest to sign or a ciphertext, what comes out a signature or the
+    // plaintext: both cross the bus encrypted, under the salted session.
+    useSession(TPMA_SESSION_DECRYPT | TPMA_SESSION_ENCRYPT);
+    const auto rc = Esys_RSA_Decrypt(esys_.get(), handle, session_, ESYS_TR_NONE, ESYS_TR_NONE,
+                                     &cipher, &scheme, &tpmLabel, &rawMessage);
+    const EsysSecretOut<TPM2B_PUBLIC_KEY_RSA> message(rawMessage);
+    check(rc, "use the RSA key (the input does not suit it, or the key has been changed)");
+    return crypto::secretOf({message->buffer, message->size});
+}
+
+TSS2_RC TpmConnection::testRsaKeySize(int sizeInBits) {
+    const Turn turn(*this);
+    TPMT_PUBLIC_PARMS parameters{};
+    parameters.type = TPM2_ALG_RSA;
+    auto& rsa = parameters.parameters.rsaDetail;
+    rsa.symmetric.algorithm = TPM2_ALG_NULL;
+    rsa.scheme.scheme = TPM2_ALG_NULL;
+    rsa.keyBits = static_cast<TPMI_RSA_KEY_BITS>(sizeInBits);
+    rsa.exponent = 0;
+    return Esys_TestParms(esys_.get(), ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE, &parameters);
+}
+
 }  // namespace keyloft::platform::key_processor

@@ -77,6 +77,13 @@ class TpmConnection {
     std::pair<Bytes, Bytes> signEcdsa(const TpmKey& key, ByteView digest, TPMI_ALG_HASH hash);
     // The x-coordinate of the key's private scalar times the point; the answer travels encrypted.
     crypto::SecretBytes ecdhZGen(const TpmKey& key, ByteView x, ByteView y);
+    // The RSA private-key operation on the input under the scheme: TPM2_ALG_NULL for the raw
+    // operation (input as long as the modulus), TPM2_ALG_OAEP with its hash and label; input and
+    // answer travel encrypted. PlatformError for input the key refuses.
+    crypto::SecretBytes rsaDecrypt(const TpmKey& key, ByteView input,
+                                   const TPMT_RSA_DECRYPT& scheme, ByteView label);
+    // Whether the TPM makes RSA keys of the size: TPM2_TestParms' answer.
+    TSS2_RC testRsaKeySize(int sizeInBits);
 
   private:
     struct EsysFinalize {

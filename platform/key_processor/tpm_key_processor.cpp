@@ -10,6 +10,7 @@
 #include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_processor/object_identifier.hpp"
 #include "platform/key_processor/tpm_connection.hpp"
+#include "platform/key_processor/tpm_rsa_key.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
 
 namespace keyloft::platform::key_processor {
@@ -25,16 +26,25 @@ TPMI_ECC_CURVE curveFor(int sizeInBits) {
     return sizeInBits == 256 ? TPM2_ECC_NIST_P256 : TPM2_ECC_NIST_P384;
 }
 
-// What the TPM signs with and agrees with; sign and decrypt together need a null scheme, which
-// leaves the hash to each Sign call.
+// What the TPM signs with and agrees with (EC) or decrypts with (RSA); sign and decrypt together
+// need a null scheme, which leaves the scheme and hash to each command.
 TPM2B_PUBLIC keyTemplate(int sizeInBits) {
     TPM2B_PUBLIC key{};
     auto& area = key.publicArea;
-    area.type = TPM2_ALG_ECC;
     area.nameAlg = TPM2_ALG_SHA256;
     area.objectAttributes = TPMA_OBJECT_FIXEDTPM | TPMA_OBJECT_FIXEDPARENT |
                             TPMA_OBJECT_SENSITIVEDATAORIGIN | TPMA_OBJECT_USERWITHAUTH |
                             TPMA_OBJECT_SIGN_ENCRYPT | TPMA_OBJECT_DECRYPT | TPMA_OBJECT_NODA;
+    if (isRsaKeySize(sizeInBits)) {
+        area.type = TPM2_ALG_RSA;
+        auto& rsa = area.parameters.rsaDetail;
+        rsa.symmetric.algorithm = TPM2_ALG_NULL;
+        rsa.scheme.scheme = TPM2_ALG_NULL;
+        rsa.keyBits = static_cast<TPMI_RSA_KEY_BITS>(sizeInBits);
+        rsa.exponent = 0;  // 65537
+        return key;
+    }
+    area.type = TPM2_ALG_ECC;
     auto& ecc = area.parameters.eccDetail;
     ecc.symmetric.algorithm = TPM2_ALG_NULL;
     ecc.scheme.scheme = TPM2_ALG_NULL;
@@ -87,10 +97,17 @@ TpmKeyBlobs decodeBlobs(ByteView identifier, const ObjectIdentifierHeader& heade
     }
     const auto expected = keyTemplate(header.sizeInBits).publicArea;
     const auto& area = blobs.publicArea.publicArea;
+    const bool sameKind =
+        area.type == TPM2_ALG_RSA
+            ? area.parameters.rsaDetail.keyBits == expected.parameters.rsaDetail.keyBits &&
+                  area.parameters.rsaDetail.exponent == 0 &&
+                  area.parameters.rsaDetail.scheme.scheme == TPM2_ALG_NULL &&
+                  area.parameters.rsaDetail.symmetric.algorithm == TPM2_ALG_NULL &&
+                  area.unique.rsa.size * 8 == header.sizeInBits
+            : area.parameters.eccDetail.curveID == expected.parameters.eccDetail.curveID &&
+                  area.parameters.eccDetail.scheme.scheme == TPM2_ALG_NULL;
     if (area.type != expected.type || area.nameAlg != expected.nameAlg ||
-        area.objectAttributes != expected.objectAttributes ||
-        area.parameters.eccDetail.curveID != expected.parameters.eccDetail.curveID ||
-        area.parameters.eccDetail.scheme.scheme != TPM2_ALG_NULL) {
+        area.objectAttributes != expected.objectAttributes || !sameKind) {
         refuse("the TPM key does not match its object identifier");
     }
     return blobs;
@@ -209,7 +226,8 @@ class TpmProcessorKey : public ProcessorKey {
 TpmKeyIdentifier decodeTpmIdentifier(ByteView objectIdentifier) {
     const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
     if (!header || header->backEnd != tpmBackEnd) refuse("unknown object identifier");
-    if ((header->sizeInBits != 256 && header->sizeInBits != 384) ||
+    if ((header->sizeInBits != 256 && header->sizeInBits != 384 &&
+         !isRsaKeySize(header->sizeInBits)) ||
         !isSupportedAccessControl(header->accessControl)) {
         refuse("damaged object identifier");
     }
@@ -224,10 +242,26 @@ void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits) {
     }
 }
 
+void requireRsaKeySize(TSS2_RC testResult, int sizeInBits) {
+    if (testResult == TSS2_RC_SUCCESS) return;
+    const auto name = "RSA-" + std::to_string(sizeInBits);
+    throw PlatformError("Key processor: this TPM cannot make " + name + " keys (it refuses " +
+                        name + "'s parameters)");
+}
+
 std::shared_ptr<TpmConnection> TpmKeyProcessor::connection() {
     const std::lock_guard lock(mutex_);
     if (!connection_) connection_ = TpmConnection::open(tcti_);
     return connection_;
+}
+
+std::unique_ptr<ProcessorKey> TpmKeyProcessor::keyOf(
+    std::shared_ptr<TpmConnection> tpm, TpmKey key, const ObjectIdentifierHeader& header,
+    std::shared_ptr<AuthenticationContext> context) {
+    if (isRsaKeySize(header.sizeInBits))
+        return makeTpmRsaKey(std::move(tpm), std::move(key), header, std::move(context), gate_);
+    return std::make_unique<TpmProcessorKey>(std::move(tpm), std::move(key), header,
+                                             std::move(context), gate_);
 }
 
 void TpmKeyProcessor::connect() {
@@ -237,19 +271,20 @@ void TpmKeyProcessor::connect() {
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
                                                          std::uint32_t accessControl) {
     checkNewKeyRequest(sizeInBits, accessControl);
-    if (isRsaKeySize(sizeInBits))
-        throw PlatformError("Key processor: this TPM back end makes no RSA keys yet");
     const ObjectIdentifierHeader header{tpmBackEnd, static_cast<std::uint16_t>(sizeInBits),
                                         accessControl};
     const auto headerBytes = header.encode();
     const auto authValue = authValueFor(headerBytes);
     const auto tpm = connection();
-    requireCurve(tpm->curves(), sizeInBits);
+    if (isRsaKeySize(sizeInBits)) {
+        requireRsaKeySize(tpm->testRsaKeySize(sizeInBits), sizeInBits);
+    } else {
+        requireCurve(tpm->curves(), sizeInBits);
+    }
     const auto blobs = tpm->create(keyTemplate(sizeInBits), authValue);
     // Loaded when first used.
-    return std::make_unique<TpmProcessorKey>(
-        tpm, TpmKey{encodeIdentifier(headerBytes, blobs), blobs, authValue}, header, nullptr,
-        gate_);
+    return keyOf(tpm, TpmKey{encodeIdentifier(headerBytes, blobs), blobs, authValue}, header,
+                 nullptr);
 }
 
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
@@ -259,8 +294,7 @@ std::unique_ptr<ProcessorKey> TpmKeyProcessor::rebuildKey(
                authValueFor(objectIdentifier.first(ObjectIdentifierHeader::size))};
     const auto tpm = connection();
     tpm->load(key);
-    return std::make_unique<TpmProcessorKey>(tpm, std::move(key), header, std::move(context),
-                                             gate_);
+    return keyOf(tpm, std::move(key), header, std::move(context));
 }
 
 }  // namespace keyloft::platform::key_processor

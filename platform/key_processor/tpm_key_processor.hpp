@@ -16,6 +16,9 @@ namespace keyloft::platform::key_processor {
 // PlatformError unless the curves a TPM lists include the one of a key of the size.
 void requireCurve(const std::vector<TPM2_ECC_CURVE>& curves, int sizeInBits);
 
+// PlatformError unless TPM2_TestParms answered success for RSA keys of the size.
+void requireRsaKeySize(TSS2_RC testResult, int sizeInBits);
+
 // An object identifier of this back end, read without the TPM.
 struct TpmKeyIdentifier {
     ObjectIdentifierHeader header;
@@ -25,10 +28,11 @@ struct TpmKeyIdentifier {
 // control it makes, and blobs marshalled exactly as it marshals them from its own template.
 TpmKeyIdentifier decodeTpmIdentifier(ByteView objectIdentifier);
 
-// Keys made inside a TPM 2.0: unrestricted ECC keys for ECDSA and ECDH under the storage primary
-// key. The object identifier is the header followed by the key's public and private blobs as the
-// TPM marshals them; the private blob opens in this TPM only. The key's auth value is derived
-// from the header, so a changed header makes the TPM refuse the key.
+// Keys made inside a TPM 2.0: unrestricted ECC keys for ECDSA and ECDH, and RSA keys for
+// signatures and OAEP decryption, under the storage primary key. The object identifier is the
+// header followed by the key's public and private blobs as the TPM marshals them; the private blob
+// opens in this TPM only. The key's auth value is derived from the header, so a changed header
+// makes the TPM refuse the key.
 class TpmKeyProcessor : public KeyProcessor {
   public:
     // tcti: the TCTI configuration string of the TPM to use.
@@ -43,6 +47,9 @@ class TpmKeyProcessor : public KeyProcessor {
 
   private:
     std::shared_ptr<TpmConnection> connection();
+    std::unique_ptr<ProcessorKey> keyOf(std::shared_ptr<TpmConnection> tpm, TpmKey key,
+                                        const ObjectIdentifierHeader& header,
+                                        std::shared_ptr<AuthenticationContext> context);
 
     std::string tcti_;
     PresenceGate& gate_;

@@ -328,3 +328,30 @@ init = 0
                        "-in", str(tmp_path / "digest"), "-out", str(tmp_path / "signature"),
                        *options, OPENSSL_CONF=str(config))
     verify(tmp_path, wallet.identities[label], tmp_path / "signature", verify_options)
+
+
+DECRYPT_OAEP = """
+import sys, PyKCS11
+from PyKCS11 import LowLevel
+library = PyKCS11.PyKCS11Lib()
+library.load(sys.argv[1])
+session = library.openSession(library.getSlotList(tokenPresent=True)[0])
+(key,) = session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY),
+                              (LowLevel.CKA_ID, bytes.fromhex(sys.argv[2]))])
+label = bytes.fromhex(sys.argv[4]) if len(sys.argv) > 4 else None
+mechanism = PyKCS11.RSAOAEPMechanism(LowLevel.CKM_SHA256, LowLevel.CKG_MGF1_SHA256, label)
+print(bytes(session.decrypt(key, bytes.fromhex(sys.argv[3]), mechanism)).hex())
+"""
+
+
+@pytest.mark.parametrize("oaep_label", [None, b"abc", b"abc\0"])
+@pytest.mark.parametrize("label", ["Rsa", "RsaMade", "RsaBound"])
+def test_oaep_labels_decrypt(wallet, label, oaep_label):
+    """The TPM's OAEP takes only labels ending in a zero byte; the others decrypt as well."""
+    from cryptography.hazmat.primitives.asymmetric import padding
+    identity = wallet.identities[label]
+    ciphertext = identity.public_key.encrypt(MESSAGE, padding.OAEP(
+        padding.MGF1(hashes.SHA256()), hashes.SHA256(), oaep_label))
+    args = [identity.id, ciphertext.hex()] + ([oaep_label.hex()] if oaep_label else [])
+    output = wallet.card.client(sys.executable, "-c", DECRYPT_OAEP, PKCS11_MODULE, *args).stdout
+    assert bytes.fromhex(output.strip()) == MESSAGE

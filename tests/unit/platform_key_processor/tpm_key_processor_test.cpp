@@ -372,6 +372,23 @@ TEST(TpmCurves, AKeyIsMadeOnlyOnACurveTheTpmLists) {
     }
 }
 
+// TPM2_TestParms answers a size the TPM lacks with a parameter error (TPM_RC_VALUE or
+// TPM_RC_KEY_SIZE on parameter 1, as a format-one code); no RSA at all is TPM_RC_TYPE.
+TEST(TpmRsaSizes, AKeyIsMadeOnlyWhenTheTpmTakesItsParameters) {
+    EXPECT_NO_THROW(requireRsaKeySize(TSS2_RC_SUCCESS, 3072));
+    for (const TSS2_RC refused : {TPM2_RC_VALUE | TPM2_RC_P | TPM2_RC_1,
+                                  TPM2_RC_KEY_SIZE | TPM2_RC_P | TPM2_RC_1, TPM2_RC_TYPE}) {
+        try {
+            requireRsaKeySize(refused, 3072);
+            ADD_FAILURE() << "made an RSA-3072 key after " << refused;
+        } catch (const PlatformError& error) {
+            EXPECT_STREQ(error.what(),
+                         "Key processor: this TPM cannot make RSA-3072 keys (it refuses "
+                         "RSA-3072's parameters)");
+        }
+    }
+}
+
 // Codes reach us from the TPM itself, through a resource manager that marks some with its own
 // layer, and from the software stack; format-one codes carry the handle, session or parameter.
 TEST(TpmTroubles, AreToldApartWhereverTheCodeComesFrom) {
