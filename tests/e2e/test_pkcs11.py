@@ -319,3 +319,23 @@ init = 0
                        "-in", str(tmp_path / "digest"), "-out", str(tmp_path / "signature"),
                        *options, OPENSSL_CONF=str(config))
     verify(tmp_path, wallet.identities[label], tmp_path / "signature", verify_options)
+
+
+READ_KEY_PROCESSORS = """
+import sys, PyKCS11
+from PyKCS11 import LowLevel
+library = PyKCS11.PyKCS11Lib()
+library.load(sys.argv[1])
+session = library.openSession(library.getSlotList(tokenPresent=True)[0])
+for key in session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY)]):
+    label, where = session.getAttributeValue(key, [LowLevel.CKA_LABEL, 0x80000000 | 0x4B4C0001])
+    print(label, bytes(where).decode())
+"""
+
+
+def test_each_private_key_names_its_key_processor(wallet, key_processor):
+    """A key made in software or bound to `soft` is told from a TPM key: the imported key is
+    wrapped under a key of the processor in use, as the others are."""
+    output = wallet.card.client(sys.executable, "-c", READ_KEY_PROCESSORS, PKCS11_MODULE).stdout
+    assert dict(line.split() for line in output.splitlines()) == {
+        label: key_processor for label in wallet.identities}
