@@ -19,7 +19,7 @@ _keyloft_options_of() {
         create-csr) echo "-h -f $subject" ;;
         import-certificate) echo "-f" ;;
         export-identity) echo "-h -f -p" ;;
-        import-identities) echo "-f -p" ;;
+        import-identities) echo "-f -p -prot" ;;
         delete-identity) echo "-h" ;;
     esac
 }

@@ -16,7 +16,7 @@ BiometryProtection protectionFor(bool biometry) {
 
 // A stored record, or one read in place.
 template <class Storage>
-bool reachesTpm(const Storage& storage) {
+bool storageReachesTpm(const Storage& storage) {
     const auto& [boundKey, sealedKey] = storage;
     return (boundKey && platform::key_processor::isTpmKey(boundKey->keyData)) ||
            (sealedKey && platform::key_processor::isTpmKey(sealedKey->wrappingPrivateKeyData));
@@ -56,15 +56,19 @@ std::pair<SealedKey, std::unique_ptr<platform::key_processor::ProcessorKey>> sea
 
 }  // namespace
 
+bool reachesTpm(const KeyStorage& storage) {
+    return storageReachesTpm(storage);
+}
+
 bool holdsTpmKeys(const StoredKeyMap& card) {
     return std::any_of(card.begin(), card.end(),
-                       [](const auto& entry) { return reachesTpm(entry.second); });
+                       [](const auto& entry) { return storageReachesTpm(entry.second); });
 }
 
 bool holdsTpmKeys(const std::optional<Bytes>& configurationData) {
     bool found = false;
     readStoredKeys(configurationData, [&](ByteView /*hash*/, const KeyStorageView& storage) {
-        found = found || reachesTpm(storage);
+        found = found || storageReachesTpm(storage);
     });
     return found;
 }

@@ -27,6 +27,8 @@ struct NewKey {
     Bytes sign(platform::key_service::SignatureAlgorithm algorithm, ByteView message) const;
 };
 
+// Whether the record's key, or the key it is wrapped under, is inside a TPM.
+bool reachesTpm(const KeyStorage& storage);
 // Whether the card's records reach any key inside a TPM: such a card gets no new soft keys.
 bool holdsTpmKeys(const StoredKeyMap& card);
 // The same of the card's configuration data, read without decoding it into a map; throws the

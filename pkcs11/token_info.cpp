@@ -6,6 +6,7 @@
 #include "card/user_card.hpp"
 #include "encoding/hex.hpp"
 #include "platform/crypto/digest.hpp"
+#include "platform/key_processor/key_processor.hpp"
 
 namespace keyloft::pkcs11 {
 namespace {
@@ -54,7 +55,10 @@ CK_TOKEN_INFO tokenInfo(CK_ULONG sessionCount, CK_ULONG readWriteSessionCount) {
     CK_TOKEN_INFO info{};
     fill(info.label, "keyloft");
     fill(info.manufacturerID, "keyloft");
-    fill(info.model, "virtual card");
+    // Where new keys are made: "software" or "TPM 2.0" and its maker. Asked once: the key
+    // processors of a process stay what they were when first asked.
+    static const std::string keyProcessor = platform::key_processor::describeDefaultKeyProcessor();
+    fill(info.model, keyProcessor);
     fill(info.serialNumber, serialNumber());
     // Applications use and manage identities without a PIN, as the tool does.
     info.flags = CKF_TOKEN_INITIALIZED | CKF_RNG;

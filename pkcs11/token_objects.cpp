@@ -8,6 +8,7 @@
 #include "der/reader.hpp"
 #include "der/record.hpp"
 #include "keys/key_access.hpp"
+#include "keys/key_creation.hpp"
 #include "pkcs11/mechanisms.hpp"
 #include "x509/certificate_reader.hpp"
 
@@ -172,10 +173,10 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const card::Id
     }
     objects.push_back(keyObject(CKO_PUBLIC_KEY, item.objectID, std::move(publicKey), facts));
 
-    if (custody == PrivateKeyCustody::none) return;
+    if (custody.kind == PrivateKeyCustody::Kind::none) return;
     // A key bound to the key processor was made there and can never leave it; a wrapped key
     // can be exported by the tool, and may have been imported.
-    const bool bound = custody == PrivateKeyCustody::bound;
+    const bool bound = custody.kind == PrivateKeyCustody::Kind::bound;
     auto privateKey = shared(CKO_PRIVATE_KEY);
     privateKey.setBool(CKA_SIGN, can.sign);
     privateKey.setBool(CKA_DERIVE, can.derive);
@@ -189,6 +190,7 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const card::Id
     privateKey.setBool(CKA_WRAP_WITH_TRUSTED, false);
     privateKey.setBool(CKA_ALWAYS_AUTHENTICATE, false);
     privateKey.setBool(CKA_LOCAL, bound);
+    privateKey.set(attributeKeyProcessor, bytesOf(custody.inTpm ? "tpm" : "soft"));
     privateKey.setUlong(CKA_KEY_GEN_MECHANISM, !bound              ? CK_UNAVAILABLE_INFORMATION
                                                : keyType == CKK_EC ? CKM_EC_KEY_PAIR_GEN
                                                                    : CKM_RSA_PKCS_KEY_PAIR_GEN);
@@ -216,11 +218,12 @@ std::shared_ptr<const card::IdentityKey> identityKeyOf(
 }
 
 PrivateKeyCustody custodyOf(const card::IdentityKey* key, const keys::StoredKeyMap& storedKeys) {
-    if (key == nullptr) return PrivateKeyCustody::none;
+    if (key == nullptr) return {};
     const auto stored = storedKeys.find(key->publicKeyHash);
-    if (stored == storedKeys.end()) return PrivateKeyCustody::none;
-    return keys::protectionOf(stored->second).exportable ? PrivateKeyCustody::exportable
-                                                         : PrivateKeyCustody::bound;
+    if (stored == storedKeys.end()) return {};
+    return {keys::protectionOf(stored->second).exportable ? PrivateKeyCustody::Kind::exportable
+                                                          : PrivateKeyCustody::Kind::bound,
+            keys::reachesTpm(stored->second)};
 }
 
 std::vector<TokenObject> itemObjects(const platform::token_store::TokenItem& item,

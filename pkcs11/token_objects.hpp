@@ -41,8 +41,19 @@ struct TokenObject {
     bool allows(CK_ATTRIBUTE_TYPE usage) const;
 };
 
-// Whether a key item's private key object exists, and what it promises of the key.
-enum class PrivateKeyCustody : std::uint8_t { none, exportable, bound };
+// Whether a key item's private key object exists, what it promises of the key, and where the key
+// (or the key it is wrapped under) lives.
+struct PrivateKeyCustody {
+    enum class Kind : std::uint8_t { none, exportable, bound };
+    Kind kind = Kind::none;
+    bool inTpm = false;
+
+    bool operator==(const PrivateKeyCustody&) const = default;
+};
+
+// The private key's attribute naming the key processor that holds it, or the key it is wrapped
+// under: "tpm" or "soft".
+inline constexpr CK_ATTRIBUTE_TYPE attributeKeyProcessor = CKA_VENDOR_DEFINED | 0x4B4C0001;
 
 // A key item's key as its certificate gives it, worked out once for the item's objects and its
 // custody; null for a certificate item and for a key item whose certificate gives none.

@@ -12,6 +12,8 @@ packages=(
     openssl openssh-client python3 python3-pytest python3-cryptography
     # Clients the PKCS#11 module is tested with.
     opensc openssh-server libengine-pkcs11-openssl python3-pykcs11 gnutls-bin libnss3-tools
+    # The applications the card is used from, each tested with its recipe.
+    firefox-esr chromium p11-kit-modules curl
     # The signing benchmark compares the module with SoftHSM2.
     softhsm2
     # The TPM tests: a simulator behind the resource manager, on a private D-Bus.

@@ -13,6 +13,12 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKEYLOFT_SANITIZE=ON \
     -DKEYLOFT_PAM_CONFDIR="$PWD/$build/pam.d"
 cmake --build "$build" -j"$(nproc)"
 
+# Browsers and agents load the module as users do, unsanitized: a Release build of it.
+release=build-release
+cmake -S . -B "$release" -G Ninja -DCMAKE_BUILD_TYPE=Release
+cmake --build "$release" -j"$(nproc)" --target keyloft-pkcs11
+export KEYLOFT_PKCS11_PLAIN=$PWD/$release/pkcs11/libkeyloft-pkcs11.so
+
 # The Debian package: built from a copy of the tree, checked by lintian, installed and removed.
 scripts/test-package.sh
 

@@ -75,8 +75,15 @@ class ProcessorKey : public key_service::PrivateKey {
 class KeyProcessor {
   public:
     virtual ~KeyProcessor() = default;
+<<<<<<< HEAD
     // A P-256, P-384, RSA-2048 or RSA-3072 key under the access-control word: private-key usage,
     // optionally with biometry; other words are refused, since the processor could not honour them.
+=======
+    // What holds the keys, for people: "software", or "TPM 2.0" and the TPM's manufacturer.
+    virtual std::string description() = 0;
+    // A P-256 or P-384 key under the access-control word: private-key usage, optionally with
+    // biometry; other words are refused, since the processor could not honour them.
+>>>>>>> r24
     virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
                                                     std::uint32_t accessControl) = 0;
     // Rebuilds a handle; without a context the handle makes its own.
@@ -88,6 +95,9 @@ class KeyProcessor {
 // A card that already holds TPM keys never gets soft ones silently: it gets the TPM or a
 // PlatformError saying why not. KEYLOFT_KEY_PROCESSOR=soft or =tpm forces the choice.
 KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys);
+// The description of the processor that makes new keys here (as defaultKeyProcessor(false)), or
+// why there is none.
+std::string describeDefaultKeyProcessor();
 // Whether the identifier names a key of the TPM back end.
 bool isTpmKey(ByteView objectIdentifier);
 // The processor named by an object identifier; PlatformError when no back end here knows it.

@@ -154,6 +154,14 @@ KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys) {
     return *tpm;
 }
 
+std::string describeDefaultKeyProcessor() {
+    try {
+        return defaultKeyProcessor(false).description();
+    } catch (const PlatformError&) {
+        return "no TPM";  // a TPM is required and none answers
+    }
+}
+
 bool isTpmKey(ByteView objectIdentifier) {
     const auto header = ObjectIdentifierHeader::decode(objectIdentifier);
     return header && header->backEnd == tpmBackEnd;

@@ -15,6 +15,7 @@ class SoftKeyProcessor : public KeyProcessor {
     SoftKeyProcessor(std::filesystem::path deviceKeyFile, PresenceGate& gate)
         : deviceKeyFile_(std::move(deviceKeyFile)), gate_(gate) {}
 
+    std::string description() override { return "software"; }
     std::unique_ptr<ProcessorKey> createKey(int sizeInBits, std::uint32_t accessControl) override;
     std::unique_ptr<ProcessorKey> rebuildKey(
         ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) override;

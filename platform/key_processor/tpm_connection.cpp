@@ -203,6 +203,7 @@ std::shared_ptr<TpmConnection> TpmConnection::open(const std::string& tcti) {
 
     // The first command: a TCTI that connects lazily (the simulator's) fails here.
     connection->readCurves();
+    connection->readManufacturer();
     connection->useStorageKey();
 
     // Salted with the storage key: the session key is known to the TPM and to us only.
@@ -239,6 +240,24 @@ void TpmConnection::readCurves() {
         if (list.count == 0) break;
         curves_.insert(curves_.end(), list.eccCurves, list.eccCurves + list.count);
         next = static_cast<TPM2_ECC_CURVE>(list.eccCurves[list.count - 1] + 1);
+    }
+}
+
+void TpmConnection::readManufacturer() {
+    TPMI_YES_NO more = TPM2_NO;
+    TPMS_CAPABILITY_DATA* rawData = nullptr;
+    if (Esys_GetCapability(esys_.get(), ESYS_TR_NONE, ESYS_TR_NONE, ESYS_TR_NONE,
+                           TPM2_CAP_TPM_PROPERTIES, TPM2_PT_MANUFACTURER, 1, &more,
+                           &rawData) != TSS2_RC_SUCCESS) {
+        return;
+    }
+    const EsysOut<TPMS_CAPABILITY_DATA> data(rawData);
+    const auto& properties = data->data.tpmProperties;
+    if (properties.count == 0 || properties.tpmProperty[0].property != TPM2_PT_MANUFACTURER) return;
+    const std::uint32_t code = properties.tpmProperty[0].value;
+    for (const int shift : {24, 16, 8, 0}) {
+        const char c = static_cast<char>((code >> shift) & 0xFF);
+        if (c >= 0x21 && c <= 0x7E) manufacturer_ += c;
     }
 }
 

@@ -65,6 +65,9 @@ class TpmConnection {
 
     // The ECC curves the TPM has, as it lists them.
     const std::vector<TPM2_ECC_CURVE>& curves() const { return curves_; }
+    // The TPM's manufacturer as its four-letter vendor code ("IBM", "INTC", "STM", ...), trailing
+    // blanks and zeros dropped; empty when the TPM does not tell.
+    const std::string& manufacturer() const { return manufacturer_; }
     // Whether the storage key is the persistent one rather than a primary made by us.
     bool persistentStorageKey() const { return persistent_; }
 
@@ -125,6 +128,7 @@ class TpmConnection {
     std::unique_ptr<TSS2_TCTI_CONTEXT, TctiFinalize> tcti_;
     std::unique_ptr<ESYS_CONTEXT, EsysFinalize> esys_;
     void readCurves();
+    void readManufacturer();
     void useStorageKey();
 
     ESYS_TR primary_ = ESYS_TR_NONE;
@@ -132,6 +136,7 @@ class TpmConnection {
     ESYS_TR session_ = ESYS_TR_NONE;
     bool encrypting_ = true;
     std::vector<TPM2_ECC_CURVE> curves_;
+    std::string manufacturer_;
     std::vector<LoadedKey> loaded_;  // most recently used first
 };
 

@@ -268,6 +268,11 @@ void TpmKeyProcessor::connect() {
     connection();
 }
 
+std::string TpmKeyProcessor::description() {
+    const auto& manufacturer = connection()->manufacturer();
+    return manufacturer.empty() ? "TPM 2.0" : "TPM 2.0 " + manufacturer;
+}
+
 std::unique_ptr<ProcessorKey> TpmKeyProcessor::createKey(int sizeInBits,
                                                          std::uint32_t accessControl) {
     checkNewKeyRequest(sizeInBits, accessControl);

@@ -38,6 +38,7 @@ class TpmKeyProcessor : public KeyProcessor {
     // tcti: the TCTI configuration string of the TPM to use.
     TpmKeyProcessor(std::string tcti, PresenceGate& gate) : tcti_(std::move(tcti)), gate_(gate) {}
 
+    std::string description() override;
     std::unique_ptr<ProcessorKey> createKey(int sizeInBits, std::uint32_t accessControl) override;
     std::unique_ptr<ProcessorKey> rebuildKey(
         ByteView objectIdentifier, std::shared_ptr<AuthenticationContext> context) override;

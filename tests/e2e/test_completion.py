@@ -56,6 +56,7 @@ def two_identities(card):
     ("keyloft list-identities -t ssh -e ", {"hex", "b64"}),
     ("keyloft list-identities -t ssh -", {"-e"}),
     ("keyloft export-identity -", {"-h", "-f", "-p"}),
+    ("keyloft import-identities -", {"-f", "-p", "-prot"}),
     ("keyloft create-identity -l Mail -k p-256 -C", {"-CN", "-C"}),
     ("keyloft create-identity -l ", set()),
     ("keyloft delete-all-identities -", set()),

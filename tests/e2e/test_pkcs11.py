@@ -104,13 +104,14 @@ def listed_objects(text):
     return objects
 
 
-def test_the_slot_holds_the_token(wallet):
+def test_the_slot_holds_the_token(wallet, key_processor):
     output = tool(wallet.card, "-L").stdout
     assert len(re.findall(r"^Slot ", output, re.M)) == 1, output
     fields = dict(re.findall(r"^  (\w[\w ]*?)\s*: (.*)$", output, re.M))
     assert fields["token label"] == "keyloft"
     assert fields["token manufacturer"] == "keyloft"
-    assert fields["token model"] == "virtual card"
+    # Where new keys are made: swtpm says it is made by IBM.
+    assert fields["token model"] == {"soft": "software", "tpm": "TPM 2.0 IBM"}[key_processor]
     assert re.fullmatch(r"[0-9A-Fa-f]{16}", fields["serial num"])
     assert "token initialized" in fields["token flags"]
     assert "login required" not in fields["token flags"]
@@ -330,12 +331,53 @@ init = 0
     verify(tmp_path, wallet.identities[label], tmp_path / "signature", verify_options)
 
 
-DECRYPT_OAEP = """
+# A PyKCS11 script's start: the module its first argument, a session on the card's slot.
+SESSION = """
 import sys, PyKCS11
 from PyKCS11 import LowLevel
 library = PyKCS11.PyKCS11Lib()
 library.load(sys.argv[1])
 session = library.openSession(library.getSlotList(tokenPresent=True)[0])
+"""
+DECRYPT_OAEP = SESSION + """
+(key,) = session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY),
+                              (LowLevel.CKA_ID, bytes.fromhex(sys.argv[2]))])
+label = bytes.fromhex(sys.argv[4]) if len(sys.argv) > 4 else None
+mechanism = PyKCS11.RSAOAEPMechanism(LowLevel.CKM_SHA256, LowLevel.CKG_MGF1_SHA256, label)
+print(bytes(session.decrypt(key, bytes.fromhex(sys.argv[3]), mechanism)).hex())
+"""
+READ_KEY_PROCESSORS = SESSION + """
+for key in session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY)]):
+    label, where = session.getAttributeValue(key, [LowLevel.CKA_LABEL, 0x80000000 | 0x4B4C0001])
+    print(label, bytes(where).decode())
+"""
+
+
+@pytest.mark.parametrize("oaep_label", [None, b"abc", b"abc\0"])
+@pytest.mark.parametrize("label", ["Rsa", "RsaMade", "RsaBound"])
+def test_oaep_labels_decrypt(wallet, label, oaep_label):
+    """The TPM's OAEP takes only labels ending in a zero byte; the others decrypt as well."""
+    from cryptography.hazmat.primitives.asymmetric import padding
+    identity = wallet.identities[label]
+    ciphertext = identity.public_key.encrypt(MESSAGE, padding.OAEP(
+        padding.MGF1(hashes.SHA256()), hashes.SHA256(), oaep_label))
+    args = [identity.id, ciphertext.hex()] + ([oaep_label.hex()] if oaep_label else [])
+    output = wallet.card.client(sys.executable, "-c", DECRYPT_OAEP, PKCS11_MODULE, *args).stdout
+    assert bytes.fromhex(output.strip()) == MESSAGE
+
+
+def test_each_private_key_names_its_key_processor(wallet, key_processor):
+    """A key made in software or bound to `soft` is told from a TPM key: the imported key is
+    wrapped under a key of the processor in use, as the others are."""
+    output = wallet.card.client(sys.executable, "-c", READ_KEY_PROCESSORS, PKCS11_MODULE).stdout
+    assert dict(line.split() for line in output.splitlines()) == {
+        label: key_processor for label in wallet.identities}
+import sys, PyKCS11
+from PyKCS11 import LowLevel
+library = PyKCS11.PyKCS11Lib()
+library.load(sys.argv[1])
+session = library.openSession(library.getSlotList(tokenPresent=True)[0])
+<<<<<<< HEAD
 (key,) = session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY),
                               (LowLevel.CKA_ID, bytes.fromhex(sys.argv[2]))])
 label = bytes.fromhex(sys.argv[4]) if len(sys.argv) > 4 else None
@@ -355,3 +397,17 @@ def test_oaep_labels_decrypt(wallet, label, oaep_label):
     args = [identity.id, ciphertext.hex()] + ([oaep_label.hex()] if oaep_label else [])
     output = wallet.card.client(sys.executable, "-c", DECRYPT_OAEP, PKCS11_MODULE, *args).stdout
     assert bytes.fromhex(output.strip()) == MESSAGE
+=======
+for key in session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY)]):
+    label, where = session.getAttributeValue(key, [LowLevel.CKA_LABEL, 0x80000000 | 0x4B4C0001])
+    print(label, bytes(where).decode())
+"""
+
+
+def test_each_private_key_names_its_key_processor(wallet, key_processor):
+    """A key made in software or bound to `soft` is told from a TPM key: the imported key is
+    wrapped under a key of the processor in use, as the others are."""
+    output = wallet.card.client(sys.executable, "-c", READ_KEY_PROCESSORS, PKCS11_MODULE).stdout
+    assert dict(line.split() for line in output.splitlines()) == {
+        label: key_processor for label in wallet.identities}
+>>>>>>> r24
