@@ -75,15 +75,10 @@ class ProcessorKey : public key_service::PrivateKey {
 class KeyProcessor {
   public:
     virtual ~KeyProcessor() = default;
-<<<<<<< HEAD
-    // A P-256, P-384, RSA-2048 or RSA-3072 key under the access-control word: private-key usage,
-    // optionally with biometry; other words are refused, since the processor could not honour them.
-=======
     // What holds the keys, for people: "software", or "TPM 2.0" and the TPM's manufacturer.
     virtual std::string description() = 0;
-    // A P-256 or P-384 key under the access-control word: private-key usage, optionally with
-    // biometry; other words are refused, since the processor could not honour them.
->>>>>>> r24
+    // A P-256, P-384, RSA-2048 or RSA-3072 key under the access-control word: private-key usage,
+    // optionally with biometry; other words are refused, since the processor could not honour them.
     virtual std::unique_ptr<ProcessorKey> createKey(int sizeInBits,
                                                     std::uint32_t accessControl) = 0;
     // Rebuilds a handle; without a context the handle makes its own.
