@@ -12,6 +12,88 @@ namespace {
 
 constexpr std::array<std::uint8_t, 3> rsaPublicExponent{0x01, 0x00, 0x01};
 
+// What a key-pair template may say of an attribute: anything (the call reads it, or the module
+// takes any value), a boolean the made key has, or nothing at all (the token makes the value).
+enum class Given : std::uint8_t { any, onlyTrue, onlyFalse, nothing };
+
+struct TemplateRule {
+    CK_ATTRIBUTE_TYPE type;
+    Given publicKey;
+    Given privateKey;
+};
+
+// Every attribute a key object can have; a template naming another is refused. CKA_PRIVATE may
+// be true in the private template: pkcs11-tool always asks so, and the token has no login that
+// could keep a key from the user's other programs.
+constexpr std::array templateRules{
+    TemplateRule{CKA_CLASS, Given::any, Given::any},
+    TemplateRule{CKA_TOKEN, Given::any, Given::any},
+    TemplateRule{CKA_KEY_TYPE, Given::any, Given::any},
+    TemplateRule{CKA_LABEL, Given::any, Given::any},
+    TemplateRule{CKA_ID, Given::any, Given::any},
+    TemplateRule{CKA_SUBJECT, Given::any, Given::any},
+    TemplateRule{CKA_START_DATE, Given::any, Given::any},
+    TemplateRule{CKA_END_DATE, Given::any, Given::any},
+    TemplateRule{CKA_ALLOWED_MECHANISMS, Given::any, Given::any},
+    TemplateRule{CKA_PRIVATE, Given::onlyFalse, Given::any},
+    TemplateRule{CKA_MODIFIABLE, Given::onlyTrue, Given::onlyTrue},
+    TemplateRule{CKA_COPYABLE, Given::onlyFalse, Given::onlyFalse},
+    TemplateRule{CKA_DESTROYABLE, Given::onlyTrue, Given::onlyTrue},
+    TemplateRule{CKA_EC_PARAMS, Given::any, Given::nothing},
+    TemplateRule{CKA_MODULUS_BITS, Given::any, Given::nothing},
+    TemplateRule{CKA_PUBLIC_EXPONENT, Given::any, Given::nothing},
+    TemplateRule{CKA_VERIFY, Given::any, Given::nothing},
+    TemplateRule{CKA_ENCRYPT, Given::any, Given::nothing},
+    TemplateRule{CKA_DERIVE, Given::any, Given::any},
+    TemplateRule{CKA_VERIFY_RECOVER, Given::onlyFalse, Given::nothing},
+    TemplateRule{CKA_WRAP, Given::onlyFalse, Given::nothing},
+    TemplateRule{CKA_TRUSTED, Given::onlyFalse, Given::nothing},
+    TemplateRule{CKA_SIGN, Given::nothing, Given::any},
+    TemplateRule{CKA_DECRYPT, Given::nothing, Given::any},
+    TemplateRule{CKA_EXTRACTABLE, Given::nothing, Given::any},
+    TemplateRule{CKA_SENSITIVE, Given::nothing, Given::onlyTrue},
+    TemplateRule{CKA_SIGN_RECOVER, Given::nothing, Given::onlyFalse},
+    TemplateRule{CKA_UNWRAP, Given::nothing, Given::onlyFalse},
+    TemplateRule{CKA_ALWAYS_AUTHENTICATE, Given::nothing, Given::onlyFalse},
+    TemplateRule{CKA_WRAP_WITH_TRUSTED, Given::nothing, Given::onlyFalse},
+    // Made by the token with the key.
+    TemplateRule{CKA_LOCAL, Given::nothing, Given::nothing},
+    TemplateRule{CKA_KEY_GEN_MECHANISM, Given::nothing, Given::nothing},
+    TemplateRule{CKA_PUBLIC_KEY_INFO, Given::nothing, Given::nothing},
+    TemplateRule{CKA_MODULUS, Given::nothing, Given::nothing},
+    TemplateRule{CKA_EC_POINT, Given::nothing, Given::nothing},
+    TemplateRule{CKA_VALUE, Given::nothing, Given::nothing},
+    TemplateRule{CKA_PRIVATE_EXPONENT, Given::nothing, Given::nothing},
+    TemplateRule{CKA_PRIME_1, Given::nothing, Given::nothing},
+    TemplateRule{CKA_PRIME_2, Given::nothing, Given::nothing},
+    TemplateRule{CKA_EXPONENT_1, Given::nothing, Given::nothing},
+    TemplateRule{CKA_EXPONENT_2, Given::nothing, Given::nothing},
+    TemplateRule{CKA_COEFFICIENT, Given::nothing, Given::nothing},
+    TemplateRule{CKA_ALWAYS_SENSITIVE, Given::nothing, Given::nothing},
+    TemplateRule{CKA_NEVER_EXTRACTABLE, Given::nothing, Given::nothing},
+};
+
+// A template refused before anything else is read: an attribute no key has
+// (CKR_ATTRIBUTE_TYPE_INVALID), one given twice with different values, one the token makes
+// itself, or a value the module would not honour (CKR_TEMPLATE_INCONSISTENT).
+void checkKeyTemplate(std::span<const CK_ATTRIBUTE> keyTemplate, CK_OBJECT_CLASS keyClass) {
+    for (std::size_t i = 0; i < keyTemplate.size(); ++i) {
+        const auto& attribute = keyTemplate[i];
+        const auto rule = std::ranges::find(templateRules, attribute.type, &TemplateRule::type);
+        if (rule == templateRules.end()) throw CryptokiError(CKR_ATTRIBUTE_TYPE_INVALID);
+        const Given given = keyClass == CKO_PUBLIC_KEY ? rule->publicKey : rule->privateKey;
+        const bool honoured = given == Given::any ||
+                              (given == Given::onlyTrue && boolOf(attribute)) ||
+                              (given == Given::onlyFalse && !boolOf(attribute));
+        if (!honoured) throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+        for (std::size_t j = 0; j < i; ++j) {
+            if (keyTemplate[j].type == attribute.type &&
+                valueOf(keyTemplate[j]) != valueOf(attribute))
+                throw CryptokiError(CKR_TEMPLATE_INCONSISTENT);
+        }
+    }
+}
+
 // A key asked for as non-extractable is made inside the key processor; a wrapped key can be
 // exported with the tool.
 bool extractableIn(std::span<const CK_ATTRIBUTE> privateTemplate) {
@@ -104,6 +186,7 @@ KeyPairRequest keyPairRequestOf(CK_MECHANISM_TYPE mechanism,
     const bool rsa = mechanism == CKM_RSA_PKCS_KEY_PAIR_GEN;
     for (const auto& [keyTemplate, keyClass] :
          {std::pair{publicTemplate, CKO_PUBLIC_KEY}, {privateTemplate, CKO_PRIVATE_KEY}}) {
+        checkKeyTemplate(keyTemplate, keyClass);
         expectTokenObject(keyTemplate);
         expectUlong(keyTemplate, CKA_CLASS, keyClass);
         expectUlong(keyTemplate, CKA_KEY_TYPE, rsa ? CKK_RSA : CKK_EC);

@@ -221,6 +221,27 @@ CK_RV C_Decrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pEncryptedData, CK_ULONG
     });
 }
 
+CK_RV C_EncryptInit(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
+                    CK_OBJECT_HANDLE hKey) {
+    return onSlot([&](Slot& slot) {
+        startOperation(slot, slot.session(hSession)->encrypting, pMechanism, hKey);
+    });
+}
+
+CK_RV C_Encrypt(CK_SESSION_HANDLE hSession, CK_BYTE_PTR pData, CK_ULONG ulDataLen,
+                CK_BYTE_PTR pEncryptedData, CK_ULONG_PTR pulEncryptedDataLen) {
+    return onSlot([&](Slot& slot) {
+        stepOf(slot.session(hSession)->encrypting, [&](EncryptOperation& operation) {
+            const auto message = arrayArgument(pData, ulDataLen);
+            require(pulEncryptedDataLen);
+            if (!roomFor(operation.ciphertextSize(), pEncryptedData, pulEncryptedDataLen))
+                return false;
+            deliver(operation.encrypt(message), pEncryptedData, pulEncryptedDataLen);
+            return true;
+        });
+    });
+}
+
 CK_RV C_DeriveKey(CK_SESSION_HANDLE hSession, CK_MECHANISM_PTR pMechanism,
                   CK_OBJECT_HANDLE hBaseKey, CK_ATTRIBUTE_PTR pTemplate, CK_ULONG ulAttributeCount,
                   CK_OBJECT_HANDLE_PTR phKey) {

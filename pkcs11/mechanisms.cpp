@@ -73,10 +73,13 @@ CK_MECHANISM_INFO mechanismInfo(const Mechanism& mechanism) {
         case Scheme::ecdh:
             return {ecMinBits, ecMaxBits, CKF_DERIVE | ecCurveFlags};
         case Scheme::rsaPkcs1:
+            // The raw mechanism also encrypts with public keys; the hash-and-sign ones only sign.
+            return {rsaMinBits, rsaMaxBits,
+                    CKF_SIGN | CKF_VERIFY | (mechanism.digest ? 0 : CKF_ENCRYPT)};
         case Scheme::rsaPss:
             return {rsaMinBits, rsaMaxBits, CKF_SIGN | CKF_VERIFY};
         case Scheme::rsaOaep:
-            return {rsaMinBits, rsaMaxBits, CKF_DECRYPT};
+            return {rsaMinBits, rsaMaxBits, CKF_ENCRYPT | CKF_DECRYPT};
         case Scheme::digest:
             return {0, 0, CKF_DIGEST};
         case Scheme::ecKeyPair:

@@ -6,6 +6,7 @@
 #include "der/ecdsa_signature.hpp"
 #include "der/object_identifiers.hpp"
 #include "der/reader.hpp"
+#include "platform/key_service/rsa_encryption.hpp"
 #include "platform/key_service/signature_check.hpp"
 
 namespace keyloft::pkcs11 {
@@ -35,7 +36,8 @@ const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObje
                                   CK_ATTRIBUTE_TYPE usage) {
     const Mechanism* found = findMechanism(mechanism.mechanism);
     if (found == nullptr) throw CryptokiError(CKR_MECHANISM_INVALID);
-    const CK_OBJECT_CLASS keyClass = usage == CKA_VERIFY ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
+    const CK_OBJECT_CLASS keyClass =
+        usage == CKA_VERIFY || usage == CKA_ENCRYPT ? CKO_PUBLIC_KEY : CKO_PRIVATE_KEY;
     if (!key.key || key.identity.objectClass != keyClass)
         throw CryptokiError(CKR_KEY_TYPE_INCONSISTENT);
     if (found->scheme == Scheme::digest || found->scheme == Scheme::ecKeyPair ||
@@ -44,6 +46,7 @@ const Mechanism& checkedMechanism(const CK_MECHANISM& mechanism, const TokenObje
     const CK_FLAGS needed = usage == CKA_SIGN      ? CKF_SIGN
                             : usage == CKA_VERIFY  ? CKF_VERIFY
                             : usage == CKA_DECRYPT ? CKF_DECRYPT
+                            : usage == CKA_ENCRYPT ? CKF_ENCRYPT
                                                    : CKF_DERIVE;
     if ((mechanismInfo(*found).flags & needed) == 0) throw CryptokiError(CKR_MECHANISM_INVALID);
     if (!key.allows(usage)) throw CryptokiError(CKR_KEY_FUNCTION_NOT_PERMITTED);
@@ -189,8 +192,9 @@ Bytes DigestOperation::finish() const {
     return copy.finish();
 }
 
-DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
-    : key_(checkedKey(mechanism, key, CKA_DECRYPT)) {
+namespace {
+
+platform::key_service::RsaOaepParameters oaepParametersOf(const CK_MECHANISM& mechanism) {
     const auto* oaep = parametersOf<CK_RSA_PKCS_OAEP_PARAMS>(mechanism);
     const bool hasLabel = oaep->ulSourceDataLen != 0;
     if ((oaep->source != CKZ_DATA_SPECIFIED && (oaep->source != 0 || hasLabel)) ||
@@ -198,9 +202,31 @@ DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObj
         throw CryptokiError(CKR_MECHANISM_PARAM_INVALID);
     }
     const auto* label = static_cast<const std::uint8_t*>(oaep->pSourceData);
-    oaep_ = {digestOrInvalid(digestOfMechanism(oaep->hashAlg)),
-             digestOrInvalid(digestOfMgf(oaep->mgf)),
-             hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
+    return {digestOrInvalid(digestOfMechanism(oaep->hashAlg)),
+            digestOrInvalid(digestOfMgf(oaep->mgf)),
+            hasLabel ? Bytes(label, label + oaep->ulSourceDataLen) : Bytes{}};
+}
+
+}  // namespace
+
+DecryptOperation::DecryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+    : key_(checkedKey(mechanism, key, CKA_DECRYPT)), oaep_(oaepParametersOf(mechanism)) {}
+
+EncryptOperation::EncryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key)
+    : key_(checkedKey(mechanism, key, CKA_ENCRYPT)) {
+    if (mechanism.mechanism == CKM_RSA_PKCS_OAEP) {
+        oaep_ = oaepParametersOf(mechanism);
+    } else {
+        expectNoParameters(mechanism);
+    }
+}
+
+Bytes EncryptOperation::encrypt(ByteView message) const {
+    try {
+        return platform::key_service::encryptRsa(key_.publicKeyData, message, oaep_);
+    } catch (const PlatformError&) {
+        throw CryptokiError(CKR_DATA_LEN_RANGE);
+    }
 }
 
 namespace {

@@ -90,6 +90,21 @@ class DecryptOperation {
     platform::key_service::RsaOaepParameters oaep_;
 };
 
+// RSA encryption with a public key, done by the module: RSA-OAEP (CKM_RSA_PKCS_OAEP) or
+// PKCS#1 v1.5 (CKM_RSA_PKCS).
+class EncryptOperation {
+  public:
+    EncryptOperation(const CK_MECHANISM& mechanism, const TokenObject& key);
+
+    std::size_t ciphertextSize() const { return (key_.sizeInBits + 7) / 8; }
+    // Throws CKR_DATA_LEN_RANGE for a message too long for the key and padding.
+    Bytes encrypt(ByteView message) const;
+
+  private:
+    KeyFacts key_;
+    std::optional<platform::key_service::RsaOaepParameters> oaep_;
+};
+
 // ECDH with the key: the peer's point from CK_ECDH1_DERIVE_PARAMS (raw or as a DER OCTET STRING),
 // no key derivation function.
 class EcdhDerivation {

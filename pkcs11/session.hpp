@@ -26,6 +26,7 @@ struct Session {
     std::optional<SignOperation> signing;
     std::optional<VerifyOperation> verifying;
     std::optional<DecryptOperation> decrypting;
+    std::optional<EncryptOperation> encrypting;
     std::optional<DigestOperation> digesting;
     std::map<Bytes, SessionKey> keys;  // by public-key hash
 };

@@ -154,12 +154,13 @@ void appendKeyObjects(const platform::token_store::KeyItem& item, const card::Id
         return attributes;
     };
 
-    // Usages the module performs with the object: it verifies with public keys, but encrypts
-    // with none and derives only with private keys.
+    // A key pair's halves agree: the public key verifies what the private key signs and
+    // encrypts what it decrypts (both done by the module), and carries the private key's derive
+    // flag, which is all a public key's CKA_DERIVE can say.
     auto publicKey = shared(CKO_PUBLIC_KEY);
     publicKey.setBool(CKA_VERIFY, can.sign);
-    publicKey.setBool(CKA_ENCRYPT, false);
-    publicKey.setBool(CKA_DERIVE, false);
+    publicKey.setBool(CKA_ENCRYPT, can.decrypt);
+    publicKey.setBool(CKA_DERIVE, can.derive);
     publicKey.setBool(CKA_VERIFY_RECOVER, false);
     publicKey.setBool(CKA_WRAP, false);
     publicKey.setBool(CKA_TRUSTED, false);

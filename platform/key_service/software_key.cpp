@@ -14,6 +14,7 @@
 #include "platform/crypto/message_digest.hpp"
 #include "platform/crypto/openssl_handles.hpp"
 #include "platform/key_service/ec_key_builder.hpp"
+#include "platform/key_service/oaep_padding.hpp"
 
 namespace keyloft::platform::key_service {
 namespace {
@@ -71,17 +72,6 @@ Bytes signDigest(EVP_PKEY* key, ByteView digest, Configure configure) {
         throw PlatformError("signing failed");
     signature.resize(size);
     return signature;
-}
-
-// OpenSSL takes ownership of the label, so it gets its own copy.
-bool setOaepLabel(EVP_PKEY_CTX* context, ByteView label) {
-    if (label.empty()) return true;
-    openssl::Buffer copy(static_cast<unsigned char*>(OPENSSL_memdup(label.data(), label.size())));
-    if (!copy ||
-        EVP_PKEY_CTX_set0_rsa_oaep_label(context, copy.get(), static_cast<int>(label.size())) != 1)
-        return false;
-    (void)copy.release();  // the context's now
-    return true;
 }
 
 template <class Encoder>
@@ -245,11 +235,7 @@ crypto::SecretBytes SoftwareKey::decryptRsaOaep(ByteView ciphertext,
     openssl::PkeyContext context(EVP_PKEY_CTX_new_from_pkey(nullptr, key_.get(), nullptr));
     std::size_t size = 0;
     if (!context || EVP_PKEY_decrypt_init(context.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(context.get(), RSA_PKCS1_OAEP_PADDING) != 1 ||
-        EVP_PKEY_CTX_set_rsa_oaep_md(context.get(), crypto::messageDigest(parameters.hash)) != 1 ||
-        EVP_PKEY_CTX_set_rsa_mgf1_md(context.get(), crypto::messageDigest(parameters.mgf1Hash)) !=
-            1 ||
-        !setOaepLabel(context.get(), parameters.label) ||
+        !setOaepPadding(context.get(), parameters) ||
         EVP_PKEY_decrypt(context.get(), nullptr, &size, ciphertext.data(), ciphertext.size()) !=
             1) {
         throw PlatformError("decryption failed");

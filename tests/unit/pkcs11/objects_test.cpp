@@ -53,10 +53,6 @@ TEST_P(EveryIdentity, AppearsAsCertificateAndKeyPair) {
     EXPECT_TRUE(flag(value(privateKey, CKA_SIGN)));
     EXPECT_TRUE(flag(value(privateKey, CKA_DERIVE)));
     EXPECT_FALSE(flag(value(privateKey, CKA_DECRYPT)));
-    // A public key promises only what the module does with it: verification.
-    EXPECT_TRUE(flag(value(publicKey, CKA_VERIFY)));
-    EXPECT_FALSE(flag(value(publicKey, CKA_ENCRYPT)));
-    EXPECT_FALSE(flag(value(publicKey, CKA_DERIVE)));
     EXPECT_TRUE(flag(value(privateKey, CKA_SENSITIVE)));
     EXPECT_FALSE(flag(value(privateKey, CKA_EXTRACTABLE)));
     EXPECT_EQ(flag(value(privateKey, CKA_NEVER_EXTRACTABLE)), GetParam().bound);
