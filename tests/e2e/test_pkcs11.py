@@ -372,3 +372,60 @@ def test_each_private_key_names_its_key_processor(wallet, key_processor):
     output = wallet.card.client(sys.executable, "-c", READ_KEY_PROCESSORS, PKCS11_MODULE).stdout
     assert dict(line.split() for line in output.splitlines()) == {
         label: key_processor for label in wallet.identities}
+
+
+USES = SESSION + """
+import hashlib
+from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.hazmat.primitives import serialization
+answer = {}
+for key in session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PRIVATE_KEY)]):
+    label, id_, type_ = session.getAttributeValue(
+        key, [LowLevel.CKA_LABEL, LowLevel.CKA_ID, LowLevel.CKA_KEY_TYPE])
+    (public,) = session.findObjects([(LowLevel.CKA_CLASS, LowLevel.CKO_PUBLIC_KEY),
+                                     (LowLevel.CKA_ID, bytes(id_))])
+    uses = {}
+    for name, private_use, public_use in (("sign", LowLevel.CKA_SIGN, LowLevel.CKA_VERIFY),
+                                          ("decrypt", LowLevel.CKA_DECRYPT, LowLevel.CKA_ENCRYPT),
+                                          ("derive", LowLevel.CKA_DERIVE, LowLevel.CKA_DERIVE)):
+        (mine,) = session.getAttributeValue(key, [private_use])
+        (theirs,) = session.getAttributeValue(public, [public_use])
+        uses[name] = (bool(mine), bool(theirs))
+    rsa = type_ == LowLevel.CKK_RSA
+    digest = hashlib.sha256(b"data").digest()
+    sign = PyKCS11.Mechanism(LowLevel.CKM_SHA256_RSA_PKCS if rsa else LowLevel.CKM_ECDSA)
+    data = b"data" if rsa else digest
+    did = {"sign": session.verify(public, data, session.sign(key, data, sign), sign)}
+    if rsa:
+        oaep = PyKCS11.RSAOAEPMechanism(LowLevel.CKM_SHA256, LowLevel.CKG_MGF1_SHA256)
+        ciphertext = session.encrypt(public, b"secret", oaep)
+        did["decrypt"] = bytes(session.decrypt(key, ciphertext, oaep)) == b"secret"
+    else:
+        peer = ec.generate_private_key(ec.SECP256R1())
+        point = peer.public_key().public_bytes(serialization.Encoding.X962,
+                                               serialization.PublicFormat.UncompressedPoint)
+        derived = session.deriveKey(key, [(LowLevel.CKA_CLASS, LowLevel.CKO_SECRET_KEY),
+                                          (LowLevel.CKA_KEY_TYPE, LowLevel.CKK_GENERIC_SECRET),
+                                          (LowLevel.CKA_TOKEN, False),
+                                          (LowLevel.CKA_SENSITIVE, False),
+                                          (LowLevel.CKA_EXTRACTABLE, True)],
+                                    PyKCS11.ECDH1_DERIVE_Mechanism(point))
+        (secret,) = session.getAttributeValue(derived, [LowLevel.CKA_VALUE])
+        did["derive"] = len(bytes(secret)) == 32
+    answer[label] = {"uses": uses, "did": did}
+print(json.dumps(answer))
+"""
+
+
+def test_every_key_pair_agrees_and_does_what_its_flags_say(wallet):
+    """The usage checks of OpenSC's p11test: the halves of a pair agree, and each key signs,
+    decrypts or derives as its flags say, through the module alone."""
+    output = wallet.card.client(sys.executable, "-c", "import json\n" + USES,
+                                PKCS11_MODULE).stdout
+    for label, found in json.loads(output).items():
+        for use, (mine, theirs) in found["uses"].items():
+            assert mine == theirs, (label, use)
+        rsa = not wallet.identities[label].is_ec
+        assert found["uses"]["decrypt"][0] == rsa and found["uses"]["derive"][0] != rsa
+        assert found["did"] == ({"sign": True, "decrypt": True} if rsa
+                                else {"sign": True, "derive": True}), label
