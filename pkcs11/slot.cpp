@@ -1,10 +1,13 @@
 #include "pkcs11/slot.hpp"
 
 #include <algorithm>
+#include <mutex>
 
+#include "base/error.hpp"
 #include "encoding/hex.hpp"
 #include "keys/key_access.hpp"
 #include "platform/os/log.hpp"
+#include "platform/os/settings_files.hpp"
 
 namespace keyloft::pkcs11 {
 
@@ -117,26 +120,52 @@ void requireObjectsKey(const platform::key_service::PrivateKey& reached, const K
 
 }  // namespace
 
+namespace {
+
+// The settings' grace period, read at each protected use so that a change applies to running
+// programs; a settings file that cannot be read gives none (every use asks), said once in the log.
+std::chrono::seconds presenceGrace() {
+    try {
+        return platform::os::readSettings().presenceGrace;
+    } catch (const PlatformError& error) {
+        static std::once_flag logged;
+        std::call_once(logged, [&] {
+            platform::os::logError(std::string("PKCS#11: ") + error.what() +
+                                   "; every use of a protected key asks for presence");
+        });
+        return std::chrono::seconds(0);
+    }
+}
+
+}  // namespace
+
 Slot::ReachedKey Slot::privateKey(Session& session, const KeyFacts& key) {
     checkLive();
     const auto stored = objects_.storedKey(key);
     if (!stored) throw CryptokiError(CKR_KEY_HANDLE_INVALID);
-    auto reach = [&] {
+    auto reach = [&](std::shared_ptr<keys::AuthenticationContext> context) {
         std::shared_ptr<const platform::key_service::PrivateKey> reached =
-            keys::privateKey(*stored, std::make_shared<keys::AuthenticationContext>());
+            keys::privateKey(*stored, std::move(context));
         requireObjectsKey(*reached, key);
         return reached;
     };
     if (keys::protectionOf(*stored).biometryProtection == keys::BiometryProtection::on) {
         std::unique_lock presence(keyProcessorLock_);
-        return {reach(), std::move(presence)};
+        const auto grace = presenceGrace();
+        auto& context = presence_[key.publicKeyHash];
+        // A context from before a change of the settings keeps to the grace it was given.
+        if (!context || !context->presenceConfirmed() ||
+            context->grace() != keys::AuthenticationContext::Clock::duration(grace))
+            context = std::make_shared<keys::AuthenticationContext>(grace);
+        return {reach(context), std::move(presence)};
     }
     // Unwrapping costs more than the signature itself; a session that signs again reuses the
     // key, unless the tool replaced it since.
     const auto kept = session.keys.find(key.publicKeyHash);
     if (kept != session.keys.end() && kept->second.storage == *stored)
         return {kept->second.handle, {}};
-    auto handle = withKeyProcessor(reach);
+    auto handle =
+        withKeyProcessor([&] { return reach(std::make_shared<keys::AuthenticationContext>()); });
     session.keys.insert_or_assign(key.publicKeyHash, SessionKey{*stored, handle});
     return {std::move(handle), {}};
 }

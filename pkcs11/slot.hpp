@@ -4,6 +4,7 @@
 #include <map>
 #include <shared_mutex>
 
+#include "keys/key_access.hpp"
 #include "pkcs11/object_table.hpp"
 #include "pkcs11/session.hpp"
 #include "platform/key_service/private_key.hpp"
@@ -55,9 +56,11 @@ class Slot {
         const platform::key_service::PrivateKey& operator*() const { return *key; }
     };
     // The private key behind a key object. A key without biometry protection is reached once per
-    // session and kept with it; a protected one is reached for each operation with a fresh
-    // authentication context, so that it asks for presence every time. Throws
-    // CKR_KEY_HANDLE_INVALID when its stored key has gone from the token.
+    // session and kept with it; a protected one is reached for each operation, under the key's
+    // authentication context of this process: one confirmation of presence covers the program's
+    // further uses of the key for the settings' grace period (a browser signs once per TLS
+    // handshake, and one page may take several). Throws CKR_KEY_HANDLE_INVALID when its stored key
+    // has gone from the token.
     ReachedKey privateKey(Session& session, const KeyFacts& key);
 
     // Runs work that uses the key processor (reaching or making keys) alone: the processor
@@ -77,6 +80,9 @@ class Slot {
     std::atomic<bool> loggedIn_ = false;
     std::atomic<bool> released_ = false;
     std::mutex keyProcessorLock_;
+    // By public-key hash, under keyProcessorLock_; a context outlives its grace only until the
+    // key is next used.
+    std::map<Bytes, std::shared_ptr<keys::AuthenticationContext>> presence_;
 };
 
 }  // namespace keyloft::pkcs11

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
+#include <optional>
 
 #include "base/bytes.hpp"
 #include "base/public_key_attributes.hpp"
@@ -32,14 +36,28 @@ inline bool isRsaKeySize(int sizeInBits) {
 // access-control words it could not honour.
 void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl);
 
-// One user-authentication session: once presence is confirmed, it holds for every use under it.
+// One user-authentication session: once presence is confirmed, it holds for every use under it
+// (a command), or, given a grace period, for the uses in that period after the confirmation (a
+// program's uses of one key through the PKCS#11 module). Safe to share between threads.
 class AuthenticationContext {
   public:
-    bool presenceConfirmed() const { return confirmed_; }
-    void confirmPresence() { confirmed_ = true; }
+    using Clock = std::chrono::steady_clock;
+
+    AuthenticationContext() = default;
+    explicit AuthenticationContext(Clock::duration grace) : grace_(grace) {}
+
+    bool presenceConfirmed() const {
+        const auto at = confirmedAt_.load();
+        if (at == notConfirmed) return false;
+        return !grace_ || Clock::now().time_since_epoch().count() - at < grace_->count();
+    }
+    void confirmPresence() { confirmedAt_ = Clock::now().time_since_epoch().count(); }
+    std::optional<Clock::duration> grace() const { return grace_; }
 
   private:
-    bool confirmed_ = false;
+    static constexpr Clock::rep notConfirmed = std::numeric_limits<Clock::rep>::min();
+    std::optional<Clock::duration> grace_;
+    std::atomic<Clock::rep> confirmedAt_{notConfirmed};
 };
 
 // Asks the user to confirm presence; throws PlatformError when it cannot be confirmed.

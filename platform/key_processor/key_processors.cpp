@@ -13,6 +13,7 @@
 #include "platform/key_processor/soft_key_processor.hpp"
 #include "platform/key_processor/tpm_key_processor.hpp"
 #include "platform/os/paths.hpp"
+#include "platform/os/settings_files.hpp"
 
 namespace keyloft::platform::key_processor {
 namespace {
@@ -122,15 +123,30 @@ void checkNewKeyRequest(int sizeInBits, std::uint32_t accessControl) {
 
 KeyProcessor& defaultKeyProcessor(bool cardHoldsTpmKeys) {
     const auto forced = environment("KEYLOFT_KEY_PROCESSOR");
-    if (forced == "soft") return softProcessor();
+    // The environment overrides the user's settings, never the administrator's.
+    if (forced == "soft") {
+        if (os::readAdministratorSettings().requireTpm) {
+            throw PlatformError(
+                "Key processor: KEYLOFT_KEY_PROCESSOR=soft is refused: the administrator's "
+                "settings require the TPM (require_tpm = yes)");
+        }
+        return softProcessor();
+    }
     if (forced && forced != "tpm") {
         throw PlatformError("Key processor: KEYLOFT_KEY_PROCESSOR is '" + *forced +
                             "'; it may be 'soft' or 'tpm'");
     }
-    // Asking for a TPM by name, or holding keys in one, makes a missing TPM an error.
-    const bool tpmRequired = forced || cardHoldsTpmKeys || environment("KEYLOFT_TCTI");
+    const bool settingsRequire = !forced && os::readSettings().requireTpm;
+    // Asking for a TPM by name or in the settings, or holding keys in one, makes a missing TPM
+    // an error.
+    const bool tpmRequired =
+        forced || cardHoldsTpmKeys || environment("KEYLOFT_TCTI") || settingsRequire;
     // The reason is a whole message of this processor's.
     const auto why = [&](const std::string& reason) {
+        if (settingsRequire && !cardHoldsTpmKeys) {
+            return PlatformError(reason +
+                                 "; the settings require the TPM for new keys (require_tpm = yes)");
+        }
         return PlatformError(
             reason + (cardHoldsTpmKeys ? "; this card holds TPM keys, so new keys are not made in "
                                          "software unless KEYLOFT_KEY_PROCESSOR=soft says so"

@@ -2,13 +2,16 @@
 private system bus, with a rules file that answers yes, no, or "authenticate" (which no
 authentication agent answers here). polkit holds root authorized for everything, so the tool and
 the PKCS#11 clients run as an unprivileged user of the test's own."""
+import json
 import os
 import pathlib
 import pwd
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
+import time
 
 import pytest
 
@@ -236,3 +239,38 @@ def test_no_polkit_means_refused(desktop, protected_key, bus):
         refused = desktop.tool(card, "create-csr", "-h", key_hash, "-f", "request")
         assert "is not running" in refused, refused
     assert not (card.home / "request.csr").exists()
+
+
+def test_one_confirmation_covers_a_program_for_the_grace_period(polkit, protected_key):
+    """A browser signs once per TLS handshake: within the settings' grace period the same
+    program's next use of the key is not asked again (the rule's "no" goes unread); after it, the
+    key asks, and the "no" refuses."""
+    card, key_hash = protected_key
+    settings = card.home / ".config" / "keyloft"
+    settings.mkdir(parents=True, exist_ok=True)
+    (settings / "keyloft.conf").write_text("# one page load\npresence_grace_seconds = 2\n")
+    for path in (card.home / ".config", settings, settings / "keyloft.conf"):
+        os.chown(path, polkit.user.pw_uid, polkit.user.pw_gid)
+    session = subprocess.Popen(
+        [sys.executable, str(pathlib.Path(__file__).with_name("pkcs11_session.py")), polkit.module],
+        stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, cwd=card.home,
+        env=card.client_env(DBUS_SYSTEM_BUS_ADDRESS=polkit.address), start_new_session=True,
+        user=polkit.user.pw_uid, group=polkit.user.pw_gid, extra_groups=[])
+
+    def ask(line):
+        session.stdin.write(line + "\n")
+        session.stdin.flush()
+        return json.loads(session.stdout.readline())
+
+    try:
+        assert [key_hash.lower()] == [id_ for _, id_ in ask("find")]
+        polkit.answer("yes")
+        assert isinstance(ask(f"sign-found {key_hash.lower()} {'11' * 32}"), str)
+        polkit.answer("no")
+        assert isinstance(ask(f"sign-found {key_hash.lower()} {'22' * 32}"), str)
+        time.sleep(2.5)
+        assert ask(f"sign-found {key_hash.lower()} {'33' * 32}") == {"error": "CKR_FUNCTION_REJECTED"}
+    finally:
+        session.stdin.close()
+        session.wait(timeout=60)
+        (settings / "keyloft.conf").unlink()

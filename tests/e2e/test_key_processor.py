@@ -256,3 +256,30 @@ def test_a_resource_manager_dying_mid_command_leaves_one_error_line(card, tpm_se
     assert prompt == "Confirm your presence to use the key." and len(rest) == 1, screen
     assert rest[0].startswith("Error: ") and "the TPM does not answer" in rest[0], screen
     assert not (card.home / "bio.csr").exists()
+
+
+def settings(card, text):
+    folder = card.home / ".config" / "keyloft"
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / "keyloft.conf").write_text(text)
+    return folder / "keyloft.conf"
+
+
+def test_the_settings_can_require_the_tpm_for_good(card):
+    """require_tpm = yes: without a TPM no key is made in software, and nothing is written."""
+    no_tpm_here()
+    settings(card, "require_tpm = yes\n")
+    for kind in ("p-256-ne", "p-256"):
+        line = card.out("create-identity", "-l", "New", "-k", kind, **NO_TPM)
+        assert line.startswith("Error: Key processor: no TPM found"), line
+        assert line.endswith("the settings require the TPM for new keys (require_tpm = yes)\n")
+    assert card.config_data() is None or card.items() == []
+    card.run(*CREATE)  # the session's TPM answers
+    assert list(back_ends(card).values()) == [b"t"]
+
+
+def test_a_malformed_settings_file_is_named_with_its_line(card):
+    path = settings(card, "# keyloft\nrequire_tpm = always\n")
+    assert card.out(*CREATE, **NO_TPM) == (
+        f"Error: The settings file {path}, line 2: require_tpm is 'yes' or 'no'\n")
+    assert card.config_data() is None or card.items() == []
