@@ -24,7 +24,7 @@ done
 work=$(mktemp -d)
 pids=()
 cleanup() {
-    for pid in "${pids[@]}"; do kill "$pid" 2> /dev/null || true; done
+    for ((i = ${#pids[@]} - 1; i >= 0; i--)); do kill "${pids[i]}" 2> /dev/null || true; done
     wait 2> /dev/null || true
     rm -rf "$work"
 }
@@ -62,29 +62,10 @@ softhsm2-util --init-token --free --label bench --pin 1234 --so-pin 4321 > /dev/
 pkcs11-tool --module "$softhsm" --login --pin 1234 --keypairgen --key-type rsa:2048 \
     --label bench-rsa > /dev/null 2>&1
 
-# A software TPM behind a private tpm2-abrmd on the session bus.
-eval "$(dbus-launch --sh-syntax)"
-pids+=("$DBUS_SESSION_BUS_PID")
-port=$((20000 + RANDOM % 20000))
-mkdir -p "$work/tpm"
-swtpm socket --tpm2 --tpmstate dir="$work/tpm" \
-    --server type=tcp,bindaddr=127.0.0.1,port="$port" \
-    --ctrl type=tcp,bindaddr=127.0.0.1,port=$((port + 1)) --flags not-need-init,startup-clear &
-pids+=($!)
-sleep 0.5
-bus_name=com.intel.tss2.Tabrmd.keyloftbench$$
-root_flag=()
-[[ $(id -u) -ne 0 ]] || root_flag=(--allow-root)
-tpm2-abrmd --session --dbus-name="$bus_name" --tcti=swtpm:host=127.0.0.1,port="$port" \
-    --flush-all "${root_flag[@]}" 2> /dev/null &
-pids+=($!)
-for _ in $(seq 100); do
-    dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
-        org.freedesktop.DBus.NameHasOwner string:"$bus_name" 2> /dev/null |
-        grep -q 'boolean true' && break
-    sleep 0.1
-done
-tcti="tabrmd:bus_name=$bus_name,bus_type=session"
+# A software TPM behind a private tpm2-abrmd.
+# shellcheck source=bench/software_tpm.sh
+source "$root/bench/software_tpm.sh"
+start_software_tpm
 KEYLOFT_KEY_PROCESSOR=tpm KEYLOFT_TCTI=$tcti "$keyloft" create-identity -l bench-tpm -k rsa-2048-ne \
     -CN bench-tpm > /dev/null
 export TPM2_PKCS11_STORE=$work/tpm2-store TPM2_PKCS11_TCTI=$tcti TPM2TOOLS_TCTI=$tcti

@@ -287,3 +287,19 @@ def software_tpm(tpm_services):
     """The session's simulator behind tpm2-abrmd; the environment that reaches it."""
     env, _ = tpm_services.start()
     return env
+
+
+def engine_config(folder, module):
+    """An OpenSSL configuration file that loads the pkcs11 engine with the module."""
+    config = folder / "engine.cnf"
+    config.write_text(f"""openssl_conf = openssl_init
+[openssl_init]
+engines = engine_section
+[engine_section]
+pkcs11 = pkcs11_section
+[pkcs11_section]
+engine_id = pkcs11
+MODULE_PATH = {module}
+init = 0
+""")
+    return str(config)

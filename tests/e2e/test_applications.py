@@ -16,7 +16,7 @@ import time
 
 import pytest
 
-from conftest import PKCS11_MODULE, PKCS11_PRELOAD, Card
+from conftest import PKCS11_MODULE, PKCS11_PRELOAD, Card, engine_config
 
 PLAIN_MODULE = os.environ.get("KEYLOFT_PKCS11_PLAIN") or ("" if PKCS11_PRELOAD else PKCS11_MODULE)
 P11_KIT_PROXY = "/usr/lib/x86_64-linux-gnu/p11-kit-proxy.so"
@@ -161,21 +161,6 @@ def test_chromium(web, system_file, setup):
     assert "Client certificate" in page
 
 
-def engine_config(folder):
-    config = folder / "engine.cnf"
-    config.write_text(f"""openssl_conf = openssl_init
-[openssl_init]
-engines = engine_section
-[engine_section]
-pkcs11 = pkcs11_section
-[pkcs11_section]
-engine_id = pkcs11
-MODULE_PATH = {PLAIN_MODULE}
-init = 0
-""")
-    return str(config)
-
-
 CERT = "pkcs11:token=keyloft;object=Web;type=cert"
 KEY = "pkcs11:token=keyloft;object=Web;type=private"
 
@@ -183,7 +168,7 @@ KEY = "pkcs11:token=keyloft;object=Web;type=private"
 def test_curl_with_pkcs11_uris(web, tmp_path):
     page = logs_in(web, "curl", "-sS", "--cacert", "ca.pem", "--engine", "pkcs11",
                    "--cert-type", "ENG", "--cert", CERT, "--key-type", "ENG", "--key", KEY,
-                   "{url}", OPENSSL_CONF=engine_config(tmp_path)).stdout
+                   "{url}", OPENSSL_CONF=engine_config(tmp_path, PLAIN_MODULE)).stdout
     assert "Client certificate" in page
 
 
@@ -200,7 +185,7 @@ def test_openssl_cms_signs_mail(web, tmp_path):
     (tmp_path / "mail.txt").write_text("Hello\n")
     run("openssl", "cms", "-sign", "-engine", "pkcs11", "-keyform", "engine", "-inkey", KEY,
         "-signer", pki / "web.pem", "-in", "mail.txt", "-out", "mail.p7s", "-outform", "PEM",
-        cwd=tmp_path, env=web.env(OPENSSL_CONF=engine_config(tmp_path)))
+        cwd=tmp_path, env=web.env(OPENSSL_CONF=engine_config(tmp_path, PLAIN_MODULE)))
     verified = run("openssl", "cms", "-verify", "-CAfile", pki / "ca.pem", "-in", "mail.p7s",
                    "-inform", "PEM", "-content", "mail.txt", "-purpose", "smimesign", cwd=tmp_path)
     assert "Verification successful" in verified.stderr

@@ -18,7 +18,7 @@ from cryptography import x509
 from cryptography.hazmat.primitives import hashes, serialization
 from cryptography.hazmat.primitives.asymmetric import ec, utils
 
-from conftest import PKCS11_MODULE, Card
+from conftest import PKCS11_MODULE, Card, engine_config
 from identities import make_certificate, make_key, openssl_file
 
 if not pathlib.Path(PKCS11_MODULE).exists():
@@ -312,17 +312,7 @@ def test_open_session_sees_identities_made_after_it(card):
                   "-pkeyopt", "rsa_pss_saltlen:32"], PSS),
 ])
 def test_openssl_engine_signs(wallet, tmp_path, label, options, verify_options):
-    config = tmp_path / "openssl.cnf"
-    config.write_text(f"""openssl_conf = openssl_init
-[openssl_init]
-engines = engine_section
-[engine_section]
-pkcs11 = pkcs11_section
-[pkcs11_section]
-engine_id = pkcs11
-MODULE_PATH = {PKCS11_MODULE}
-init = 0
-""")
+    config = engine_config(tmp_path, PKCS11_MODULE)
     (tmp_path / "digest").write_bytes(hashlib.sha256(MESSAGE).digest())
     wallet.card.client("openssl", "pkeyutl", "-engine", "pkcs11", "-keyform", "engine", "-inkey",
                        f"pkcs11:token=keyloft;object={label};type=private", "-sign",
