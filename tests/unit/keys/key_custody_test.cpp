@@ -181,7 +181,7 @@ TEST_F(KeyCustody, AccessControlWordFollowsBiometry) {
 // The child has no controlling terminal, so any presence check there is refused.
 TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
     const auto processorKey = generateKey(KeyType::p256ne, true, {});
-    const auto bastion = *processorKey.storage.boundKey;
+    const auto boundKey = *processorKey.storage.boundKey;
     const auto sealed = makeSealedKey(SoftwareKey::generateEC(384), true, {});
     const auto newSealed = generateKey(KeyType::p384, true, {});
     const auto unprotected = generateKey(KeyType::p256, false, {});
@@ -190,21 +190,21 @@ TEST_F(KeyCustody, ContextReachesProtectedKeysOnly) {
 
     const auto outcome = testing::runInSession(
         [&] {
-            privateKey(KeyStorage{.boundKey = bastion}, confirmed)->sign(ecdsa, bytesOf("m"));
+            privateKey(KeyStorage{.boundKey = boundKey}, confirmed)->sign(ecdsa, bytesOf("m"));
             unwrapPrivateKeyData(sealed, confirmed);
             unprotected.sign(ecdsa, bytesOf("m"));
         },
         false);
     EXPECT_TRUE(outcome.succeeded) << outcome.error;
 
-    auto unprotectedRecord = bastion;
+    auto unprotectedRecord = boundKey;
     unprotectedRecord.biometryProtection = BiometryProtection::off;
     const std::vector<std::function<void()>> refused{
         [&] {
             privateKey(KeyStorage{.boundKey = unprotectedRecord}, confirmed)
                 ->sign(ecdsa, bytesOf("m"));
         },
-        [&] { privateKey(KeyStorage{.boundKey = bastion}, nullptr)->sign(ecdsa, bytesOf("m")); },
+        [&] { privateKey(KeyStorage{.boundKey = boundKey}, nullptr)->sign(ecdsa, bytesOf("m")); },
         [&] { unwrapPrivateKeyData(sealed, nullptr); },
         // A new key signing while in hand asks as its record would.
         [&] { processorKey.sign(ecdsa, bytesOf("m")); },

@@ -36,7 +36,7 @@ Bytes hashOf(std::uint8_t fill) {
     return Bytes(20, fill);
 }
 
-PlistValue bastionStorage(std::uint8_t fill, std::string protection = "off",
+PlistValue boundStorage(std::uint8_t fill, std::string protection = "off",
                           bool withKeyData = true) {
     PlistDictionary record{{"pubKeyHash", {hashOf(fill)}},
                            {"biometryProtection", {std::move(protection)}}};
@@ -145,7 +145,7 @@ TEST_F(StoredKeyCodec, RecordsAreAddedInPlaceUntilTheRoomIsUsedUp) {
     const StoredKeyMap one{{hashOf(0xFF), sealedStorage(0xFF)}};
     EXPECT_TRUE(appendStoredKeys(encodeStoredKeys(expected), one));
     EXPECT_FALSE(
-        appendStoredKeys(rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1)}), one));
+        appendStoredKeys(rootWith({std::int64_t{1}}, {{hashOf(1)}, boundStorage(1)}), one));
 }
 
 TEST_F(StoredKeyCodec, StandardReaderSeesRecordsAddedInPlace) {
@@ -198,21 +198,21 @@ INSTANTIATE_TEST_SUITE_P(
         BadData{"VersionIsText", rootWith({std::string("1")}, {}), Case::decodeDataFailed,
                 "Failed to decode data: version: expected integer, found string"},
         BadData{"OddPairList",
-                rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1), {hashOf(2)}}),
+                rootWith({std::int64_t{1}}, {{hashOf(1)}, boundStorage(1), {hashOf(2)}}),
                 Case::decodeDataFailed, "Failed to decode data: keys: odd number of elements (3)"},
-        BadData{"HashIsText", rootWith({std::int64_t{1}}, {{std::string("h")}, bastionStorage(1)}),
+        BadData{"HashIsText", rootWith({std::int64_t{1}}, {{std::string("h")}, boundStorage(1)}),
                 Case::decodeDataFailed,
                 "Failed to decode data: keys[0]: expected data, found string"},
         BadData{"RecordMissesKeyData",
-                rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "off", false)}),
+                rootWith({std::int64_t{1}}, {{hashOf(1)}, boundStorage(1, "off", false)}),
                 Case::decodeDataFailed,
                 "Failed to decode data: keys[1].bastionKey.keyData: missing"},
         BadData{
             "ProtectionIsTheCommandLineWord",
-            rootWith({std::int64_t{1}}, {{hashOf(1)}, bastionStorage(1, "bio")}),
+            rootWith({std::int64_t{1}}, {{hashOf(1)}, boundStorage(1, "bio")}),
             Case::decodeDataFailed,
             "Failed to decode data: keys[1].bastionKey.biometryProtection: unknown value \"bio\""},
-        BadData{"OtherVersion", rootWith({std::int64_t{2}}, {{hashOf(1)}, bastionStorage(1)}),
+        BadData{"OtherVersion", rootWith({std::int64_t{2}}, {{hashOf(1)}, boundStorage(1)}),
                 Case::dataVersionMismatch, "Ignoring decoded data with different version: 2"},
         BadData{"OtherVersionWithBrokenKeys", rootWith({std::int64_t{2}}, {{hashOf(1)}}),
                 Case::decodeDataFailed, "Failed to decode data: keys: odd number of elements (1)"}),
@@ -220,13 +220,13 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
     // A repeated hash (the later pair wins), unknown keys, a storage with neither record.
-    PlistValue annotated = bastionStorage(1, "on");
+    PlistValue annotated = boundStorage(1, "on");
     std::get<PlistDictionary>(annotated.value).emplace_back("future", PlistValue{std::int64_t{9}});
     const Bytes data = toBinary({PlistDictionary{
         {"version", {std::int64_t{1}}},
         {"keys",
          {PlistArray{{hashOf(1)},
-                     bastionStorage(1),
+                     boundStorage(1),
                      {hashOf(1)},
                      annotated,
                      {hashOf(2)},
@@ -246,13 +246,13 @@ TEST_F(StoredKeyCodec, ToleratesWhatTheToolNeverWrites) {
 // The module serves each identity on its own: a damaged or empty record costs only its own key.
 TEST_F(StoredKeyCodec, UsableRecordsLeaveOutOnlyTheDamagedOnes) {
     const Bytes data = rootWith({std::int64_t{1}}, {{hashOf(1)},
-                                                    bastionStorage(1, "off", false),
+                                                    boundStorage(1, "off", false),
                                                     {std::string("h")},
-                                                    bastionStorage(2),
+                                                    boundStorage(2),
                                                     {hashOf(3)},
                                                     {PlistDictionary{}},
                                                     {hashOf(4)},
-                                                    bastionStorage(4)});
+                                                    boundStorage(4)});
     const auto usable = decodeUsableStoredKeys(data);
     ASSERT_EQ(usable.size(), 1U);
     EXPECT_TRUE(usable.contains(hashOf(4)));
