@@ -37,7 +37,7 @@ Bytes hashOf(std::uint8_t fill) {
 }
 
 PlistValue boundStorage(std::uint8_t fill, std::string protection = "off",
-                          bool withKeyData = true) {
+                        bool withKeyData = true) {
     PlistDictionary record{{"pubKeyHash", {hashOf(fill)}},
                            {"biometryProtection", {std::move(protection)}}};
     if (withKeyData) record.emplace_back("keyData", PlistValue{Bytes{fill}});
